@@ -1,0 +1,34 @@
+// Severity levels and named log groups.
+#pragma once
+
+#include <string>
+#include <utility>
+
+// A smaller value is more severe. A message passes a group when its level is less than or equal
+// to the group's.
+enum DbgLevel : int {
+    DBG_ERROR = 0,
+    DBG_WARN = 1,
+    DBG_INFO = 2,
+    DBG_TRACE = 3,
+    DBG_DEBUG = 4,
+};
+
+// The level that a configuration value stands for: a value that names none is taken as DBG_WARN.
+constexpr DbgLevel dbg_level_from_config(int value)
+{
+    return value < DBG_ERROR || value > DBG_DEBUG ? DBG_WARN : static_cast<DbgLevel>(value);
+}
+
+// A named log group with a level of its own. Created with new by the class that logs through it
+// and alive until the process ends: any thread may still hold a pointer to it.
+struct DebugGroup {
+    DebugGroup(DbgLevel group_level, std::string group_name)
+        : level(group_level), name(std::move(group_name))
+    {
+    }
+
+    DbgLevel level;    // the most verbose level that the group lets through
+    std::string name;  // for identification; never part of a log line
+    int index = -1;    // position in the logger's list; -1 until registered
+};

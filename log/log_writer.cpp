@@ -1,0 +1,156 @@
+// The part of the logger that reads its configuration and writes to disk.
+#include <unistd.h>
+
+#include <exception>
+
+#include "config/config_file.h"
+#include "files/file_object.h"
+#include "log/scoped_lock.h"
+#include "log/simple_logger.h"
+
+namespace {
+
+constexpr const char* LOG_DIRECTORY = "/var/log/current";
+constexpr const char* LOG_EXTENSION = ".log";
+constexpr unsigned MAX_LOG_FILE_SIZE = 20971520;
+constexpr unsigned MAX_LOG_ARCHIVES = 1;
+
+constexpr std::size_t BLOCK_SIZE = 1024;
+constexpr std::size_t BUFFER_RESERVATION = 10240;
+constexpr time_t TAIL_TIMEOUT = 5;  // seconds
+constexpr useconds_t SLEEP_US = 100000;
+
+// The kernel refuses names over 15 characters, so "QoS_SimpleLogger" is cut.
+constexpr const char* THREAD_NAME = "QoS_SimpleLogge";
+
+}  // namespace
+
+void SimpleLogger::init(ConfigFile* config)
+{
+    if (_initialized || config == nullptr)
+        return;
+    _file_name = config->getStringValue("log.file", "");
+    _extension = LOG_EXTENSION;
+    register_dbg_group(new DebugGroup(
+        dbg_level_from_config(config->getIntValue("log.default", DBG_WARN)), "DEFAULT"));
+    _buffer.reserve(BUFFER_RESERVATION);
+    _last_write_time = 0;
+    if (!start_writer())
+        return;
+    _file = create_file();
+    if (_file != nullptr)
+        Log(DBG_INFO, "Initialized logging. File name: " + _directory + _file_name + _extension);
+    _initialized = true;
+    _initialized.notify_all();
+}
+
+bool SimpleLogger::start_writer()
+{
+    int rc = pthread_mutex_init(&_mutex, nullptr);
+    if (rc != 0) {
+        dbg_print_line("Unable to init mutex for SimpleLogger. Error: " + std::to_string(rc));
+        return false;
+    }
+    _running = true;  // before the thread exists, so that an early dbg_stop() still ends it
+    rc = pthread_create(&_thread, nullptr, dbg_execute, this);
+    if (rc != 0) {
+        _running = false;  // nothing to join
+        dbg_print_line("Unable to create new thread for SimpleLogger. Error: " +
+                       std::to_string(rc));
+        return false;
+    }
+    (void)pthread_setname_np(_thread, THREAD_NAME);  // a name is for the eye only
+    return true;
+}
+
+FileObject* SimpleLogger::create_file()
+{
+    if (_file_name.empty())
+        return nullptr;
+    _directory = LOG_DIRECTORY;
+    if (!_directory.ends_with('/'))
+        _directory += '/';
+    try {
+        return new FileObject(nullptr, 0, _directory, _file_name, _extension, MAX_LOG_FILE_SIZE,
+                              MAX_LOG_ARCHIVES);
+    } catch (const std::exception& error) {
+        dbg_print_line("Unable to open log file " + _directory + _file_name + _extension +
+                       "for writing (" + error.what() + "). Using stdout instead.");
+        return nullptr;
+    }
+}
+
+void SimpleLogger::dbg_stop()
+{
+    if (_running.exchange(false))
+        pthread_join(_thread, nullptr);
+}
+
+void* SimpleLogger::dbg_execute(void* logger)
+{
+    if (logger != nullptr)
+        static_cast<SimpleLogger*>(logger)->dbg_run();
+    return nullptr;
+}
+
+void SimpleLogger::dbg_run()
+{
+    _initialized.wait(false);  // init() creates the file object after this thread
+    if (_file != nullptr)
+        _file->fobj_cleanup();
+    while (_running) {
+        write_pass_guarded(false, false);
+        usleep(SLEEP_US);
+    }
+    Log(DBG_INFO, "Terminating SimpleLogger thread...");
+    write_pass_guarded(true, true);
+}
+
+// An output that cannot be written must not end the thread: its next pass tries again.
+void SimpleLogger::write_pass_guarded(bool sync, bool flush_all)
+{
+    try {
+        dbg_write_file(sync, flush_all);
+    } catch (const std::exception& error) {
+        dbg_print_line(error.what());
+    }
+}
+
+void SimpleLogger::dbg_write_file(bool sync, bool flush_all)
+{
+    const std::string block = take_block(flush_all);
+    if (block.empty())
+        return;
+    // A failed write is reported by the file object; the block is not retried.
+    (void)_file->fobj_write(block, sync);
+    _last_write_time = time(nullptr);
+}
+
+// Cuts the next block off the buffer; empty when nothing is due, or when there is no file and the
+// buffer went to standard output.
+std::string SimpleLogger::take_block(bool flush_all)
+{
+    std::string block;
+    const ScopedLock lock(_mutex);
+    if (_buffer.empty())
+        return block;
+    if (_file == nullptr) {
+        dbg_print_line(_buffer);
+        _buffer.clear();
+        return block;
+    }
+    if (_lost != 0) {
+        _buffer += dbg_format_line(DBG_WARN, "LOG FILE WRITE OVERFLOW: " + std::to_string(_lost) +
+                                                 "messages lost");
+        _lost = 0;
+    }
+    const std::size_t length = _buffer.size();
+    const std::size_t whole_blocks = length - length % BLOCK_SIZE;
+    const bool tail_is_old = length < BLOCK_SIZE && time(nullptr) - _last_write_time > TAIL_TIMEOUT;
+    const bool take_all =
+        length == whole_blocks || tail_is_old || _file->time_2_rotate() || flush_all;
+    const std::size_t taken = take_all ? length : whole_blocks;
+    block.assign(_buffer, 0, taken);
+    _buffer.erase(0, taken);
+    return block;
+}

@@ -1,0 +1,14 @@
+#include "log/logger_helper.h"
+
+#include "log/simple_logger.h"
+
+void LoggerHelper::LogStr(DbgLevel level, const std::string& text) const
+{
+    DBG->Log(group->index, level, text);
+}
+
+void LoggerHelper::create_group(int configured_level, const std::string& name)
+{
+    group = new DebugGroup(dbg_level_from_config(configured_level), name);
+    DBG->register_dbg_group(group);
+}

@@ -1,0 +1,27 @@
+// Base class of the classes that log through a group of their own.
+#pragma once
+
+#include <string>
+
+#include "log/debug_group.h"
+
+class LoggerHelper {
+public:
+    // Logs through the object's own group. Any thread.
+    void LogStr(DbgLevel level, const std::string& text) const;
+
+    // True when LogStr would let this level through: asked before a costly text is composed.
+    bool log_passes(DbgLevel level) const { return level <= group->level; }
+
+protected:
+    // The deriving constructor sets and registers the group before its first LogStr.
+    LoggerHelper() = default;
+    explicit LoggerHelper(DebugGroup* debug_group) : group(debug_group) {}
+    ~LoggerHelper() = default;
+
+    // Creates a group whose level is the given configuration value (DBG_WARN when that names no
+    // level), registers it with the logger and makes it this object's. Main thread, at start-up.
+    void create_group(int configured_level, const std::string& name);
+
+    DebugGroup* group = nullptr;  // not owned
+};

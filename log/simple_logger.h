@@ -1,0 +1,103 @@
+// The process-wide diagnostic log.
+//
+// A caller never touches the disk: Log() filters the message by its group's level, formats one
+// line and appends it to a bounded buffer. The thread "QoS_SimpleLogge" moves the buffer every
+// 100 ms into /var/log/current/<log.file>.log, or to standard output when no file is configured.
+//
+// The logger's mutex is the innermost of the program: it is held for an append or for cutting a
+// block, never while the file object is at work, since that one logs through this logger.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "log/debug_group.h"
+
+class ConfigFile;
+class FileObject;
+
+class SimpleLogger {
+public:
+    // The one logger; created by the first call, destroyed at process exit. Any thread.
+    static SimpleLogger* getInstance();
+
+    SimpleLogger(const SimpleLogger&) = delete;
+    SimpleLogger& operator=(const SimpleLogger&) = delete;
+
+    // Reads log.file and log.default, registers the group "DEFAULT", starts the writer thread and
+    // creates the log file object. Main thread, once, before any other thread of the program
+    // exists; does nothing for a null configuration or when already initialised.
+    void init(ConfigFile* config);
+
+    // Adds a group and returns its index, or -1 for null. Main thread, at start-up.
+    int register_dbg_group(DebugGroup* group);
+
+    // Logs one message through a group. Dropped silently when the index names no group or the
+    // level exceeds the group's; counted as lost when the buffer is full. Any thread.
+    void Log(int group_index, DbgLevel level, const std::string& text);
+
+    // The same through the group "DEFAULT".
+    void Log(DbgLevel level, const std::string& text) { Log(DEFAULT_GROUP, level, text); }
+
+    // True when Log(level, ...) would let the message through: asked before a costly text is
+    // composed. Any thread.
+    bool log_passes(DbgLevel level) const;
+
+    // Stops and joins the writer thread, which writes and syncs what is left. Does nothing when
+    // no thread runs. Main thread.
+    void dbg_stop();
+
+    // Thread entry; the argument is the logger. Returns null.
+    static void* dbg_execute(void* logger);
+
+    // The writer loop.
+    void dbg_run();
+
+    // One writer pass: whole blocks, or everything when flush_all is set or a tail is old enough.
+    // Passes sync on to the file. Throws what FileObject::fobj_write throws; the block is lost
+    // then. Writer thread only.
+    void dbg_write_file(bool sync, bool flush_all);
+
+    // The tag of a level: 7 characters, or "[UNKNOWN]".
+    static std::string dbg_level_2_str(DbgLevel level);
+
+private:
+    SimpleLogger();
+    ~SimpleLogger();
+
+    static constexpr int DEFAULT_GROUP = 0;
+
+    bool group_passes(int group_index, DbgLevel level) const;
+    bool start_writer();
+    FileObject* create_file();
+    void write_pass_guarded(bool sync, bool flush_all);
+    std::string take_block(bool flush_all);
+
+    std::vector<DebugGroup*> _groups;       // not owned
+    std::atomic<int> _group_count{0};       // what other threads may read of _groups
+    std::atomic<bool> _initialized{false};  // set last in init(): the writer waits for it
+    pthread_t _thread{};
+    pthread_mutex_t _mutex{};  // guards _buffer and _lost; valid once _initialized
+    std::atomic<bool> _running{false};
+    std::string _buffer;          // formatted lines not yet written
+    time_t _last_write_time = 0;  // writer thread only
+    int _lost = 0;                // messages refused since the last overflow note
+    FileObject* _file = nullptr;  // null for standard output; lives until the process ends
+    std::string _directory;
+    std::string _file_name;
+    std::string _extension;
+};
+
+// The process-wide pointer to the one logger, set during static initialisation. Other static
+// initialisers must not log: it may not be set yet when they run.
+extern SimpleLogger* const DBG;
+
+// One line of the log: time stamp, tag, thread identifier of the caller, text.
+std::string dbg_format_line(DbgLevel level, const std::string& text);
+
+// Writes the text and a newline to standard output and flushes it. Any thread.
+void dbg_print_line(const std::string& text);

@@ -1,0 +1,21 @@
+// The time-stamp texts of the log and of the statistics lines: local time with milliseconds.
+//
+// No state; any thread.
+#pragma once
+
+#include <sys/time.h>
+
+#include <string>
+
+class Utils {
+public:
+    // The current time as t_stamp(now, false), for example "Nov-14 22:13:20.123 ".
+    static std::string t_stamp();
+
+    // "Nov-14 22:13:20.123 ", or "22:13:20.123 " when time_only. Ends with a blank.
+    // Microseconds outside 0..999999 are not corrected: they print as they divide.
+    static std::string t_stamp(const timeval& tv, bool time_only);
+
+    // "2023-Nov-14 22:13:20.123 +0000": 30 characters for a four-digit year.
+    static std::string t_stamp_tz(const timeval& tv);
+};
