@@ -1,0 +1,278 @@
+#include "files/file_object.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string_view>
+
+#include "log/simple_logger.h"
+
+namespace {
+
+constexpr mode_t DIRECTORY_MODE = 0744;
+constexpr mode_t FILE_MODE = 0644;
+constexpr uid_t OWNER_UID = 500;
+constexpr gid_t OWNER_GID = 500;
+
+constexpr const char* STAMP_FORMAT = "_%F_%H-%M-%S";
+constexpr std::string_view STAMP_FORM = "_dddd-dd-dd_dd-dd-dd";  // d: a digit
+constexpr unsigned COUNTER_DIGITS = 3;
+
+// "No space left on device (28)"
+std::string error_text(int err)
+{
+    return std::string(std::strerror(err)) + " (" + std::to_string(err) + ")";
+}
+
+bool is_digit(char c)
+{
+    return std::isdigit(static_cast<unsigned char>(c)) != 0;
+}
+
+bool matches_form(std::string_view text, std::string_view form)
+{
+    if (text.size() != form.size())
+        return false;
+    for (std::size_t i = 0; i < form.size(); i++)
+        if (form[i] == 'd' ? !is_digit(text[i]) : text[i] != form[i])
+            return false;
+    return true;
+}
+
+// Empty, or "_002" and so on.
+bool is_counter(std::string_view text)
+{
+    if (text.empty())
+        return true;
+    if (text.front() != '_' || text.size() <= COUNTER_DIGITS)
+        return false;
+    text.remove_prefix(1);
+    return std::all_of(text.begin(), text.end(), is_digit);
+}
+
+std::string local_stamp()
+{
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    tm fields{};
+    localtime_r(&now.tv_sec, &fields);
+    std::array<char, 64> text{};
+    const std::size_t length = strftime(text.data(), text.size(), STAMP_FORMAT, &fields);
+    return {text.data(), length};
+}
+
+// Empty for the first archive of a second, then "_002", "_003" and so on: padded, so that names
+// sort in the order of rotation.
+std::string counter_text(unsigned counter)
+{
+    if (counter <= 1)
+        return "";
+    const std::string digits = std::to_string(counter);
+    const std::size_t zeros = digits.size() < COUNTER_DIGITS ? COUNTER_DIGITS - digits.size() : 0;
+    return "_" + std::string(zeros, '0') + digits;
+}
+
+}  // namespace
+
+FileObject::FileObject(const void* header, int header_length, std::string directory,
+                       std::string name, std::string extension, unsigned max_size,
+                       unsigned max_archives)
+    : _header(header), _header_length(header_length), _name(std::move(name)),
+      _extension(std::move(extension)), _directory(std::move(directory)), _max_size(max_size),
+      _max_archives(max_archives)
+{
+    if (!_directory.ends_with('/'))
+        _directory += '/';
+    _path = _directory + _name + _extension;
+    create_directory();
+}
+
+FileObject::~FileObject()
+{
+    fobj_close();
+}
+
+void FileObject::create_directory()
+{
+    if (mkdir(_directory.c_str(), DIRECTORY_MODE) == 0) {
+        if (geteuid() != OWNER_UID || getegid() != OWNER_GID) {
+            // Only root may give a directory away; the files work either way.
+            [[maybe_unused]] const int rc = chown(_directory.c_str(), OWNER_UID, OWNER_GID);
+        }
+        return;
+    }
+    const int err = errno;
+    if (err != EEXIST)
+        DBG->Log(DBG_ERROR, "Failed to create directory " + _directory + " (" +
+                                std::to_string(err) + ": " + std::strerror(err) + ")");
+}
+
+void FileObject::fobj_open()
+{
+    if (_fd != -1) {
+        DBG->Log(DBG_INFO, "Ignoring file open request, file already open: " + _path);
+        return;
+    }
+    _fd = open(_path.c_str(), O_WRONLY | O_CREAT | O_APPEND, FILE_MODE);
+    if (_fd == -1)
+        throw std::runtime_error("Failed to open " + _path);
+    DBG->Log(DBG_INFO, "Opened for writing " + _path);
+
+    struct stat info {};
+    if (stat(_path.c_str(), &info) == -1)
+        throw std::runtime_error("Failed to retrieve file size of " + _path);
+    _size = static_cast<unsigned>(info.st_size);
+    if (info.st_size == 0 && _header != nullptr && _header_length > 0)
+        write_header();
+}
+
+// A header that is cut short is no header: readers would take it for one.
+void FileObject::write_header()
+{
+    const auto length = static_cast<unsigned>(_header_length);
+    if (write(_fd, _header, length) != static_cast<ssize_t>(length))
+        throw std::runtime_error("Failed to write header to the " + _path);
+    _size += length;
+    DBG->Log(DBG_DEBUG,
+             "Written file header to " + _path + "(" + std::to_string(length) + " bytes)");
+}
+
+void FileObject::fobj_close()
+{
+    if (_fd != -1) {
+        (void)fsync(_fd);  // the blocks are written; what the disk refuses now cannot be mended
+        (void)close(_fd);
+        _fd = -1;
+    }
+    DBG->Log(DBG_INFO, "Closed file: " + _path);
+}
+
+int FileObject::fobj_write(const std::string& block, bool sync)
+{
+    if (block.empty())
+        return 0;
+    if (_fd == -1)
+        fobj_open();
+    if (_fd == -1) {
+        DBG->Log(DBG_ERROR, "File is not open, unable to write to " + _path);
+        return 0;
+    }
+    const ssize_t written = write(_fd, block.data(), block.size());
+    if (written < 0) {
+        const int err = errno;
+        DBG->Log(DBG_DEBUG, error_text(err) + " on writing to file " + _path);
+        return static_cast<int>(written);
+    }
+    if (!fobj_rotate())  // a rotated file is closed; its successor is sized when it is opened
+        _size += static_cast<unsigned>(written);
+    if (sync && _fd != -1)
+        (void)fsync(_fd);
+    return static_cast<int>(written);
+}
+
+bool FileObject::fobj_rotate()
+{
+    if (!time_2_rotate())
+        return false;
+    fobj_close();
+    const std::string archive = archive_path();
+    if (rename(_path.c_str(), archive.c_str()) == 0) {
+        DBG->Log(DBG_TRACE, _path + " rotated to " + archive);
+        fobj_cleanup();
+    } else {
+        remove_unarchived(archive, errno);
+    }
+    return true;
+}
+
+// A full file that cannot be moved away must go, or it would grow without bound.
+void FileObject::remove_unarchived(const std::string& archive, int rename_error)
+{
+    std::string message =
+        error_text(rename_error) + " on rotation (::rename) of " + _path + " to " + archive;
+    if (remove(_path.c_str()) == 0) {
+        message += "; deleted file instead.";
+    } else {
+        const int err = errno;
+        message += "\n" + error_text(err) + " on ::remove " + _path;
+    }
+    DBG->Log(DBG_ERROR, message);
+}
+
+// A name that no file has yet. The counter goes on from the last rotation of the same second, even
+// where the cleanup has removed that archive, so that a later archive never gets an earlier name.
+// access() failing for another reason than a free name shows again in the rename.
+std::string FileObject::archive_path()
+{
+    const std::string stamp = local_stamp();
+    unsigned counter = stamp == _last_stamp ? _last_counter : 0;
+    std::string path;
+    do {
+        counter++;
+        path = _directory + _name + stamp + counter_text(counter) + _extension;
+    } while (access(path.c_str(), F_OK) == 0);
+    _last_stamp = stamp;
+    _last_counter = counter;
+    return path;
+}
+
+// Only this object's own archives: another file's name may begin with this one's.
+bool FileObject::is_archive(const std::string& file) const
+{
+    if (!file.starts_with(_name) || !file.ends_with(_extension) ||
+        file.size() < _name.size() + STAMP_FORM.size() + _extension.size())
+        return false;
+    std::string_view middle(file);
+    middle.remove_prefix(_name.size());
+    middle.remove_suffix(_extension.size());
+    return matches_form(middle.substr(0, STAMP_FORM.size()), STAMP_FORM) &&
+           is_counter(middle.substr(STAMP_FORM.size()));
+}
+
+void FileObject::fobj_cleanup()
+{
+    std::set<F_Info, F_Sort> archives = find_archives();
+    while (archives.size() > _max_archives) {
+        const std::string& oldest = archives.begin()->name;
+        if (remove(oldest.c_str()) == 0) {
+            DBG->Log(DBG_INFO, "FileObject::fobj_cleanup: successfully deleted " + oldest);
+        } else {
+            const int err = errno;
+            DBG->Log(DBG_ERROR, "FileObject::fobj_cleanup: failed to delete " + oldest + "; " +
+                                    error_text(err));
+        }
+        archives.erase(archives.begin());
+    }
+}
+
+std::set<F_Info, F_Sort> FileObject::find_archives()
+{
+    std::set<F_Info, F_Sort> archives;
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(_directory.c_str()), closedir);
+    if (listing == nullptr) {
+        const int err = errno;
+        DBG->Log(DBG_ERROR,
+                 "FileObject::fobj_cleanup: failed to open " + _directory + "; " + error_text(err));
+        return archives;
+    }
+    while (const dirent* entry = readdir(listing.get())) {
+        if (entry->d_type != DT_REG || !is_archive(entry->d_name))
+            continue;
+        const std::string path = _directory + entry->d_name;
+        struct stat info {};
+        if (stat(path.c_str(), &info) == 0)  // one without a known age is left alone
+            archives.insert(F_Info(path, info.st_mtime));
+    }
+    return archives;
+}

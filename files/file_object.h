@@ -1,0 +1,87 @@
+// An append-only output file with an optional header and a bounded set of archives.
+//
+//   name.txt                          the live file, opened by the first write
+//   name_2026-03-03_14-05-09.txt      an archive, named after the local time of its rotation
+//   name_2026-03-03_14-05-09_002.txt  the second archive of the same second
+//
+// Used by one thread at a time, its owner's writer. Every event is logged through DBG, so no
+// operation but time_2_rotate() may be called while the logger's mutex is held.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <set>
+#include <string>
+#include <utility>
+
+// One archive found by the cleanup.
+struct F_Info {
+    F_Info(std::string archive_path, long modification_time)
+        : name(std::move(archive_path)), time(modification_time)
+    {
+    }
+
+    std::string name;   // directory and file name
+    std::int64_t time;  // seconds since the epoch
+};
+
+// Oldest archive first; archives of one second in the order of their names, which carry the date,
+// the time and the counter.
+struct F_Sort {
+    bool operator()(const F_Info& a, const F_Info& b) const
+    {
+        return a.time != b.time ? a.time < b.time : a.name < b.name;
+    }
+};
+
+class FileObject {
+public:
+    // The header is not copied and must outlive the object; null or length 0 means none.
+    // Sizes are bytes. Creates the last component of the directory when it is missing; the file
+    // itself is opened by the first write.
+    FileObject(const void* header, int header_length, std::string directory, std::string name,
+               std::string extension, unsigned max_size, unsigned max_archives);
+    ~FileObject();
+    FileObject(const FileObject&) = delete;
+    FileObject& operator=(const FileObject&) = delete;
+
+    // Opens the file for appending and writes the header into an empty one.
+    // Throws std::runtime_error when the file cannot be opened, sized or given its header.
+    void fobj_open();
+
+    // Syncs and closes the file if it is open.
+    void fobj_close();
+
+    // Appends the block, opening the file first if needed, then rotates when due, or syncs when
+    // asked to. Returns the bytes written, 0 when there was nothing to write, or a negative
+    // number when the write failed. A short count is not retried. Throws as fobj_open does.
+    int fobj_write(const std::string& block, bool sync);
+
+    // True when the file has reached its maximum size: the next write is its last.
+    bool time_2_rotate() const { return _size >= _max_size; }
+
+    // Closes a full file, moves it to its archive name and removes surplus archives.
+    // Returns true when the file was closed for rotation.
+    bool fobj_rotate();
+
+    // Deletes the oldest archives beyond the maximum.
+    void fobj_cleanup();
+
+private:
+    void create_directory();
+    void write_header();
+    void remove_unarchived(const std::string& archive, int rename_error);
+    std::string archive_path();
+    bool is_archive(const std::string& file) const;
+    std::set<F_Info, F_Sort> find_archives();
+
+    const void* _header;
+    int _header_length;
+    std::string _name, _extension, _directory, _path;
+    unsigned _max_size;
+    unsigned _size = 0;  // as accounted here; read from disk only at open
+    unsigned _max_archives;
+    int _fd = -1;                // -1 while closed
+    std::string _last_stamp;     // date and time of the last rotation ...
+    unsigned _last_counter = 0;  // ... and the count of archives that it gave its name to
+};
