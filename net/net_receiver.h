@@ -1,0 +1,62 @@
+// The two UDP sockets on which the voice software delivers its data: QoS reports (text) on one
+// port, voice records on the next port up.
+//
+// Main thread only. What arrives is handed on as it is; the sender's address is not looked at.
+// Logs through the group "NET", whose level is log.network.
+#pragma once
+
+#include <poll.h>
+
+#include <array>
+
+#include "log/logger_helper.h"
+
+class ConfigFile;
+
+class NetReceiver : public LoggerHelper {
+public:
+    // Reads log.network and qos_port, registers the log group and opens both sockets.
+    // Throws std::invalid_argument for a null configuration or a socket that cannot be opened.
+    explicit NetReceiver(ConfigFile* config);
+    ~NetReceiver();
+    NetReceiver(const NetReceiver&) = delete;
+    NetReceiver& operator=(const NetReceiver&) = delete;
+
+    // Creates a non-blocking UDP socket bound to the port on all local IPv4 addresses and stores
+    // its descriptor. Throws std::invalid_argument on failure.
+    void init_listen_port(unsigned short port, int& sock);
+
+    // Rebuilds the poll set from the open sockets.
+    void init_fd_set();
+
+    // Waits until a socket has input, at most timeoutMs milliseconds. Returns the number of ready
+    // sockets, 0 on time-out, negative on failure or when a signal ended the wait.
+    int WaitForPackets(unsigned int timeoutMs);
+
+    // Reads one datagram when the last wait reported the socket readable. At most size - 1 bytes
+    // are stored, and a zero byte behind them; the rest of a longer datagram is discarded.
+    // Returns its length; 0 for an empty datagram or nothing to read; negative when the queue is
+    // empty or the read failed. Called again until it returns 0 or less.
+    int ReceiveQoSPacket(char* buf, int size);
+    int ReceiveVoicePacket(char* buf, int size);
+
+    // The read that both share.
+    int receive_packet(char* buf, int size, unsigned short port, int& sock);
+
+    // Closes one socket if it is open and takes it out of the poll set.
+    void close_port(unsigned short port, int& sock);
+
+    // Closes the QoS socket, then the voice socket. May be called again.
+    void nr_stop();
+
+private:
+    bool is_readable(nfds_t entry, int sock) const;
+    [[noreturn]] void fail_port(const char* what, unsigned short port);
+
+    unsigned short qos_port = 0;
+    int qos_sock = 0;  // 0: no socket
+    unsigned short voice_port = 0;
+    int voice_sock = 0;  // 0: no socket
+    std::array<pollfd, 2> fds{};
+    nfds_t nfds = 0;  // entries of fds in use
+};
