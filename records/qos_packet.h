@@ -1,0 +1,67 @@
+// One QoS report: a datagram of KEY=VALUE lines, and the two lines that are made of it.
+//
+// Belongs to the thread that built it. Built and destroyed in place for each report; the object
+// is large (25 fields of 1024 bytes), so the caller keeps the storage.
+#pragma once
+
+#include <sys/time.h>
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+class QoSPacket {
+public:
+    // Parses a zero-terminated report and builds its lines. serial is the unit's serial number,
+    // used when the report carries none; it may be empty and is cut after 1023 characters.
+    // Bad input is logged and leaves fields or lines empty; it never throws for it.
+    QoSPacket(const char* text, const std::string& serial);
+    ~QoSPacket();
+    QoSPacket(const QoSPacket&) = delete;
+    QoSPacket& operator=(const QoSPacket&) = delete;
+
+    // Fills the fields from the text. Nothing behind its 1023rd character is looked at.
+    void extract_keys(const char* text);
+
+    // 0 to 24 for a known key, 25 for any other. The case matters.
+    int key_to_index(const char* key) const;
+
+    // True for an end-of-session summary, near or far end.
+    bool is_eos() const;
+    // True for a session report, near or far end. An unknown event is neither.
+    bool is_not_eos() const;
+
+    // Builds the statistics line in the layout of the event type. Returns its length, or a
+    // negative number for an unknown event or a failed allocation. Called by the constructor.
+    int fmt_log_string();
+
+    // The fixed-column statistics line and the JSON line around it, both without a line end; the
+    // empty text when there is none. Valid while the packet lives. The JSON line carries the
+    // statistics line unescaped.
+    const char* log_string() const { return _log_string != nullptr ? _log_string : ""; }
+    const char* http_log_string() const
+    {
+        return _http_log_string != nullptr ? _http_log_string : "";
+    }
+
+private:
+    static constexpr std::size_t FIELD_COUNT = 25;
+    static constexpr std::size_t FIELD_SIZE = 1024;
+
+    static std::size_t find_key(std::string_view key);
+    void extract_line(std::string_view line, bool cut_off);
+    void store(std::size_t index, std::string_view value);
+    void build_lines();
+    int format_session_line();
+    int format_eos_line();
+    const char* text_of(std::size_t index) const { return _fields[index].data(); }
+    int int_of(std::size_t index) const;
+    double double_of(std::size_t index) const;
+    timeval time_of(std::size_t seconds_index, std::size_t microseconds_index) const;
+    bool has_type(std::string_view type) const;
+
+    char* _log_string = nullptr;                                    // from asprintf, owned
+    char* _http_log_string = nullptr;                               // from asprintf, owned
+    std::array<std::array<char, FIELD_SIZE>, FIELD_COUNT> _fields;  // zero-terminated texts
+};
