@@ -1,0 +1,377 @@
+#include "filelog/file_logger.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+#include <string_view>
+
+#include "config/config_file.h"
+#include "log/scoped_lock.h"
+#include "log/simple_logger.h"
+#include "records/qos_packet.h"
+#include "records/voice_packet.h"
+
+namespace {
+
+constexpr const char* DEFAULT_HOME = "/home/build/zkhome";
+constexpr const char* DEFAULT_SUBDIRECTORY = "/QoS/";
+constexpr const char* DEFAULT_STAT_NAME = "QoS_Stat";
+constexpr const char* DEFAULT_EOS_NAME = "QoS_Stat_Sessions_Summary";
+constexpr const char* DEFAULT_RTP_NAME = "RTP_Streams_No_Voice";
+constexpr const char* TEXT_EXTENSION = ".txt";
+constexpr const char* PCAP_EXTENSION = ".pcap";
+
+// Column headers: each label ends where its column of the lines below ends.
+constexpr char QOS_STAT_HEADER[] =
+    "       Date         Time    TZ      GCID         TID     Type      Far_End_IP  Port Packets "
+    "Lost Lost% Jitter   RTT       SSRC    SN RTCP_CNAME\n";
+constexpr char QOS_EOS_HEADER[] =
+    "       Date         Time    TZ      GCID         TID     Type      Far_End_IP  Port  Span "
+    "Packets Lost Lost% JTRAvg JTRMax RTTAvg RTTMax First Packet Last  Packet       SSRC    SN "
+    "RTCP_CNAME\n";
+constexpr int QOS_STAT_HEADER_LENGTH = sizeof QOS_STAT_HEADER - 1;
+constexpr int QOS_EOS_HEADER_LENGTH = sizeof QOS_EOS_HEADER - 1;
+static_assert(QOS_STAT_HEADER_LENGTH == 144 && QOS_EOS_HEADER_LENGTH == 191);
+
+// The global header of the pcap file format, little-endian.
+constexpr char PCAP_FILE_HEADER[] = {
+    '\xD4', '\xC3', '\xB2', '\xA1',  // magic number: time stamps in microseconds
+    2,      0,      4,      0,       // version 2.4
+    0,      0,      0,      0,       // time-zone correction
+    0,      0,      0,      0,       // accuracy of time stamps
+    '\xFF', '\xFF', 0,      0,       // snapshot length 65535
+    1,      0,      0,      0,       // link type Ethernet
+};
+static_assert(sizeof PCAP_FILE_HEADER == 24);
+
+constexpr std::size_t BLOCK_SIZE = 1024;
+constexpr time_t STAT_TAIL_TIMEOUT = 30;  // seconds
+constexpr time_t EOS_TAIL_TIMEOUT = 60;
+constexpr std::size_t MAX_QOS_BUFFERED = 102400;
+constexpr unsigned STAT_FILE_SIZE = 20971520;
+constexpr unsigned EOS_FILE_SIZE = 5242880;
+constexpr unsigned STAT_ARCHIVES = 4;
+constexpr unsigned EOS_ARCHIVES = 2;
+constexpr int DEFAULT_RTP_TIMEOUT = 30;  // seconds
+constexpr int DEFAULT_RTP_BUFFERED = 10485760;
+constexpr int DEFAULT_RTP_FILE_SIZE = 52428800;
+constexpr int DEFAULT_RTP_ARCHIVES = 20;
+constexpr unsigned LONG_PAUSE_US = 100000;  // while no voice data flows
+constexpr unsigned SHORT_PAUSE_US = 10000;
+constexpr int IDLE_PASSES_LIMIT = 499;
+constexpr std::size_t BUFFER_RESERVATION = 10240;
+
+// Cuts off the buffer what is to be written now; empty when nothing is due. Whole blocks keep the
+// writes large; the tail waits for its timeout unless the file rotates or everything is wanted.
+std::string take_block(std::string& buffer, const FileObject& file, time_t last_write,
+                       time_t tail_timeout, bool force)
+{
+    const std::size_t length = buffer.size();
+    const std::size_t whole_blocks = length - length % BLOCK_SIZE;
+    const bool take_all = length == whole_blocks ||
+                          (length < BLOCK_SIZE && time(nullptr) - last_write > tail_timeout) ||
+                          file.time_2_rotate() || force;
+    const std::size_t taken = take_all ? length : whole_blocks;
+    std::string block(buffer, 0, taken);
+    buffer.erase(0, taken);
+    return block;
+}
+
+// Appends a line with its line feed unless the buffer is full. Returns the bytes appended.
+int queue_line(std::string& buffer, int& lost, std::string_view line)
+{
+    if (buffer.size() > MAX_QOS_BUFFERED) {
+        lost++;
+        return 0;
+    }
+    buffer += line;
+    buffer += '\n';
+    return static_cast<int>(line.size() + 1);
+}
+
+// Logs and clears a count of dropped messages.
+void report_lost(const char* what, int& lost)
+{
+    if (lost == 0)
+        return;
+    DBG->Log(DBG_WARN, what + std::to_string(lost) + "messages lost");
+    lost = 0;
+}
+
+}  // namespace
+
+FileLogger::FileLogger(ConfigFile* config) : sleep_us(LONG_PAUSE_US)
+{
+    if (config == nullptr)
+        throw std::invalid_argument("FileLogger() invalid config file value");
+    read_config(*config);
+    create_files();
+    if (!init_locks())
+        return;
+    for (std::string* buffer : {&stat_buf, &eos_buf, &rtp_buf})
+        buffer->reserve(BUFFER_RESERVATION);
+    start_writer();
+}
+
+FileLogger::~FileLogger()
+{
+    writer_running = false;
+    fl_cleanup();
+    if (locks_ready) {
+        pthread_mutex_destroy(&qos_mutex);
+        pthread_mutex_destroy(&rtp_mutex);
+    }
+}
+
+void FileLogger::read_config(const ConfigFile& config)
+{
+    stat_dir = config.getStringValue("qos_stat_dir", "");
+    if (stat_dir.empty())
+        stat_dir = std::string(DEFAULT_HOME) + DEFAULT_SUBDIRECTORY;
+    if (!stat_dir.ends_with('/'))
+        stat_dir += '/';
+    qos_file_name = config.getStringValue("qos_file_name", DEFAULT_STAT_NAME);
+    qos_file_name_eos = config.getStringValue("qos_file_name_eos", DEFAULT_EOS_NAME);
+    rtp_dump_file_name = config.getStringValue("rtp_dump_file_name", DEFAULT_RTP_NAME);
+    rtp_logging = config.getIntValue("rtp_logging", 1) != 0;
+    max_buf_timeout_rtp = config.getIntValue("max_buf_timeout_rtp", DEFAULT_RTP_TIMEOUT);
+    max_length_per_sec_rtp = config.getIntValue("max_length_per_sec_rtp", DEFAULT_RTP_BUFFERED);
+    max_file_size_rtp = config.getIntValue("max_file_size_rtp", DEFAULT_RTP_FILE_SIZE);
+    max_archived_files_rtp = config.getIntValue("max_archived_files_rtp", DEFAULT_RTP_ARCHIVES);
+}
+
+struct FileLogger::OutputFile {
+    const char* header;
+    int header_length;
+    const std::string& name;
+    const char* default_name;  // what a failure is reported with
+    const char* extension;
+    unsigned max_size;
+    unsigned max_archives;
+};
+
+void FileLogger::create_files()
+{
+    create_file(STAT_SLOT, {.header = QOS_STAT_HEADER,
+                            .header_length = QOS_STAT_HEADER_LENGTH,
+                            .name = qos_file_name,
+                            .default_name = DEFAULT_STAT_NAME,
+                            .extension = TEXT_EXTENSION,
+                            .max_size = STAT_FILE_SIZE,
+                            .max_archives = STAT_ARCHIVES});
+    create_file(EOS_SLOT, {.header = QOS_EOS_HEADER,
+                           .header_length = QOS_EOS_HEADER_LENGTH,
+                           .name = qos_file_name_eos,
+                           .default_name = DEFAULT_EOS_NAME,
+                           .extension = TEXT_EXTENSION,
+                           .max_size = EOS_FILE_SIZE,
+                           .max_archives = EOS_ARCHIVES});
+    create_file(VOICE_SLOT, {.header = PCAP_FILE_HEADER,
+                             .header_length = sizeof PCAP_FILE_HEADER,
+                             .name = rtp_dump_file_name,
+                             .default_name = DEFAULT_RTP_NAME,
+                             .extension = PCAP_EXTENSION,
+                             .max_size = static_cast<unsigned>(max_file_size_rtp),
+                             .max_archives = static_cast<unsigned>(max_archived_files_rtp)});
+}
+
+void FileLogger::create_file(std::size_t slot, const OutputFile& output)
+{
+    try {
+        files[slot] =
+            std::make_unique<FileObject>(output.header, output.header_length, stat_dir, output.name,
+                                         output.extension, output.max_size, output.max_archives);
+    } catch (const std::exception& error) {
+        DBG->Log(DBG_ERROR, stat_dir + output.default_name + " Unable to open: " + error.what());
+    }
+}
+
+bool FileLogger::init_locks()
+{
+    const int qos_rc = pthread_mutex_init(&qos_mutex, nullptr);
+    const int rtp_rc = pthread_mutex_init(&rtp_mutex, nullptr);
+    if (qos_rc == 0 && rtp_rc == 0) {
+        locks_ready = true;
+        return true;
+    }
+    fl_cleanup();
+    DBG->Log(DBG_ERROR, "Unable to init mutex for FileLogger. Error: " + std::to_string(qos_rc) +
+                            "," + std::to_string(rtp_rc));
+    return false;
+}
+
+void FileLogger::start_writer()
+{
+    writer_running = true;  // before the thread exists, so that an early fl_stop() still ends it
+    const int rc = pthread_create(&writer_thread, nullptr, fl_execute, this);
+    if (rc == 0) {
+        (void)pthread_setname_np(writer_thread, "QoS_FileLogger");  // for the eye only
+        return;
+    }
+    writer_running = false;  // nothing to join
+    fl_cleanup();
+    DBG->Log(DBG_ERROR, "Unable to create new thread for FileLogger. Error: " + std::to_string(rc));
+}
+
+void FileLogger::fl_stop()
+{
+    if (writer_running.exchange(false))
+        pthread_join(writer_thread, nullptr);
+}
+
+void FileLogger::fl_cleanup()
+{
+    for (auto& file : files)
+        file.reset();
+}
+
+int FileLogger::FL_Write(QoSPacket* packet)
+{
+    const bool session = packet->is_not_eos();
+    if (!session && !packet->is_eos()) {
+        DBG->Log(DBG_TRACE, "FileLogger::FL_Write Ignoring unknown event.");
+        return -1;
+    }
+    const std::string_view line = packet->log_string();
+    int queued = 0;
+    if (locks_ready) {
+        const ScopedLock lock(qos_mutex);
+        queued =
+            session ? queue_line(stat_buf, stat_lost, line) : queue_line(eos_buf, eos_lost, line);
+    }
+    if (DBG->log_passes(DBG_DEBUG))
+        DBG->Log(DBG_DEBUG, "FileLogger::FL_Write new event: " + std::string(line));
+    return queued;
+}
+
+int FileLogger::FL_Write(VoicePacket* packet)
+{
+    if (!rtp_logging)
+        return 0;
+    const int size = packet->get_pcap_size();
+    int queued = 0;
+    std::size_t buffered = 0;
+    if (locks_ready) {
+        const ScopedLock lock(rtp_mutex);
+        if (static_cast<std::int64_t>(rtp_buf.size()) > max_length_per_sec_rtp) {
+            rtp_lost++;
+        } else {
+            rtp_buf.append(reinterpret_cast<const char*>(packet->get_pcap_packet()),
+                           static_cast<std::size_t>(size));
+            queued = size;
+        }
+        buffered = rtp_buf.size();
+    }
+    if (DBG->log_passes(DBG_DEBUG))
+        DBG->Log(DBG_DEBUG, "FileLogger::FL_Write new voice event " + std::to_string(size) +
+                                " bytes. Total in buffer: " + std::to_string(buffered));
+    return queued;
+}
+
+void* FileLogger::fl_execute(void* file_logger)
+{
+    if (file_logger != nullptr)
+        static_cast<FileLogger*>(file_logger)->fl_run();
+    return nullptr;
+}
+
+void FileLogger::fl_run()
+{
+    guarded([this] { fl_cleanup_archives(); });
+    while (writer_running) {
+        guarded([this] { fl_pass(); });
+        usleep(sleep_us);  // read afresh: the voice writer changes it
+    }
+    fl_final_flush();
+    DBG->Log(DBG_INFO, "Terminating FileLogger thread...");
+}
+
+// The dump's archives are left to its next rotation.
+void FileLogger::fl_cleanup_archives()
+{
+    for (const std::size_t slot : {STAT_SLOT, EOS_SLOT})
+        if (files[slot] != nullptr)
+            files[slot]->fobj_cleanup();
+}
+
+// Runs one step of the writer; a file that cannot be written must not end the thread.
+template <typename Step>
+void FileLogger::guarded(Step step)
+{
+    try {
+        step();
+    } catch (const std::exception& error) {
+        DBG->Log(DBG_ERROR, error.what());
+    }
+}
+
+void FileLogger::fl_pass()
+{
+    fl_write_file(QOS_STAT, false, false);
+    fl_write_file(QOS_STAT_EOS, false, false);
+    fl_write_rtp_dump(false, false);
+}
+
+// Each file by itself: one that fails must not cost the others their last block.
+void FileLogger::fl_final_flush()
+{
+    guarded([this] { fl_write_file(QOS_STAT, true, true); });
+    guarded([this] { fl_write_file(QOS_STAT_EOS, true, true); });
+    guarded([this] { fl_write_rtp_dump(true, true); });
+}
+
+void FileLogger::fl_write_file(Qos_Stat_Type type, bool sync, bool force)
+{
+    const bool session = type == QOS_STAT;
+    FileObject* const file = files[session ? STAT_SLOT : EOS_SLOT].get();
+    std::string& buffer = session ? stat_buf : eos_buf;
+    time_t& last_write = session ? stat_last_write : eos_last_write;
+    const time_t tail_timeout = session ? STAT_TAIL_TIMEOUT : EOS_TAIL_TIMEOUT;
+
+    const ScopedLock lock(qos_mutex);
+    if (buffer.empty())
+        return;
+    report_lost("QoS WRITE OVERFLOW: ", session ? stat_lost : eos_lost);
+    if (file == nullptr) {
+        buffer.clear();  // there is no file that it could ever go to
+        return;
+    }
+    const std::string block = take_block(buffer, *file, last_write, tail_timeout, force);
+    if (block.empty())
+        return;
+    if (DBG->log_passes(DBG_DEBUG))
+        DBG->Log(DBG_DEBUG, "FileLogger::fl_write_file - writing block: \n" + block);
+    (void)file->fobj_write(block, sync);  // reports a failure itself; the block is not retried
+    last_write = time(nullptr);
+}
+
+void FileLogger::fl_write_rtp_dump(bool sync, bool force)
+{
+    if (!rtp_logging)
+        return;
+    const ScopedLock lock(rtp_mutex);
+    if (rtp_buf.empty()) {
+        if (sleep_us == SHORT_PAUSE_US && ++idle_passes > IDLE_PASSES_LIMIT)
+            sleep_us = LONG_PAUSE_US;
+        return;
+    }
+    sleep_us = SHORT_PAUSE_US;
+    idle_passes = 0;
+    report_lost("VOICE DUMP WRITE OVERFLOW: ", rtp_lost);
+    FileObject* const file = files[VOICE_SLOT].get();
+    if (file == nullptr) {
+        rtp_buf.clear();
+        return;
+    }
+    const std::string block =
+        take_block(rtp_buf, *file, rtp_last_write, max_buf_timeout_rtp, force);
+    if (block.empty())
+        return;
+    if (DBG->log_passes(DBG_DEBUG))
+        DBG->Log(DBG_DEBUG, "FileLogger::fl_write_rtp_dump - writing block: " +
+                                std::to_string(block.size()) + " bytes");
+    (void)file->fobj_write(block, sync);
+    rtp_last_write = time(nullptr);
+}
