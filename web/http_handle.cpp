@@ -1,0 +1,127 @@
+#include "web/http_handle.h"
+
+#include <string_view>
+#include <utility>
+
+#include "log/simple_logger.h"
+
+std::atomic<int> HttpHanle::idle_handles{0};
+
+HttpHanle::HttpHanle(std::string server_url, DebugGroup* debug_group)
+    : LoggerHelper(debug_group), url(std::move(server_url))
+{
+    curl_handle = curl_easy_init();
+    if (curl_handle == nullptr) {
+        LogStr(DBG_ERROR, "Failed to initialize curl handle");
+        return;
+    }
+    if (!set_options())
+        return;
+    http_headers = curl_slist_append(http_headers, "content-type: application/json");
+    if (http_headers != nullptr)
+        (void)curl_easy_setopt(curl_handle, CURLOPT_HTTPHEADER, http_headers);
+    state = HANDLE_IDLE;
+    idle_handles++;
+}
+
+HttpHanle::~HttpHanle()
+{
+    if (curl_handle != nullptr)
+        curl_easy_cleanup(curl_handle);
+    if (http_headers != nullptr) {
+        curl_slist_free_all(http_headers);
+        http_headers = nullptr;
+    }
+    drop_idle_handle();
+}
+
+template <typename Value>
+bool HttpHanle::set_option(CURLoption option, Value value) const
+{
+    return curl_easy_setopt(curl_handle, option, value) == CURLE_OK;
+}
+
+// The first that fails is reported and ends the construction. The options of the trace go to
+// standard output, since it is the log's own feed that they set up.
+bool HttpHanle::set_options()
+{
+    const char* failed = nullptr;
+    if (!set_option(CURLOPT_HEADER, 1L))
+        failed = "curl_easy_setopt(CURLOPT_HEADER) failed...";
+    else if (!set_option(CURLOPT_VERBOSE, 1L))
+        failed = "curl_easy_setopt(CURLOPT_VERBOSE) failed...";
+    else if (!set_option(CURLOPT_DEBUGFUNCTION, curl_debug_callback))
+        failed = "curl_easy_setopt(CURLOPT_DEBUGFUNCTION) failed...";
+    else if (!set_option(CURLOPT_DEBUGDATA, this))
+        failed = "curl_easy_setopt(CURLOPT_DEBUGDATA) failed...";
+    if (failed != nullptr) {
+        dbg_print_line(failed);
+        return false;
+    }
+    if (!set_option(CURLOPT_URL, url.c_str()))
+        failed = "curl_easy_setopt(CURLOPT_URL) failed...";
+    else if (!set_option(CURLOPT_WRITEFUNCTION, curl_write_resp_clbk))
+        failed = "curl_easy_setopt(CURLOPT_WRITEFUNCTION) failed...";
+    else if (!set_option(CURLOPT_WRITEDATA, this))
+        failed = "curl_easy_setopt(CURLOPT_WRITEDATA) failed...";
+    else if (!set_option(CURLOPT_FAILONERROR, 0L))
+        failed = "ccurl_easy_setopt(CURLOPT_FAILONERROR) failed...";
+    if (failed != nullptr) {
+        LogStr(DBG_ERROR, failed);
+        return false;
+    }
+    return true;
+}
+
+// Lowers the count of idle handles unless it is 0.
+void HttpHanle::drop_idle_handle()
+{
+    int count = idle_handles;
+    while (count > 0 && !idle_handles.compare_exchange_weak(count, count - 1)) {}
+}
+
+void HttpHanle::set_state(HANDLE_STATE new_state)
+{
+    state = new_state;
+    if (new_state == HANDLE_IDLE)
+        idle_handles++;
+    else
+        drop_idle_handle();
+    if (log_passes(DBG_TRACE))
+        LogStr(DBG_TRACE, "Total idle curl handles: " + std::to_string(idle_handles));
+}
+
+unsigned long HttpHanle::curl_write_resp_clbk(void* data, unsigned long size, unsigned long nmemb,
+                                              void* userdata)
+{
+    if (userdata == nullptr)
+        return 0;
+    return static_cast<HttpHanle*>(userdata)->http_response(static_cast<char*>(data), size * nmemb);
+}
+
+unsigned long HttpHanle::http_response(char* /*data*/, unsigned long length)
+{
+    return length;
+}
+
+int HttpHanle::curl_debug_callback(void* /*handle*/, curl_infotype /*type*/, char* data,
+                                   unsigned long size, void* userdata)
+{
+    if (userdata == nullptr)
+        return 0;
+    return static_cast<HttpHanle*>(userdata)->http_curl_debug(data, size);
+}
+
+int HttpHanle::http_curl_debug(char* data, unsigned long size)
+{
+    if (data == nullptr || size == 0)
+        return static_cast<int>(size);
+    if (!log_passes(DBG_TRACE))
+        return 0;
+    std::string_view piece(data, size);
+    while (piece.ends_with('\n'))
+        piece.remove_suffix(1);
+    if (!piece.empty())
+        LogStr(DBG_TRACE, std::string(piece));
+    return 0;
+}

@@ -1,0 +1,81 @@
+// HTTP reporting: delivers the JSON lines of the reports, in batches, to the server at
+// elastic_url.
+//
+// The main thread appends lines to one bounded buffer. Five workers "QoS_Web_0" to "QoS_Web_4"
+// look at it every 100 ms; the one that finds a batch due takes the whole buffer and posts it as
+// a JSON array through an idle handle. Nothing is retried: a batch that fails is lost, and so are
+// the lines that are still buffered at the stop. There are no time-outs but libcurl's own.
+// Logs through the group "HTTP", whose level is log.http.
+#pragma once
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "log/logger_helper.h"
+#include "web/http_handle.h"
+#include "web/http_thread.h"
+
+class ConfigFile;
+class QoSPacket;
+
+class WebClient : public LoggerHelper {
+public:
+    // Reads elastic_url and log.http, builds the handles and starts the workers. An empty URL or
+    // a failure switches reporting off, with a message; it never throws for the configuration.
+    // Main thread.
+    explicit WebClient(ConfigFile* config);
+
+    // Stops the workers, deletes the handles and logs what was sent.
+    ~WebClient();
+    WebClient(const WebClient&) = delete;
+    WebClient& operator=(const WebClient&) = delete;
+
+    // Offers one report for the next batch. Returns the bytes added to the buffer, or 0 when it
+    // is off, the report is an end-of-session summary or has no line, or the buffer is full.
+    // Main thread.
+    int WC_Write(QoSPacket* packet);
+
+    // Ends the workers and waits for the transfers under way. May be called again. Main thread.
+    void wc_stop();
+
+    // Thread entry; the argument is the WebClient. Returns null.
+    static void* wc_execute(void* web_client);
+
+    // The worker's body.
+    void wc_run();
+
+    // One look at the buffer and, when a batch is due, one transmission.
+    void wc_perform();
+
+private:
+    static constexpr std::size_t POOL_SIZE = 5;  // handles, and as many workers
+
+    static bool zklibcurl_global_init;  // libcurl is initialised, once per process
+
+    bool init_curl();
+    void start_workers();
+    bool batch_is_due() const;
+    HttpHanle* pick_idle_handle();
+    HttpHanle* take_batch(std::string& body);
+    void set_body(CURL* easy, const std::string& body);
+    void transmit(CURL* easy, const std::string& body);
+
+    std::string url;
+    std::array<std::unique_ptr<HttpHanle>, POOL_SIZE> curl_handles;
+    std::array<HttpThread, POOL_SIZE> http_threads;
+    pthread_mutex_t wc_mutex{};  // guards http_buffer, last_send_time and the pick of a handle
+    bool lock_ready = false;     // the mutex is initialised; never changed afterwards
+    std::atomic<bool> stopped{true};
+    std::string http_buffer;                   // lines not yet sent, joined by ",\n"
+    std::uint32_t overflow_count = 0;          // main thread only, as lines_sent
+    time_t last_send_time = 0;                 // when the last transmission started; 0 at first
+    std::uint32_t lines_sent = 0;              // lines accepted since the start
+    std::atomic<std::uint32_t> bytes_sent{0};  // body bytes of all transmissions started
+};
