@@ -1,0 +1,102 @@
+// Entry point: command line, signals, and the order in which things start and end.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "app/main_loop.h"
+#include "config/config_file.h"
+#include "log/simple_logger.h"
+
+namespace {
+
+constexpr const char* DEFAULT_CONFIG = "voxstat.cfg";
+
+void usage()
+{
+    std::puts("Usage: voxstat [-f <filename>]\n"
+              "If filename is missing then default voxstat.cfg is assumed.");
+}
+
+void sig_handler(int /*signal_number*/)
+{
+    if (MainLoop::isRunning())
+        MainLoop::stop();
+}
+
+// The configuration file that the command line asks for; nothing when it asks for the usage text.
+std::optional<std::string> config_file_name(int argc, char** argv)
+{
+    if (argc == 1)
+        return DEFAULT_CONFIG;
+    if (argc == 3 && std::strcmp(argv[1], "-f") == 0)
+        return argv[2];
+    return std::nullopt;
+}
+
+// Some supervisors start a process with its standard descriptors closed. A socket or a statistics
+// file must not take their place: it would be taken for "no socket", or receive printed text.
+void open_standard_descriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF)
+            (void)open("/dev/null", O_RDWR);  // takes the lowest free number, which is fd
+}
+
+void install_stop_handlers()
+{
+    if (std::signal(SIGTERM, sig_handler) == SIG_ERR)
+        DBG->Log(DBG_ERROR, "Failed to register SIGTERM signal handler...");
+    if (std::signal(SIGINT, sig_handler) == SIG_ERR)
+        DBG->Log(DBG_ERROR, "Failed to register SIGINT signal handler...");
+    if (std::signal(SIGQUIT, sig_handler) == SIG_ERR)
+        DBG->Log(DBG_ERROR, "Failed to register SIGQUIT signal handler...");
+}
+
+// Null when the file cannot be opened, which is said on standard output.
+std::unique_ptr<ConfigFile> load_config(const std::string& file_name)
+{
+    try {
+        return std::make_unique<ConfigFile>(file_name, '=');
+    } catch (const std::invalid_argument& error) {
+        std::puts(error.what());
+        usage();
+        return nullptr;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    open_standard_descriptors();
+    // A peer that has gone, or a closed pipe on standard output, must not end the daemon.
+    (void)std::signal(SIGPIPE, SIG_IGN);
+
+    const std::optional<std::string> file_name = config_file_name(argc, argv);
+    if (!file_name) {
+        usage();
+        return 0;
+    }
+    std::unique_ptr<ConfigFile> config = load_config(*file_name);
+    if (config == nullptr)
+        return 0;
+    DBG->init(config.get());
+    install_stop_handlers();
+
+    auto main_loop = std::make_unique<MainLoop>(config.get());
+    main_loop->start();
+    main_loop.reset();
+    config.reset();
+
+    DBG->Log(DBG_INFO, "Terminating application...");
+    DBG->dbg_stop();
+    return 0;
+}

@@ -1,0 +1,179 @@
+#include "app/main_loop.h"
+
+#include <sys/time.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <stdexcept>
+
+#include "config/config_file.h"
+#include "log/simple_logger.h"
+#include "records/voice_datagram.h"
+
+namespace {
+
+constexpr unsigned WAIT_MS = 60000;
+constexpr std::int32_t SERVICE_INTERVAL = 300;  // seconds
+constexpr const char* DEFAULT_SN_FILE = "/etc/zk-T/activation/sn";
+
+int service_report(char* buffer, const char* far_end, const char* loss_percent)
+{
+    if (buffer == nullptr)
+        return -1;
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return std::sprintf(buffer, "%s\n%s\n%s\n%s\n%s\n%s\n%s\n%s\n%s\n%s\n%s\n%s\n%s\n%s%lu\n%s%lu",
+                        "QOS_EV_TID=0.0", "QOS_EV_GCID=0-0", "QOS_EV_TYPE=QOS_NEAREND", far_end,
+                        "QOS_EV_PORT=0", "QOS_EV_PACKETS=0", "QOS_EV_LOST_SINCE_LAST_REPORT=0",
+                        loss_percent, "QOS_EV_JITTER_AVG=0", "QOS_EV_RTT_AVG=0",
+                        "QOS_EV_SSRC=00000",
+                        "QOS_EV_SERIAL_NUM=", "QOS_EV_RTCP_CNAME=Service_Packet",
+                        "QOS_EV_TIME_STAMP_SEC=", static_cast<unsigned long>(now.tv_sec),
+                        "QOS_EV_TIME_STAMP_USEC=", static_cast<unsigned long>(now.tv_usec));
+}
+
+std::int32_t seconds_now()
+{
+    return static_cast<std::int32_t>(time(nullptr));
+}
+
+// Seconds from an earlier time to a later one; the detour over unsigned numbers keeps it right
+// when 32 bits of seconds wrap.
+std::int32_t seconds_between(std::int32_t earlier, std::int32_t later)
+{
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(later) -
+                                     static_cast<std::uint32_t>(earlier));
+}
+
+}  // namespace
+
+int min_loss_packet(char* buffer)
+{
+    return service_report(buffer, "QOS_EV_FAR_END_IP=192.0.2.10",
+                          "QOS_EV_LOST_LOST_SINCE_LAST_REPORT_PERCENT=0");
+}
+
+int max_loss_packet(char* buffer)
+{
+    return service_report(buffer, "QOS_EV_FAR_END_IP=198.51.100.10",
+                          "QOS_EV_LOST_LOST_SINCE_LAST_REPORT_PERCENT=100");
+}
+
+std::atomic<bool> MainLoop::running{false};
+
+MainLoop::MainLoop(ConfigFile* main_config) : config(main_config)
+{
+    build_components();
+    read_serial_number();
+}
+
+MainLoop::~MainLoop()
+{
+    receiver.reset();
+    file_logger.reset();
+    web_client.reset();
+}
+
+void MainLoop::build_components()
+{
+    try {
+        receiver = std::make_unique<NetReceiver>(config);
+        file_logger = std::make_unique<FileLogger>(config);
+        web_client = std::make_unique<WebClient>(config);
+    } catch (const std::invalid_argument& error) {
+        DBG->Log(DBG_ERROR, std::string("Caught an exception: ") + error.what());
+        exit(0);  // the logger's destructor still writes the log
+    }
+}
+
+void MainLoop::read_serial_number()
+{
+    try {
+        const ConfigFile file(config->getStringValue("sn_file_path", DEFAULT_SN_FILE), ':');
+        serial_number = file.getStringValue("serial", "");
+    } catch (const std::invalid_argument& error) {
+        serial_number.clear();
+        DBG->Log(DBG_WARN, std::string("Caught an exception: ") + error.what());
+        return;
+    }
+    if (serial_number.empty())
+        DBG->Log(DBG_INFO, "Serial Number is not defined.");
+    else
+        DBG->Log(DBG_INFO, "Serial Number: " + serial_number);
+}
+
+void MainLoop::start()
+{
+    running = true;
+    while (running) {
+        if (receiver->WaitForPackets(WAIT_MS) > 0) {
+            drain_qos_socket();
+            drain_voice_socket();
+        }
+        static std::int32_t last_service_time = seconds_now();
+        if (seconds_between(last_service_time, seconds_now()) >= SERVICE_INTERVAL) {
+            send_service_reports();
+            last_service_time = seconds_now();
+        }
+    }
+    stop_components();
+}
+
+void MainLoop::drain_qos_socket()
+{
+    while (receiver->ReceiveQoSPacket(buffer.data(), BUFFER_SIZE) > 0) {
+        report.emplace(buffer.data(), serial_number);
+        file_logger->FL_Write(&*report);
+        if (!report->is_eos())
+            web_client->WC_Write(&*report);
+        report.reset();
+    }
+}
+
+void MainLoop::drain_voice_socket()
+{
+    int received = 0;
+    while ((received = receiver->ReceiveVoicePacket(buffer.data(), BUFFER_SIZE)) > 0)
+        write_voice_records(static_cast<std::size_t>(received));
+}
+
+void MainLoop::write_voice_records(std::size_t datagram_size)
+{
+    VoiceDatagram datagram(buffer.data(), datagram_size);
+    int length = 0;
+    while (const char* record = datagram.next_record(length)) {
+        voice_packet.init_pcap_packet(record, length);
+        file_logger->FL_Write(&voice_packet);
+    }
+    if (datagram.bytes_left() > 0)
+        DBG->Log(DBG_WARN, "Dropped the rest of a voice datagram: no whole record at offset " +
+                               std::to_string(datagram.offset()) + ", " +
+                               std::to_string(datagram.bytes_left()) + " bytes left");
+}
+
+void MainLoop::send_service_reports()
+{
+    send_service_report(min_loss_packet);
+    send_service_report(max_loss_packet);
+}
+
+void MainLoop::send_service_report(int (*print_report)(char*))
+{
+    if (print_report(buffer.data()) == 0)
+        return;
+    report.emplace(buffer.data(), serial_number);
+    web_client->WC_Write(&*report);
+    report.reset();
+}
+
+void MainLoop::stop_components()
+{
+    if (receiver != nullptr)
+        receiver->nr_stop();
+    if (file_logger != nullptr)
+        file_logger->fl_stop();
+    if (web_client != nullptr)
+        web_client->wc_stop();
+}

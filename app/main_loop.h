@@ -1,0 +1,69 @@
+// The program's only loop, and the components that it feeds.
+//
+// Main thread only, but for isRunning() and stop(), which a signal handler may call.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "filelog/file_logger.h"
+#include "net/net_receiver.h"
+#include "records/qos_packet.h"
+#include "records/voice_packet.h"
+#include "web/web_client.h"
+
+class ConfigFile;
+
+class MainLoop {
+public:
+    // Builds receiver, file logger and web client and reads the unit's serial number. When a
+    // component cannot be built, logs the reason and ends the process with status 0. The
+    // configuration must outlive the object.
+    explicit MainLoop(ConfigFile* main_config);
+
+    // Deletes receiver, file logger and web client, in this order.
+    ~MainLoop();
+    MainLoop(const MainLoop&) = delete;
+    MainLoop& operator=(const MainLoop&) = delete;
+
+    // Runs until stop() is called, then stops the components. Once per process.
+    void start();
+
+    // Any thread, and signal handlers: the flag is a lock-free atomic.
+    static bool isRunning() { return running; }
+    static void stop() { running = false; }
+
+private:
+    static constexpr std::size_t BUFFER_SIZE = 32768;
+
+    void build_components();
+    void read_serial_number();
+    void drain_qos_socket();
+    void drain_voice_socket();
+    void write_voice_records(std::size_t datagram_size);
+    void send_service_reports();
+    void send_service_report(int (*print_report)(char*));
+    void stop_components();
+
+    static std::atomic<bool> running;
+    static_assert(std::atomic<bool>::is_always_lock_free);
+
+    ConfigFile* config;  // not owned
+    std::unique_ptr<NetReceiver> receiver;
+    std::unique_ptr<FileLogger> file_logger;
+    std::unique_ptr<WebClient> web_client;
+    std::string serial_number;  // empty when unknown
+
+    // Storage that stands for the whole run, so that no datagram costs an allocation.
+    std::array<char, BUFFER_SIZE> buffer;  // every datagram, and the service reports
+    std::optional<QoSPacket> report;       // built and destroyed in place
+    VoicePacket voice_packet;              // reused for every record
+};
+
+// Writes a synthetic report of a session without loss, or with total loss, into the buffer, which
+// must hold 512 bytes. Returns its length, or -1 when the buffer is null. Any thread.
+int min_loss_packet(char* buffer);
+int max_loss_packet(char* buffer);
