@@ -144,7 +144,7 @@ void QoSPacket::store(std::size_t index, std::string_view value)
 {
     static_assert(TEXT_LIMIT < FIELD_SIZE);
     char* const field = _fields[index].data();
-    std::memcpy(field, value.data(), value.size());
+    value.copy(field, value.size());  // not memcpy: a key without "=" has no data to point to
     field[value.size()] = '\0';
 }
 
