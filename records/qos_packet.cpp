@@ -101,14 +101,15 @@ void QoSPacket::extract_keys(const char* text)
 {
     const std::size_t length = strnlen(text, TEXT_LIMIT + 1);
     const bool too_long = length > TEXT_LIMIT;
+    const bool cut_in_line = too_long && text[TEXT_LIMIT] != '\n';
     std::string_view rest(text, std::min(length, TEXT_LIMIT));
     while (!rest.empty()) {
         const std::size_t line_feed = rest.find('\n');
         const bool last = line_feed == std::string_view::npos;
-        extract_line(rest.substr(0, line_feed), last && too_long);
+        extract_line(rest.substr(0, line_feed), last && cut_in_line);
         rest.remove_prefix(last ? rest.size() : line_feed + 1);
     }
-    if (too_long)
+    if (too_long && DBG->log_passes(DBG_WARN))
         DBG->Log(DBG_WARN, "ignoring what follows the first " + std::to_string(TEXT_LIMIT) +
                                " characters of a QoS report");
 }
