@@ -112,8 +112,9 @@ void MainLoop::start()
             drain_qos_socket();
             drain_voice_socket();
         }
-        static std::int32_t last_service_time = seconds_now();
-        if (seconds_between(last_service_time, seconds_now()) >= SERVICE_INTERVAL) {
+        const std::int32_t now = seconds_now();
+        static std::int32_t last_service_time = now;
+        if (seconds_between(last_service_time, now) >= SERVICE_INTERVAL) {
             send_service_reports();
             last_service_time = seconds_now();
         }
@@ -147,7 +148,7 @@ void MainLoop::write_voice_records(std::size_t datagram_size)
         voice_packet.init_pcap_packet(record, length);
         file_logger->FL_Write(&voice_packet);
     }
-    if (datagram.bytes_left() > 0)
+    if (datagram.bytes_left() > 0 && DBG->log_passes(DBG_WARN))
         DBG->Log(DBG_WARN, "Dropped the rest of a voice datagram: no whole record at offset " +
                                std::to_string(datagram.offset()) + ", " +
                                std::to_string(datagram.bytes_left()) + " bytes left");

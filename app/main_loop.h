@@ -3,6 +3,7 @@
 // Main thread only, but for isRunning() and stop(), which a signal handler may call.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <memory>

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string_view>
 
@@ -231,7 +230,8 @@ int FileLogger::FL_Write(QoSPacket* packet)
 {
     const bool session = packet->is_not_eos();
     if (!session && !packet->is_eos()) {
-        DBG->Log(DBG_TRACE, "FileLogger::FL_Write Ignoring unknown event.");
+        if (DBG->log_passes(DBG_TRACE))
+            DBG->Log(DBG_TRACE, "FileLogger::FL_Write Ignoring unknown event.");
         return -1;
     }
     const std::string_view line = packet->log_string();
@@ -372,6 +372,6 @@ void FileLogger::fl_write_rtp_dump(bool sync, bool force)
     if (DBG->log_passes(DBG_DEBUG))
         DBG->Log(DBG_DEBUG, "FileLogger::fl_write_rtp_dump - writing block: " +
                                 std::to_string(block.size()) + " bytes");
-    (void)file->fobj_write(block, sync);
+    (void)file->fobj_write(block, sync);  // as above
     rtp_last_write = time(nullptr);
 }

@@ -19,7 +19,7 @@ HttpHanle::HttpHanle(std::string server_url, DebugGroup* debug_group)
         return;
     http_headers = curl_slist_append(http_headers, "content-type: application/json");
     if (http_headers != nullptr)
-        (void)curl_easy_setopt(curl_handle, CURLOPT_HTTPHEADER, http_headers);
+        (void)curl_easy_setopt(curl_handle, CURLOPT_HTTPHEADER, http_headers);  // cannot fail
     state = HANDLE_IDLE;
     idle_handles++;
 }
@@ -82,11 +82,12 @@ void HttpHanle::drop_idle_handle()
 
 void HttpHanle::set_state(HANDLE_STATE new_state)
 {
-    state = new_state;
+    // Counted before it shows as idle: another worker may take it at once.
     if (new_state == HANDLE_IDLE)
         idle_handles++;
     else
         drop_idle_handle();
+    state = new_state;
     if (log_passes(DBG_TRACE))
         LogStr(DBG_TRACE, "Total idle curl handles: " + std::to_string(idle_handles));
 }

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <sstream>
 #include <string_view>
 
@@ -28,6 +27,11 @@ std::string address_text(const void* address)
     std::ostringstream text;
     text << address;
     return text.str();
+}
+
+std::string batch_text(const void* easy, const std::string& body)
+{
+    return std::to_string(body.size()) + " bytes for the curl handle " + address_text(easy);
 }
 
 }  // namespace
@@ -100,8 +104,10 @@ void WebClient::wc_stop()
 
 int WebClient::WC_Write(QoSPacket* packet)
 {
+    if (stopped || packet->is_eos())
+        return 0;
     const std::string_view line = packet->http_log_string();
-    if (stopped || packet->is_eos() || line.empty())
+    if (line.empty())
         return 0;
     std::size_t added = line.size();
     {
@@ -207,15 +213,14 @@ void WebClient::set_body(CURL* easy, const std::string& body)
 
 void WebClient::transmit(CURL* easy, const std::string& body)
 {
-    const std::string what =
-        std::to_string(body.size()) + " bytes for the curl handle " + address_text(easy);
-    LogStr(DBG_TRACE, "Starting http transmission of " + what);
+    if (log_passes(DBG_TRACE))
+        LogStr(DBG_TRACE, "Starting http transmission of " + batch_text(easy, body));
     if (log_passes(DBG_DEBUG))
         LogStr(DBG_DEBUG, "HTTP buffer sent for the handle: " + address_text(easy) + "\n" + body);
     const CURLcode result = curl_easy_perform(easy);
-    if (result == CURLE_OK)
-        LogStr(DBG_INFO, "Finished http transmission of " + what);
-    else
+    if (result != CURLE_OK)
         LogStr(DBG_ERROR,
                "Unable to transmitt http - curl_easy_perform failed: " + std::to_string(result));
+    else if (log_passes(DBG_INFO))
+        LogStr(DBG_INFO, "Finished http transmission of " + batch_text(easy, body));
 }
