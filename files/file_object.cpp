@@ -80,7 +80,7 @@ std::string counter_text(unsigned counter)
         return "";
     const std::string digits = std::to_string(counter);
     const std::size_t zeros = digits.size() < COUNTER_DIGITS ? COUNTER_DIGITS - digits.size() : 0;
-    return "_" + std::string(zeros, '0') + digits;
+    return std::string("_").append(zeros, '0').append(digits);
 }
 
 }  // namespace
@@ -205,7 +205,7 @@ void FileObject::remove_unarchived(const std::string& archive, int rename_error)
         message += "; deleted file instead.";
     } else {
         const int err = errno;
-        message += "\n" + error_text(err) + " on ::remove " + _path;
+        message.append("\n").append(error_text(err) + " on ::remove " + _path);
     }
     DBG->Log(DBG_ERROR, message);
 }
