@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <climits>
 #include <cstdint>
 #include <stdexcept>
 #include <string_view>
@@ -78,11 +79,18 @@ std::string take_block(std::string& buffer, const FileObject& file, time_t last_
     return block;
 }
 
+// A count that nobody collects, with a voice cap below 0 for example, stays at its end.
+void count_lost(int& lost)
+{
+    if (lost < INT_MAX)
+        lost++;
+}
+
 // Appends a line with its line feed unless the buffer is full. Returns the bytes appended.
 int queue_line(std::string& buffer, int& lost, std::string_view line)
 {
     if (buffer.size() > MAX_QOS_BUFFERED) {
-        lost++;
+        count_lost(lost);
         return 0;
     }
     buffer += line;
@@ -256,7 +264,7 @@ int FileLogger::FL_Write(VoicePacket* packet)
     if (locks_ready) {
         const ScopedLock lock(rtp_mutex);
         if (static_cast<std::int64_t>(rtp_buf.size()) > max_length_per_sec_rtp) {
-            rtp_lost++;
+            count_lost(rtp_lost);
         } else {
             rtp_buf.append(reinterpret_cast<const char*>(packet->get_pcap_packet()),
                            static_cast<std::size_t>(size));

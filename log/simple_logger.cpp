@@ -2,6 +2,7 @@
 #include "log/simple_logger.h"
 
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 
@@ -73,10 +74,10 @@ void SimpleLogger::Log(int group_index, DbgLevel level, const std::string& text)
     }
     const std::string line = dbg_format_line(level, text);
     const ScopedLock lock(_mutex);
-    if (_buffer.size() > MAX_BUFFERED)
-        _lost++;
-    else
+    if (_buffer.size() <= MAX_BUFFERED)
         _buffer += line;
+    else if (_lost < INT_MAX)  // nobody resets it when there is no file
+        _lost++;
 }
 
 std::string SimpleLogger::dbg_level_2_str(DbgLevel level)
