@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "log/simple_logger.h"
+#include "log/utils.h"
 
 namespace {
 
@@ -65,8 +66,7 @@ std::string local_stamp()
 {
     timeval now{};
     gettimeofday(&now, nullptr);
-    tm fields{};
-    localtime_r(&now.tv_sec, &fields);
+    const tm fields = Utils::local_time(now.tv_sec);
     std::array<char, 64> text{};
     const std::size_t length = strftime(text.data(), text.size(), STAMP_FORMAT, &fields);
     return {text.data(), length};
@@ -177,7 +177,7 @@ int FileObject::fobj_write(const std::string& block, bool sync)
     if (!fobj_rotate())  // a rotated file is closed; its successor is sized when it is opened
         _size += static_cast<unsigned>(written);
     if (sync && _fd != -1)
-        (void)fsync(_fd);
+        (void)fsync(_fd);  // as in fobj_close
     return static_cast<int>(written);
 }
 
