@@ -52,7 +52,7 @@ int SimpleLogger::register_dbg_group(DebugGroup* group)
     return group->index;
 }
 
-bool SimpleLogger::group_passes(int group_index, DbgLevel level) const
+bool SimpleLogger::dbg_group_passes(int group_index, DbgLevel level) const
 {
     if (group_index < 0 || group_index >= _group_count)
         return false;
@@ -61,12 +61,12 @@ bool SimpleLogger::group_passes(int group_index, DbgLevel level) const
 
 bool SimpleLogger::log_passes(DbgLevel level) const
 {
-    return group_passes(DEFAULT_GROUP, level);
+    return dbg_group_passes(DEFAULT_GROUP, level);
 }
 
 void SimpleLogger::Log(int group_index, DbgLevel level, const std::string& text)
 {
-    if (!group_passes(group_index, level))
+    if (!dbg_group_passes(group_index, level))
         return;
     if (!_initialized) {
         dbg_print_line(text);
