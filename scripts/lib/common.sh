@@ -104,26 +104,33 @@ pick_ports() {
     die "no free pair of UDP ports"
 }
 
-# start_daemon DIR [KEY=VALUE]...: starts it with its files below DIR (its log is DIR/out, its
-# statistics go to DIR/stat) on a pair of ports that it tries until one is free.
-start_daemon() {
-    local attempt setting dir=$1
+# launch_daemon DIR [KEY=VALUE]...: starts it on a pair of ports, with its files below DIR (its log is
+# DIR/out, its statistics go to DIR/stat), and does not wait for anything.
+launch_daemon() {
+    local setting dir=$1
     shift
     DAEMON_DIR=$dir
     mkdir -p "$dir/stat"
+    pick_ports
+    printf '%s\n' "qos_port=$PORT" "qos_stat_dir=$dir/stat" "sn_file_path=$dir/sn" \
+        >"$dir/voxstat.cfg"
+    for setting in "$@"; do
+        printf '%s\n' "$setting" >>"$dir/voxstat.cfg"
+    done
+    "${LAUNCH[@]}" "$VOXSTAT" -f "$dir/voxstat.cfg" >>"$dir/out" 2>&1 &
+    DAEMON=$!
+}
+
+# start_daemon DIR [KEY=VALUE]...: the same, until it holds its ports; if somebody else has taken
+# one meanwhile, with another pair.
+start_daemon() {
+    local attempt
     for ((attempt = 0; attempt < 20; attempt++)); do
-        pick_ports
-        printf '%s\n' "qos_port=$PORT" "qos_stat_dir=$dir/stat" "sn_file_path=$dir/sn" \
-            >"$dir/voxstat.cfg"
-        for setting in "$@"; do
-            printf '%s\n' "$setting" >>"$dir/voxstat.cfg"
-        done
-        "${LAUNCH[@]}" "$VOXSTAT" -f "$dir/voxstat.cfg" >>"$dir/out" 2>&1 &
-        DAEMON=$!
+        launch_daemon "$@"
         wait_for 60 "the daemon to open its ports" up_or_gone
         gone "$DAEMON" || return 0
         wait "$DAEMON" || true
-        has "$dir/out" "unable to bind" || break # somebody else took a port: another pair
+        has "$DAEMON_DIR/out" "unable to bind" || break
     done
     die "the daemon does not start"
 }
