@@ -8,13 +8,14 @@
 
 namespace {
 
-[[noreturn]] void fail()
+[[noreturn]] void fail(const std::string& name)
 {
-    throw std::runtime_error(std::strerror(errno));
+    const int err = errno;  // before the text can change it
+    throw std::runtime_error(name + ": " + std::strerror(err));
 }
 
 struct FileCloser {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }  // only read from
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }  // nothing was written
 };
 
 }  // namespace
@@ -24,7 +25,7 @@ std::string read_file(const std::string& name)
     constexpr std::size_t PIECE = 1 << 16;
     const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(name.c_str(), "rbe"));
     if (file == nullptr)
-        fail();
+        fail(name);
     std::string bytes;
     std::size_t got = PIECE;
     while (got == PIECE) {
@@ -34,6 +35,13 @@ std::string read_file(const std::string& name)
         bytes.resize(length + got);
     }
     if (std::ferror(file.get()) != 0)
-        fail();
+        fail(name);
     return bytes;
+}
+
+void create_file(const std::string& name)
+{
+    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(name.c_str(), "wbe"));
+    if (file == nullptr)
+        fail(name);
 }

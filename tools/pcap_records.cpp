@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <stdexcept>
 
 #include "tools/load_marks.h"
 
@@ -83,11 +82,11 @@ std::size_t next_record(std::string_view bytes)
 
 }  // namespace
 
-void account_pcap_records(std::string_view bytes, Account& account)
+bool account_pcap_records(std::string_view bytes, Account& account)
 {
     const std::size_t begun = std::min(bytes.size(), FILE_HEADER.size());
     if (bytes.substr(0, begun) != FILE_HEADER.substr(0, begun))
-        throw std::runtime_error("not a pcap dump of the daemon");
+        return false;
     if (begun > 0 && begun < FILE_HEADER.size())
         account.torn++;
     bytes.remove_prefix(begun);
@@ -99,4 +98,5 @@ void account_pcap_records(std::string_view bytes, Account& account)
             account.torn++;
         bytes.remove_prefix(size.value_or(next_record(bytes)));
     }
+    return true;
 }

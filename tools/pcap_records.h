@@ -5,6 +5,6 @@
 
 #include "tools/account.h"
 
-// Accounts for the records of one dump. Throws std::runtime_error when it does not begin as one;
-// an empty file is a dump without records.
-void account_pcap_records(std::string_view bytes, Account& account);
+// Accounts for the records of one dump; an empty file is one without records. False when the bytes
+// do not begin as a dump.
+bool account_pcap_records(std::string_view bytes, Account& account);

@@ -1,11 +1,11 @@
 #include "tools/report_lines.h"
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <optional>
 
 #include "tools/load_marks.h"
+#include "tools/time_form.h"
 
 namespace {
 
@@ -16,33 +16,8 @@ constexpr std::size_t EOS_NAME = 180;
 constexpr std::size_t SSRC_BEFORE_NAME = 17;
 constexpr std::size_t SSRC_WIDTH = 10;
 
-constexpr std::string_view TIME_FORM = "0000-Aaa-00 00:00:00.000 +0000";
 constexpr std::string_view HEADER_START = "       Date ";
 constexpr std::string_view JSON_START = R"({"message": ")";
-
-bool has_form(char c, char form)
-{
-    const auto byte = static_cast<unsigned char>(c);
-    switch (form) {
-    case '0':
-        return std::isdigit(byte) != 0;
-    case 'A':
-        return std::isupper(byte) != 0;
-    case 'a':
-        return std::islower(byte) != 0;
-    case '+':
-        return c == '+' || c == '-';
-    default:
-        return c == form;
-    }
-}
-
-bool begins_with_time(std::string_view text)
-{
-    return text.size() >= TIME_FORM.size() &&
-           std::equal(TIME_FORM.begin(), TIME_FORM.end(), text.begin(),
-                      [](char form, char c) { return has_form(c, form); });
-}
 
 // Where the last time stamp in the line begins.
 std::size_t find_last_time(std::string_view line)
@@ -102,13 +77,13 @@ void account_line(std::string_view line, Account& account)
 
 }  // namespace
 
-void account_report_lines(std::string_view text, Account& account)
+bool account_report_lines(std::string_view text, Account& account)
 {
     while (!text.empty()) {
         const std::size_t line_feed = text.find('\n');
         if (line_feed == std::string_view::npos) {
             account.torn++;
-            return;
+            break;
         }
         const std::string_view line = without_json(text.substr(0, line_feed));
         text.remove_prefix(line_feed + 1);
@@ -121,4 +96,5 @@ void account_report_lines(std::string_view text, Account& account)
         if (begin != std::string_view::npos)
             account_line(line.substr(begin), account);
     }
+    return true;
 }

@@ -5,6 +5,6 @@
 
 #include "tools/account.h"
 
-// Accounts for the lines of one file. Lines of JSON ({"message": "..."}, with or without a comma),
-// as they are posted, count as what they carry; column headers do not count.
-void account_report_lines(std::string_view text, Account& account);
+// Accounts for the lines of one file; always true. Lines of JSON ({"message": "..."}, with or
+// without a comma), as they are posted, count as what they carry; column headers do not count.
+bool account_report_lines(std::string_view text, Account& account);

@@ -40,7 +40,7 @@ The exit status is 0 when all files could be read, 1 when not, 2 for a wrong com
 constexpr std::size_t MAX_RANGES_SHOWN = 50;
 
 struct Options {
-    void (*account_file)(std::string_view, Account&) = nullptr;
+    bool (*account_file)(std::string_view, Account&) = nullptr;
     std::uint32_t first = 1;
     std::optional<std::uint64_t> count;
     int first_file = 0;  // index in the arguments
@@ -138,11 +138,13 @@ int main(int argc, char** argv)
     bool all_read = true;
     for (int i = options->first_file; i < argc; i++) {
         try {
-            options->account_file(read_file(argv[i]), account);
+            if (options->account_file(read_file(argv[i]), account))
+                continue;
+            (void)std::fprintf(stderr, "voxstat-account: %s: no dump of the daemon\n", argv[i]);
         } catch (const std::exception& error) {
-            (void)std::fprintf(stderr, "voxstat-account: %s: %s\n", argv[i], error.what());
-            all_read = false;
+            (void)std::fprintf(stderr, "voxstat-account: %s\n", error.what());
         }
+        all_read = false;
     }
     print(account, *options);
     return all_read ? 0 : 1;

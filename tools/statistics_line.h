@@ -1,0 +1,26 @@
+// One line of a statistics file (session reports) or session-summary file (end-of-session reports).
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+enum class StatisticsKind { SESSION, SUMMARY };
+
+struct StatisticsLine {
+    StatisticsKind kind = StatisticsKind::SESSION;
+    double time_s = 0;       // since the epoch
+    long zone_offset_s = 0;  // of the zone that the line is written in
+    std::string gcid, tid, type, far_end;
+    double loss_percent = 0;
+    double jitter = 0, round_trip = 0;          // averages
+    double jitter_max = 0, round_trip_max = 0;  // 0 in a session line, as the next one
+    double span_s = 0;
+
+    // Reads a line without its line end. The first five columns have fixed places; behind them any
+    // number may push the rest to the right. Nothing when the line cannot be read, with the reason.
+    static std::optional<StatisticsLine> parse(std::string_view text, const char*& reason);
+};
+
+// The kind of file whose column header the line is; nothing when it is none.
+std::optional<StatisticsKind> kind_of_header(std::string_view line);
