@@ -163,7 +163,8 @@ void WebClient::wc_perform()
     wc_set_body(easy, body);
     bytes_sent += static_cast<std::uint32_t>(body.size());
     wc_transmit(easy, body);
-    handle->set_state(HANDLE_IDLE);
+    if (wc_forget_body(easy))
+        handle->set_state(HANDLE_IDLE);  // else it stays busy, and its stale body is never sent
 }
 
 bool WebClient::wc_batch_is_due() const
@@ -202,13 +203,25 @@ HttpHanle* WebClient::wc_take_batch(std::string& body)
     return handle;
 }
 
-// The body is not copied: it lives in the worker until the transfer has ended.
+// The body is not copied: it lives in the worker until the transfer has ended. After a failure the
+// transmission goes on with an empty one.
 void WebClient::wc_set_body(CURL* easy, const std::string& body)
 {
     if (curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data()) != CURLE_OK)
         LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDS) failed...");
-    if (curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size())) != CURLE_OK)
+    else if (curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size())) !=
+             CURLE_OK)
         LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDSIZE) failed...");
+}
+
+// Takes the body, which ends with its worker's pass, out of libcurl's hands.
+bool WebClient::wc_forget_body(CURL* easy)
+{
+    if (curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, 0L) == CURLE_OK &&
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, "") == CURLE_OK)
+        return true;
+    LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDS) failed...");
+    return false;
 }
 
 void WebClient::wc_transmit(CURL* easy, const std::string& body)

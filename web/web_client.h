@@ -65,6 +65,7 @@ private:
     HttpHanle* wc_pick_idle_handle();
     HttpHanle* wc_take_batch(std::string& body);
     void wc_set_body(CURL* easy, const std::string& body);
+    bool wc_forget_body(CURL* easy);
     void wc_transmit(CURL* easy, const std::string& body);
 
     std::string url;
