@@ -207,10 +207,12 @@ HttpHanle* WebClient::wc_take_batch(std::string& body)
 // transmission goes on with an empty one.
 void WebClient::wc_set_body(CURL* easy, const std::string& body)
 {
-    if (curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data()) != CURLE_OK)
+    auto size = static_cast<long>(body.size());
+    if (curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data()) != CURLE_OK) {
         LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDS) failed...");
-    else if (curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size())) !=
-             CURLE_OK)
+        size = 0;
+    }
+    if (curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, size) != CURLE_OK)
         LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDSIZE) failed...");
 }
 
