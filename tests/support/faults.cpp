@@ -1,0 +1,164 @@
+#include "support/faults.h"
+
+#include <curl/curl.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+// A wrapper that fails when it is its turn and passes its arguments on otherwise. Functions with
+// optional arguments are declared with the one that they may have: it travels the same way.
+#define WRAP(result, name, parameters, failure, arguments)             \
+    extern "C" result __real_##name parameters;                        \
+    extern "C" result __wrap_##name parameters                         \
+    {                                                                  \
+        const int error = Faults::self().next_call(Faults::id(#name)); \
+        return error != 0 ? (failure) : __real_##name arguments;       \
+    }
+#define MAPPED(path) Faults::self().mapped(path).c_str()
+
+// clang-format off
+WRAP(int, open, (const char* path, int flags, mode_t mode), -1, (MAPPED(path), flags, mode))
+WRAP(ssize_t, write, (int fd, const void* data, size_t size),
+     error == Faults::SHORT_COUNT ? __real_write(fd, data, size / 2) : -1, (fd, data, size))
+WRAP(int, fsync, (int fd), -1, (fd))
+WRAP(int, stat, (const char* path, struct stat* info), -1, (MAPPED(path), info))
+WRAP(int, rename, (const char* from, const char* to), -1, (MAPPED(from), MAPPED(to)))
+WRAP(int, remove, (const char* path), -1, (MAPPED(path)))
+WRAP(int, mkdir, (const char* path, mode_t mode), -1, (MAPPED(path), mode))
+WRAP(int, chown, (const char* path, uid_t user, gid_t group), -1, (MAPPED(path), user, group))
+WRAP(DIR*, opendir, (const char* path), nullptr, (MAPPED(path)))
+WRAP(int, access, (const char* path, int mode), -1, (MAPPED(path), mode))
+WRAP(int, socket, (int domain, int type, int protocol), -1, (domain, type, protocol))
+WRAP(int, bind, (int fd, const sockaddr* address, socklen_t size), -1, (fd, address, size))
+WRAP(int, fcntl, (int fd, int command, long argument), -1, (fd, command, argument))
+WRAP(int, poll, (pollfd* set, nfds_t count, int timeout), -1, (set, count, timeout))
+WRAP(ssize_t, recvfrom, (int fd, void* data, size_t size, int flags, sockaddr* from,
+     socklen_t* length), -1, (fd, data, size, flags, from, length))
+WRAP(int, pthread_create, (pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
+     void* argument), error, (thread, how, entry, argument))
+WRAP(int, pthread_mutex_init, (pthread_mutex_t* mutex, const pthread_mutexattr_t* how), error,
+     (mutex, how))
+WRAP(CURL*, curl_easy_init, (), nullptr, ())
+WRAP(CURLcode, curl_easy_setopt, (CURL* handle, CURLoption option, void* value),
+     static_cast<CURLcode>(error), (handle, option, value))
+WRAP(CURLcode, curl_easy_perform, (CURL* handle), static_cast<CURLcode>(error), (handle))
+WRAP(sighandler_t, signal, (int number, sighandler_t handler), SIG_ERR, (number, handler))
+// clang-format on
+
+static time_t moved(time_t now)
+{
+    const Faults& faults = Faults::self();
+    return (faults.clock_stands_at != 0 ? faults.clock_stands_at.load() : now) + faults.clock_shift;
+}
+
+extern "C" {
+
+int __wrap_asprintf(char** text, const char* format, ...)
+{
+    *text = reinterpret_cast<char*>(1);  // undefined after a failure: using it shall crash
+    if (Faults::self().next_call(Faults::id("asprintf")) != 0)
+        return -1;
+    va_list values;
+    va_start(values, format);
+    const int length = vasprintf(text, format, values);
+    va_end(values);
+    return length;
+}
+
+int __real_gettimeofday(timeval* now, void* zone);
+int __wrap_gettimeofday(timeval* now, void* zone)
+{
+    const int result = __real_gettimeofday(now, zone);
+    now->tv_sec = moved(now->tv_sec);
+    return result;
+}
+
+time_t __real_time(time_t* result);
+time_t __wrap_time(time_t* /*result, null in all of the program*/)
+{
+    return moved(__real_time(nullptr));
+}
+
+int __real_usleep(useconds_t pause);
+int __wrap_usleep(useconds_t pause)
+{
+    Faults::self().short_pauses += pause == 10000;
+    return __real_usleep(Faults::self().skip_pauses ? 1 : pause);
+}
+
+}  // extern "C"
+
+Faults& Faults::self()
+{
+    static constinit Faults own;
+    static constinit std::atomic<Faults*> used;
+    if (used == nullptr) {
+        const char* const path = std::getenv("VOXSTAT_FAULTS");
+        used = path == nullptr ? &own : &shared(path);
+    }
+    return *used;
+}
+
+Faults& Faults::shared(const std::string& path)
+{
+    const int fd = __real_open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (ftruncate(fd, sizeof(Faults)) != 0)
+        abort();
+    void* const memory = mmap(nullptr, sizeof(Faults), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    return *static_cast<Faults*>(memory);
+}
+
+void Faults::arm(std::string_view function, int n, int error, bool onwards)
+{
+    disarm();
+    for (auto& calls : _calls)
+        calls = 0;
+    _armed = id(function);
+    _error = error;
+    _onwards = onwards;
+    _reached = false;
+    _n = n;
+}
+
+bool Faults::disarm()
+{
+    _n = 0;
+    return _reached;
+}
+
+int Faults::next_call(std::size_t function)
+{
+    const int call = ++_calls[function];
+    const int n = _n;
+    if (n == 0 || function != _armed || (_onwards ? call < n : call != n))
+        return 0;
+    _reached = true;
+    return errno = _error;
+}
+
+void Faults::map_log_directory(const std::string& directory)
+{
+    _log_directory.at(directory.copy(_log_directory.data(), _log_directory.size() - 1)) = '\0';
+}
+
+std::string Faults::mapped(const char* path) const
+{
+    static constexpr std::string_view LOG_DIRECTORY = "/var/log/current";
+    std::string result = path;
+    if (_log_directory[0] != '\0' && result.starts_with(LOG_DIRECTORY))
+        result.replace(0, LOG_DIRECTORY.size(), _log_directory.data());
+    return result;
+}

@@ -1,0 +1,295 @@
+#include "support/harness.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <list>
+#include <random>
+#include <regex>
+#include <sstream>
+
+#include "log/simple_logger.h"
+
+TempDir::TempDir()
+{
+    if (mkdtemp(path.data()) == nullptr)
+        throw std::runtime_error("no temporary directory");
+}
+
+TempDir::~TempDir()
+{
+    std::filesystem::remove_all(path);
+}
+
+void write_file(const std::string& path, const std::string& text)
+{
+    std::ofstream(path) << text;
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+std::size_t count(const std::string& text, const std::string& part)
+{
+    std::size_t found = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        found++;
+    return found;
+}
+
+std::string bytes(std::string hex)
+{
+    std::erase(hex, ' ');
+    std::string result;
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        result += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    return result;
+}
+
+ConfigFile config_of(const std::string& text, char separator)
+{
+    const TempDir dir;
+    write_file(dir / "cfg", text);
+    return {dir / "cfg", separator};
+}
+
+bool eventually(const std::function<bool()>& condition, int seconds)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+static sockaddr_in loopback(int port)
+{
+    return {AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+}
+
+static int bound_socket(int type, int port)
+{
+    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = loopback(port);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return fd;
+    close(fd);
+    return -1;
+}
+
+int free_port_pair()
+{
+    std::random_device random;
+    for (;;) {
+        const int port = 10000 + static_cast<int>(random() % 20000);  // below the kernel's choice
+        const int first = bound_socket(SOCK_DGRAM, port);
+        const int second = bound_socket(SOCK_DGRAM, port + 1);
+        close(first);
+        close(second);
+        if (first != -1 && second != -1)
+            return port;
+    }
+}
+
+void send_udp(int port, const std::string& datagram)
+{
+    static const int fd = bound_socket(SOCK_DGRAM, 0);
+    const sockaddr_in address = loopback(port);
+    sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+           sizeof address);
+}
+
+std::string voice_record(const std::string& payload, std::size_t length)
+{
+    const std::uint32_t word = htonl(static_cast<std::uint32_t>(length));
+    return std::string(reinterpret_cast<const char*>(&word), sizeof word) +
+           bytes("C0000201 CB007105 138C 1F90 6553F100 0001E240") + payload;
+}
+
+std::string voice_record(const std::string& payload)
+{
+    return voice_record(payload, payload.size());
+}
+
+LogCapture::LogCapture(const std::string& config)
+{
+    testing::internal::CaptureStdout();
+    ConfigFile file = config_of(config);
+    DBG->init(&file);
+}
+
+LogCapture::~LogCapture()
+{
+    fputs(testing::internal::GetCapturedStdout().c_str(), stdout);
+}
+
+std::string LogCapture::take()
+{
+    DBG->dbg_write_file(false, false);
+    const std::string fresh = testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+    return bare(fresh);
+}
+
+std::string LogCapture::bare(const std::string& log)
+{
+    static const std::regex decoration(R"([A-Z][a-z]{2}-\d\d \d\d:\d\d:\d\d\.\d{3}  )"
+                                       R"(( ?\[[A-Z]+\]) \[0x[0-9a-f]{1,6}\])");
+    const std::string text = std::regex_replace("\n" + log, decoration, "$1");
+    return std::regex_replace(text, std::regex("\n\n+"), "\n").substr(1);
+}
+
+Daemon::Daemon(std::string config, bool faulty)
+    : faults(&Faults::shared(dir / "faults")), _binary(faulty ? VOXSTAT_FAULTY : VOXSTAT),
+      _config(std::move(config))
+{
+    setenv("TZ", "UTC", 1);
+    setenv("VOXSTAT_FAULTS", (dir / "faults").c_str(), 1);
+    faults->map_log_directory(dir / "log");
+}
+
+Daemon::~Daemon()
+{
+    if (pid != 0 && !has_ended()) {
+        kill(pid, SIGKILL);
+        wait();
+    }
+    if (testing::Test::HasFailure())
+        printf("%s printed:\n%s\n", _binary.c_str(), output().c_str());
+}
+
+void Daemon::spawn(const std::string& arguments)
+{
+    std::string command =
+        "cd " + dir.path + " && exec '" + _binary + "' " + arguments + " " + redirection;
+    char shell[] = "/bin/bash", option[] = "-c";
+    char* const argv[] = {shell, option, command.data(), nullptr};
+    _status = -1;
+    EXPECT_EQ(0, posix_spawn(&pid, shell, nullptr, nullptr, argv, environ));
+}
+
+void Daemon::start()
+{
+    const std::string common =
+        "log.network=2\nqos_stat_dir=" + dir.path + "\nsn_file_path=sn\nqos_port=";
+    for (int attempt = 0; attempt < 20; attempt++) {
+        port = free_port_pair();
+        write_file(dir / "cfg", common + std::to_string(port) + "\n" + _config);
+        spawn("-f cfg");
+        const std::string sign = "listening on port " + std::to_string(port + 1);
+        if (eventually([&] {
+                return has_ended() || count(output() + read_file(dir / "log/d.log"), sign) > 0;
+            }) &&
+            !has_ended())
+            return;  // else another process was faster
+    }
+    ADD_FAILURE() << "the daemon does not start";
+}
+
+bool Daemon::printed(const std::string& text, std::size_t times) const
+{
+    return eventually([&] { return count(output(), text) >= times; });
+}
+
+bool Daemon::holds(const std::string& file, const std::string& text) const
+{
+    return eventually([&] { return count(read_file(dir / file), text) > 0; });
+}
+
+bool Daemon::has_ended()
+{
+    return _status != -1 || waitpid(pid, &_status, WNOHANG) == pid;
+}
+
+int Daemon::wait()
+{
+    if (!eventually([this] { return has_ended(); }))
+        return -1;
+    return WIFSIGNALED(_status) ? 256 + WTERMSIG(_status) : WEXITSTATUS(_status);
+}
+
+int Daemon::stop(int signal)
+{
+    for (int attempt = 0; attempt < 20 && !has_ended(); attempt++) {
+        kill(pid, signal);
+        eventually([this] { return has_ended(); }, 1);
+    }
+    return wait();
+}
+
+HttpServer::HttpServer() : _socket(bound_socket(SOCK_STREAM, 0))
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(_socket, reinterpret_cast<sockaddr*>(&address), &size);
+    url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/qos";
+    listen(_socket, SOMAXCONN);
+    _acceptor = std::jthread([this] { accept_all(); });
+}
+
+HttpServer::~HttpServer()
+{
+    _stopping = true;
+    shutdown(_socket, SHUT_RDWR);
+    _acceptor.join();
+    close(_socket);
+}
+
+void HttpServer::accept_all()
+{
+    std::list<std::jthread> connections;
+    for (int fd; (fd = accept4(_socket, nullptr, nullptr, SOCK_CLOEXEC)) != -1;)
+        connections.emplace_back([this, fd] { serve(fd); });
+}
+
+void HttpServer::serve(int fd)
+{
+    static const std::string END = "\r\n\r\n", LENGTH = "Content-Length: ";
+    const timeval look_up = {.tv_sec = 0, .tv_usec = 50000};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &look_up, sizeof look_up);
+    std::string data;
+    std::vector<char> piece(1 << 16);
+    for (ssize_t n; (n = recv(fd, piece.data(), piece.size(), 0)) != 0 && !_stopping;) {
+        data.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
+        const std::size_t end = data.find(END);
+        if (end == std::string::npos)
+            continue;
+        const std::size_t length = std::stoul(data.substr(data.find(LENGTH) + LENGTH.size()));
+        if (data.size() < end + END.size() + length)
+            continue;
+        {
+            const std::lock_guard lock(_mutex);
+            _requests.push_back({data.substr(0, end), data.substr(end + END.size(), length)});
+        }
+        data.clear();
+        eventually([this] { return answer != NEVER || _stopping; }, 60);
+        std::string text = answer == ERROR_500 ? "HTTP/1.1 500 No" : "HTTP/1.1 200 OK";
+        text += "\r\n" + LENGTH + (answer == HALF ? "9" : "4") + END + "half";
+        send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+        if (answer == HALF)
+            break;
+    }
+    close(fd);
+}
+
+std::vector<HttpServer::Request> HttpServer::requests()
+{
+    const std::lock_guard lock(_mutex);
+    return _requests;
+}
+
+bool HttpServer::received(std::size_t number)
+{
+    return eventually([&] { return requests().size() >= number; });
+}
