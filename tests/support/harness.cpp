@@ -127,19 +127,15 @@ LogCapture::LogCapture(const std::string& config)
     testing::internal::CaptureStdout();
     ConfigFile file = config_of(config);
     DBG->init(&file);
-}
-
-LogCapture::~LogCapture()
-{
-    fputs(testing::internal::GetCapturedStdout().c_str(), stdout);
+    DBG->dbg_stop();
+    testing::internal::GetCapturedStdout();
 }
 
 std::string LogCapture::take()
 {
-    DBG->dbg_write_file(false, false);
-    const std::string fresh = testing::internal::GetCapturedStdout();
     testing::internal::CaptureStdout();
-    return bare(fresh);
+    DBG->dbg_write_file(false, false);
+    return bare(testing::internal::GetCapturedStdout());
 }
 
 std::string LogCapture::bare(const std::string& log)

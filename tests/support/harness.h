@@ -33,13 +33,12 @@ void send_udp(int port, const std::string& datagram);
 std::string voice_record(const std::string& payload, std::size_t length);  // which may be a lie
 std::string voice_record(const std::string& payload);
 
-// Starts the logger on standard output and takes that over.
+// Starts the logger and ends its writer thread, so that all that is logged waits to be taken.
 struct LogCapture {
     explicit LogCapture(const std::string& config = "log.default=4");
-    ~LogCapture();
     // What came since the last call, without empty lines, time stamps and thread identifiers:
     // "[ERROR] text", " [WARN] text".
-    std::string take();
+    static std::string take();
     static std::string bare(const std::string& log);
 };
 
