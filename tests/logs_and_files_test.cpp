@@ -1,1 +1,534 @@
-#include <gtest/gtest.h>
+// The diagnostic log, the rotating file and the file logger.
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "filelog/file_logger.h"
+#include "files/file_object.h"
+#include "log/simple_logger.h"
+#include "records/qos_packet.h"
+#include "records/voice_packet.h"
+#include "support/harness.h"
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+static constexpr long NOON = 1700000000;  // 2023-11-14 22:13:20 UTC
+static Faults& faults = Faults::self();
+
+static void stop_the_clock()
+{
+    setenv("TZ", "UTC", 1);
+    faults.clock_stands_at = NOON;
+}
+
+static std::vector<std::string> files_of(const TempDir& dir)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path))
+        names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
+{
+    struct Row {
+        int header, existing;  // bytes; -1: no file
+        unsigned limit;
+        int writes;                      // of 600 bytes
+        std::vector<std::size_t> sizes;  // of live file and archive
+    };
+    static const Row rows[] = {
+        {0, -1, 1000, 2, {1200}},   {0, -1, 1000, 3, {1800}},        {0, -1, 1000, 4, {600, 1800}},
+        {7, -1, 607, 1, {607}},     {7, -1, 607, 2, {1207}},         {7, -1, 608, 3, {1807}},
+        {7, 0, 5000, 1, {607}},     {7, 10, 5000, 1, {610}},         {7, 999, 1000, 2, {2199}},
+        {7, 1000, 1000, 1, {1600}}, {7, 1000, 1000, 2, {607, 1600}},
+    };
+    for (const Row& row : rows) {
+        const TempDir dir;
+        if (row.existing >= 0)
+            write_file(dir / "F.txt", std::string(static_cast<std::size_t>(row.existing), 'e'));
+        FileObject file("header\n", row.header, dir.path, "F", ".txt", row.limit, 4);
+        for (int i = 0; i < row.writes; i++)
+            EXPECT_EQ(600, file.fobj_write(std::string(600, 'w'), i == 1));
+        std::vector<std::size_t> sizes;
+        for (const std::string& name : files_of(dir))
+            sizes.push_back(read_file(dir / name).size());
+        EXPECT_EQ(row.sizes, sizes) << row.header << " " << row.existing << " " << row.writes;
+        EXPECT_EQ(row.header > 0 && row.existing < 1,
+                  read_file(dir / files_of(dir).back()).starts_with("header"));
+    }
+}
+
+TEST(FileObject, ReportsEveryEventAndNamesArchivesApart)
+{
+    stop_the_clock();
+    umask(022);
+    LogCapture log;
+    const TempDir dir;
+    const std::string path = dir / "new/F.txt", archive = dir / "new/F_2023-11-14_22-13-20";
+    {
+        FileObject file("header\n", 7, dir / "new", "F", ".txt", 20, 2);
+        file.fobj_open();
+        file.fobj_open();
+        EXPECT_EQ(0, file.fobj_write("", true));
+        for (int i = 0; i < 6; i++)
+            file.fobj_write("fifteen bytes.\n", false);
+        file.fobj_close();
+    }
+    const std::string opened = " [INFO] Opened for writing " + path +
+                               "\n[DEBUG] Written file header to " + path + "(7 bytes)\n";
+    const std::string closed = " [INFO] Closed file: " + path + "\n";
+    const std::string rotated = closed + "[TRACE] " + path + " rotated to " + archive;
+    EXPECT_EQ(opened + " [INFO] Ignoring file open request, file already open: " + path + "\n" +
+                  rotated + ".txt\n" + opened + rotated + "_002.txt\n" + opened + rotated +
+                  "_003.txt\n [INFO] FileObject::fobj_cleanup: successfully deleted " + archive +
+                  ".txt\n" + closed + closed,
+              log.take());
+    struct stat made {};
+    EXPECT_EQ(0, stat((dir / "new").c_str(), &made));
+    EXPECT_EQ(0744U, made.st_mode & 0777U);
+    EXPECT_EQ(geteuid() == 0 ? 500U : geteuid(), made.st_uid);
+}
+
+TEST(FileObject, RemovesTheOldestOfItsOwnArchivesOnly)
+{
+    using namespace std::filesystem;
+    struct Row {
+        const char* name;
+        int hours;  // of age
+    };
+    static const Row rows[] = {{"S_2026-03-09_14-05-09.txt", 90},
+                               {"S_2026-03-03_14-05-09.txt", 50},  // to be removed,
+                               {"S_2026-03-03_14-05-09_002.txt", 50},
+                               {"S_2026-03-03_14-05-09_1000.txt", 50},  // in this
+                               {"S_2026-03-01_14-05-09.txt", 10},
+                               {"S.txt", 99},  // order ... or
+                               {"S_Summary.txt", 99},
+                               {"S_Summary_2026-03-03_14-05-09.txt", 99},  // kept
+                               {"S_2026-03-03_14-05-09.log", 99},
+                               {"xS_2026-03-03_14-05-09.txt", 99},
+                               {"S_2026-03-03_14-05-09_02.txt", 99},
+                               {"S_2026-03-03_14-05-0.txt", 99},
+                               {"S_2026-03-03_14-05-09.txt.txt", 99},
+                               {"S_2026-03-03_14-05-09_0x2.txt", 99}};
+    LogCapture log;
+    const TempDir dir;
+    create_directory(dir / "S_2020-01-01_00-00-00.txt");
+    const auto now = file_time_type::clock::now();
+    for (const Row& row : rows) {
+        write_file(dir / row.name, "x");
+        last_write_time(dir / row.name, now - std::chrono::hours(row.hours));
+    }
+    std::string removed;
+    for (int i = 0; i < 3; i++)
+        removed +=
+            " [INFO] FileObject::fobj_cleanup: successfully deleted " + (dir / rows[i].name) + "\n";
+    FileObject file(nullptr, 0, dir.path, "S", ".txt", 100, 2);
+    file.fobj_cleanup();
+    EXPECT_EQ(removed, log.take());
+    EXPECT_EQ(std::size(rows) - 3 + 1, files_of(dir).size());
+}
+
+TEST(FileObject, LosesNoMoreThanTheBlockWhenACallFails)
+{
+    struct Row {
+        const char* function;
+        int n, error;
+        std::string message;
+        std::size_t bytes;  // in all files at the end
+    };
+    stop_the_clock();
+    const std::string archive = "D/F_2023-11-14_22-13-20";
+    const Row rows[] = {
+        {"mkdir", 1, EACCES, "[ERROR] Failed to create directory D/ (13: Permission denied)", 0},
+        {"chown", 1, EPERM, "", 27},
+        {"fsync", 1, EIO, "", 27},
+        {"open", 1, EACCES, "thrown: Failed to open D/F.txt", 44},
+        {"stat", 1, EIO, "thrown: Failed to retrieve file size of D/F.txt", 30},
+        {"write", 1, EIO, "thrown: Failed to write header to the D/F.txt", 30},
+        {"write", 2, ENOSPC, "[DEBUG] No space left on device (28) on writing to file D/F.txt", 44},
+        {"write", 2, Faults::SHORT_COUNT, "", 49},
+        {"rename", 1, EXDEV,
+         "[ERROR] Invalid cross-device link (18) on rotation (::rename) of D/F.txt to " + archive +
+             ".txt; deleted file instead.",
+         27},
+        {"remove", 1, EPERM,
+         "[ERROR] FileObject::fobj_cleanup: failed to delete " + archive +
+             ".txt; Operation not permitted (1)",
+         54},
+        {"opendir", 1, EMFILE,
+         "[ERROR] FileObject::fobj_cleanup: failed to open D/; Too many open files (24)", 27},
+    };
+    LogCapture log;
+    for (const Row& row : rows) {
+        const TempDir dir;
+        std::string messages;
+        faults.arm(row.function, row.n, row.error);
+        FileObject file("header\n", 7, dir / "D", "F", ".txt", 16, 1);
+        for (int i = 0; i < 4; i++) {
+            try {
+                file.fobj_write("ten bytes\n", i == 1);
+            } catch (const std::runtime_error& error) {
+                messages += std::string("thrown: ") + error.what() + "\n";
+            }
+        }
+        EXPECT_TRUE(faults.disarm()) << row.function;
+        messages += log.take();
+        for (std::size_t at; (at = messages.find(dir.path + "/")) != std::string::npos;)
+            messages.erase(at, dir.path.size() + 1);
+        EXPECT_THAT(messages, HasSubstr(row.message)) << row.function;
+        std::size_t size = 0;
+        std::error_code none;
+        for (const auto& entry : std::filesystem::directory_iterator(dir / "D", none))
+            size += entry.file_size();
+        EXPECT_EQ(row.bytes, size) << row.function << row.n;
+    }
+}
+
+TEST(FileObject, GoesOnWhenItCanNeitherBeRenamedNorRemoved)
+{
+    stop_the_clock();
+    LogCapture log;
+    const TempDir dir;
+    FileObject file(nullptr, 0, dir.path, "F", ".txt", 5, 4);
+    file.fobj_write("first block\n", false);
+    std::filesystem::remove(dir / "F.txt");
+    file.fobj_write("second\n", false);
+    file.fobj_write("third\n", false);
+    EXPECT_THAT(log.take(),
+                HasSubstr("[ERROR] No such file or directory (2) on rotation (::rename) of " +
+                          (dir / "F.txt") + " to " + (dir / "F_2023-11-14_22-13-20.txt") +
+                          "\nNo such file or directory (2) on ::remove " + (dir / "F.txt") + "\n"));
+    EXPECT_EQ("third\n", read_file(dir / "F.txt"));
+}
+
+// A report whose line takes so many bytes in its file, and a voice record of that size in the dump.
+static std::string report_of(std::size_t size, const std::string& type = "QOS_NEAREND")
+{
+    const std::string report = "QOS_EV_TYPE=" + type + "\nQOS_EV_RTCP_CNAME=";
+    const std::size_t line = std::string(QoSPacket(report.c_str(), "").log_string()).size() + 1;
+    return report + std::string(size - line, 'c');
+}
+
+static int queue(FileLogger& logger, int file, std::size_t size)
+{
+    VoicePacket voice;
+    const std::string record = voice_record(std::string(size - 58, 'v'));
+    voice.init_pcap_packet(record.data(), static_cast<int>(record.size()));
+    QoSPacket report(report_of(size, file == 0 ? "QOS_FAREND" : "QOS_EOS_FAREND").c_str(), "");
+    return file == 2 ? logger.FL_Write(&voice) : logger.FL_Write(&report);
+}
+
+static void write_step(FileLogger& logger, int file, bool force = false)
+{
+    if (file == 2)
+        logger.fl_write_rtp_dump(force, force);
+    else
+        logger.fl_write_file(file == 0 ? QOS_STAT : QOS_STAT_EOS, force, force);
+}
+
+// A file logger whose thread has ended: it still queues, and the test writes the blocks.
+struct IdleFileLogger {
+    explicit IdleFileLogger(const std::string& settings)
+        : config(config_of("qos_stat_dir=" + dir.path + "\n" + settings)), logger(&config)
+    {
+        stop_the_clock();
+        logger.fl_stop();
+    }
+    std::size_t size(int file) const { return read_file(dir / names[file]).size(); }
+    static constexpr const char* names[] = {"QoS_Stat.txt", "QoS_Stat_Sessions_Summary.txt",
+                                            "RTP_Streams_No_Voice.pcap"};
+    static constexpr std::size_t headers[] = {144, 191, 24};
+    TempDir dir;
+    ConfigFile config;
+    FileLogger logger;
+};
+
+TEST(FileLogger, WritesWholeBlocksAndOldTails)
+{
+    struct Step {
+        std::size_t queued;  // bytes
+        long overdue;        // seconds beyond the tail timeout
+        bool force;
+        std::size_t written;
+    };
+    static const Step steps[] = {
+        {200, -60, false, 200},   {200, 0, false, 0},    {824, -60, false, 1024},
+        {1100, -60, false, 1024}, {972, 9, false, 1024}, {0, 0, false, 0},
+        {0, 1, false, 24},        {400, 0, true, 400},   {0, 9, true, 0}};
+    LogCapture log("log.default=1");
+    IdleFileLogger idle("max_buf_timeout_rtp=7");
+    const long timeouts[] = {30, 60, 7};
+    for (const int file : {0, 1, 2}) {
+        std::size_t size = idle.headers[file];
+        long last_write = faults.clock_shift;
+        for (const Step& step : steps) {
+            if (step.queued > 0) {
+                EXPECT_EQ(step.queued, queue(idle.logger, file, step.queued));
+            }
+            faults.clock_shift = last_write + std::max(0L, timeouts[file] + step.overdue);
+            write_step(idle.logger, file, step.force);
+            EXPECT_EQ(size += step.written, idle.size(file)) << file << " " << step.queued;
+            if (step.written > 0)
+                last_write = faults.clock_shift;
+        }
+    }
+}
+
+TEST(FileLogger, DropsAndCountsBeyondItsCaps)
+{
+    struct Row {
+        int file, cap;
+        std::vector<std::size_t> queued;  // bytes; what follows the cap is dropped
+        const char* message;
+    };
+    std::vector<std::size_t> full(100, 1024), over = full;  // 102400 bytes, and one more
+    over.back()++;
+    const std::vector<std::size_t> small = {500, 500}, larger = {500, 501};
+    const Row rows[] = {{0, 9, full, "QoS WRITE"},
+                        {0, 9, over, "QoS WRITE"},
+                        {1, 9, over, "QoS WRITE"},
+                        {2, 1000, small, "VOICE DUMP WRITE"},
+                        {2, 1000, larger, "VOICE DUMP WRITE"},
+                        {2, 0, {200}, "VOICE DUMP WRITE"},
+                        {2, -1, {}, "VOICE DUMP WRITE"}};
+    LogCapture log("log.default=1");
+    for (const Row& row : rows) {
+        IdleFileLogger idle("max_length_per_sec_rtp=" + std::to_string(row.cap));
+        std::size_t total = 0;
+        for (const std::size_t size : row.queued) {
+            EXPECT_EQ(size, queue(idle.logger, row.file, size));
+            total += size;
+        }
+        const bool exactly_full = total == 102400 || total == static_cast<std::size_t>(row.cap);
+        EXPECT_EQ(exactly_full ? 200 : 0, queue(idle.logger, row.file, 200));
+        EXPECT_EQ(0, queue(idle.logger, row.file, 200));
+        EXPECT_EQ(0, queue(idle.logger, row.file, 200));
+        write_step(idle.logger, row.file, true);
+        const std::string lost = std::string(" [WARN] ") + row.message +
+                                 " OVERFLOW: " + (exactly_full ? "2" : "3") + "messages lost\n";
+        EXPECT_EQ(row.queued.empty() ? "" : lost, log.take());
+        EXPECT_EQ(row.queued.empty() ? 0
+                                     : idle.headers[row.file] + total + (exactly_full ? 200 : 0),
+                  idle.size(row.file));
+    }
+}
+
+TEST(FileLogger, ADueFileTakesTheWholeBufferAndRotates)
+{
+    LogCapture log("log.default=1");
+    IdleFileLogger idle("max_file_size_rtp=1500\nmax_archived_files_rtp=-1");
+    const std::string archive = "RTP_Streams_No_Voice_2023-11-14_22-13-20.pcap";
+    for (const std::size_t size : {1100, 1100, 1100}) {  // 1024 written, 1024 written, all the rest
+        queue(idle.logger, 2, size);
+        write_step(idle.logger, 2);
+    }
+    EXPECT_EQ(24U + 3300, read_file(idle.dir / archive).size());
+    IdleFileLogger old("max_file_size_rtp=1500");
+    write_file(old.dir / old.names[2], std::string(1500, 'o'));  // its size shows when it is opened
+    queue(old.logger, 2, 1100);
+    write_step(old.logger, 2);
+    write_step(old.logger, 2, true);
+    EXPECT_EQ(1500U + 1024, read_file(old.dir / archive).size());
+    EXPECT_EQ(24U + 76, old.size(2));
+}
+
+TEST(FileLogger, LivesWithoutLocksThreadOrFiles)
+{
+    LogCapture log("log.default=2");
+    const TempDir dir;
+    ConfigFile config = config_of("qos_stat_dir=" + dir.path);
+    const std::tuple<const char*, int, const char*> rows[] = {
+        {"pthread_mutex_init", 1, "mutex for FileLogger. Error: 12,0"},
+        {"pthread_mutex_init", 2, "mutex for FileLogger. Error: 0,12"},
+        {"pthread_create", 1, "new thread for FileLogger. Error: 12"}};
+    for (const auto& [function, n, message] : rows) {
+        faults.arm(function, n, ENOMEM);
+        FileLogger logger(&config);
+        EXPECT_TRUE(faults.disarm());
+        EXPECT_THAT(log.take(), HasSubstr(message));
+        for (const int file : {0, 1, 2})
+            queue(logger, file, 200);
+        logger.fl_stop();
+    }
+    EXPECT_TRUE(files_of(dir).empty());
+    FileLogger logger(&config);
+    faults.arm("open", 1, EACCES, true);
+    for (const int file : {0, 1, 2})
+        queue(logger, file, 200);
+    logger.fl_stop();
+    faults.disarm();
+    const std::string text = log.take();
+    EXPECT_THAT(text, EndsWith("Terminating FileLogger thread...\n"));
+    for (const char* const name : IdleFileLogger::names)
+        EXPECT_EQ(1U, count(text, "[ERROR] Failed to open " + (dir / name) + "\n"));
+    EXPECT_THROW(FileLogger(nullptr), std::invalid_argument);
+}
+
+TEST(FileLogger, PausesFollowTheVoiceTraffic)
+{
+    const TempDir dir;
+    for (const char* const logging : {"0", "-1"}) {
+        ConfigFile config = config_of("qos_stat_dir=" + dir.path + "\nrtp_logging=" + logging);
+        faults.skip_pauses = true;
+        faults.short_pauses = 0;
+        FileLogger logger(&config);
+        EXPECT_EQ(logging[0] == '0' ? 0 : 200, queue(logger, 2, 200));
+        EXPECT_EQ(logging[0] != '0', eventually([] { return faults.short_pauses >= 500; },
+                                                logging[0] == '0' ? 1 : 20));
+        logger.fl_stop();
+        EXPECT_EQ(logging[0] == '0' ? 0 : 500, faults.short_pauses);
+    }
+}
+
+static const char* const LINE = "[A-Z][a-z][a-z]-[0-9][0-9] [0-9:]+\\.[0-9][0-9][0-9]  ";
+
+TEST(Logger, FiltersAndLaysOutLines)
+{
+    CaptureStdout();
+    DBG->Log(DBG_ERROR, "before any group");
+    EXPECT_EQ(-1, DBG->register_dbg_group(nullptr));
+    ConfigFile config = config_of("log.default=7");
+    faults.arm("pthread_mutex_init", 1, ENOMEM);
+    DBG->init(&config);
+    faults.arm("pthread_create", 1, EAGAIN);
+    DBG->init(&config);
+    faults.disarm();
+    DBG->dbg_stop();
+    DBG->Log(DBG_WARN, "bare\ntext");
+    DBG->Log(DBG_INFO, "filtered");
+    EXPECT_EQ("Unable to init mutex for SimpleLogger. Error: 12\n"
+              "Unable to create new thread for SimpleLogger. Error: 11\nbare\ntext\n",
+              GetCapturedStdout());
+    CaptureStdout();
+    DBG->init(&config);
+    DBG->dbg_stop();  // at once: must end the thread all the same
+    DebugGroup group(DBG_DEBUG, "NET");
+    const int index = DBG->register_dbg_group(&group);
+    for (const int level : {-1, 0, 1, 2, 3, 4, 5})
+        DBG->Log(index, static_cast<DbgLevel>(level), "t");
+    DBG->Log(index + 1, DBG_ERROR, "no such group");
+    DBG->Log(-1, DBG_ERROR, "no such group");
+    DBG->Log(DBG_INFO, "filtered");
+    DBG->dbg_write_file(false, false);
+    char id[24];
+    snprintf(id, sizeof id, " \\[0x%lx\\] t\n",
+             static_cast<unsigned long>(pthread_self()) & 0xFFFFFF);
+    std::string lines;
+    for (const char* const tag : {"\\[UNKNOWN\\]", "\\[ERROR\\]", " \\[WARN\\]", " \\[INFO\\]",
+                                  "\\[TRACE\\]", "\\[DEBUG\\]"})
+        lines += LINE + (tag + std::string(id));
+    EXPECT_THAT(GetCapturedStdout(), MatchesRegex(lines + "\n"));
+}
+
+TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
+{
+    stop_the_clock();
+    const TempDir dir;
+    faults.map_log_directory(dir.path);
+    for (const char* const name : {"d_2020-01-01_00-00-00.log", "d_2020-01-01_00-00-01.log"})
+        write_file(dir / name, "old");
+    ConfigFile config = config_of("log.file=d\nlog.default=1");
+    DBG->init(&config);
+    DBG->dbg_stop();
+    EXPECT_EQ(1U, files_of(dir).size());  // one archive is kept
+    const auto size = [&dir] { return read_file(dir / "d.log").size(); };
+    const auto log = [](std::size_t bytes) {
+        const std::size_t decoration = dbg_format_line(DBG_WARN, "").size();
+        DBG->Log(DBG_WARN, std::string(bytes - decoration, 'm'));
+    };
+    struct Step {
+        std::size_t logged;
+        long seconds;  // since the last write
+        std::size_t written;
+    };
+    std::size_t expected = 0;
+    for (const Step& step : std::vector<Step>{
+             {300, 6, 300}, {2500, 0, 2048}, {0, 5, 0}, {0, 6, 452}, {2048, 0, 2048}}) {
+        if (step.logged > 0)
+            log(step.logged);
+        faults.clock_shift += step.seconds;
+        DBG->dbg_write_file(false, false);
+        EXPECT_EQ(expected += step.written, size()) << step.logged;
+        faults.clock_shift -= step.written == 0 ? step.seconds : 0;
+    }
+    log(102400);
+    log(100);
+    for (int i = 0; i < 3; i++)
+        log(100);
+    DBG->dbg_write_file(true, true);
+    EXPECT_THAT(read_file(dir / "d.log"), EndsWith("] LOG FILE WRITE OVERFLOW: 3messages lost\n"));
+    EXPECT_EQ(expected + 102500 +
+                  dbg_format_line(DBG_WARN, "LOG FILE WRITE OVERFLOW: 3messages lost").size(),
+              size());
+    log(102401);
+    log(100);
+    DBG->dbg_write_file(true, true);
+    EXPECT_THAT(read_file(dir / "d.log"), EndsWith("] LOG FILE WRITE OVERFLOW: 1messages lost\n"));
+}
+
+TEST(Logger, SaysOnStandardOutputThatItHasNoDirectory)
+{
+    const TempDir dir;
+    faults.map_log_directory(dir / "missing/log");
+    ConfigFile config = config_of("log.file=d\nlog.default=2");
+    CaptureStdout();
+    DBG->init(&config);
+    DBG->Log(DBG_WARN, "a line that is lost");
+    DBG->dbg_stop();
+    EXPECT_THAT(
+        GetCapturedStdout(),
+        MatchesRegex(
+            "Failed to create directory /var/log/current/ \\(2: No such file or directory\\)\n"
+            "Initialized logging. File name: /var/log/current/d.log\n"
+            "(Failed to open /var/log/current/d.log\n)+"));
+}
+
+TEST(Limits, AreWhatTheDocumentsSay)
+{
+    stop_the_clock();
+    const TempDir logs;
+    faults.map_log_directory(logs.path);
+    ConfigFile config = config_of("log.file=d\nlog.default=1");
+    DBG->init(&config);
+    DBG->dbg_stop();
+    IdleFileLogger idle("");
+    struct Row {
+        std::string path;  // with its extension
+        int file;          // -1: the log
+        std::size_t limit, archives;
+    };
+    for (const Row& row :
+         {Row{idle.dir / idle.names[0], 0, 20971520, 4},
+          Row{idle.dir / idle.names[1], 1, 5242880, 2},
+          Row{idle.dir / idle.names[2], 2, 52428800, 20}, Row{logs / "d.log", -1, 20971520, 1}}) {
+        const std::size_t dot = row.path.rfind('.');
+        for (int i = 10; i < 35; i++)
+            write_file(row.path.substr(0, dot) + "_2020-01-01_00-00-" + std::to_string(i) +
+                           row.path.substr(dot),
+                       "old");
+        write_file(row.path, "");
+        std::filesystem::resize_file(row.path, row.limit - 200);
+        for (const std::size_t expected : {std::size_t{25}, row.archives}) {  // full, then rotated
+            if (row.file == -1) {
+                DBG->Log(DBG_ERROR, std::string(200 - dbg_format_line(DBG_ERROR, "").size(), 'x'));
+                DBG->dbg_write_file(true, true);
+            } else {
+                queue(idle.logger, row.file, 200);
+                write_step(idle.logger, row.file, true);
+            }
+            std::size_t archives = 0;
+            for (const std::string& name : files_of(row.file == -1 ? logs : idle.dir))
+                archives += row.path.substr(0, dot).ends_with(name.substr(0, name.find("_20")));
+            EXPECT_EQ(expected, archives) << row.path;
+        }
+    }
+}

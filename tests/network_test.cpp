@@ -1,1 +1,307 @@
-#include <gtest/gtest.h>
+// The receiver and the web client.
+#include <gmock/gmock.h>
+
+#include "log/simple_logger.h"
+#include "net/net_receiver.h"
+#include "records/qos_packet.h"
+#include "support/harness.h"
+#include "web/web_client.h"
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+static Faults& faults = Faults::self();
+static constexpr int SIZE = 32768;
+
+TEST(Receiver, ReadsEveryDatagramAndSaysSo)
+{
+    LogCapture log;
+    std::unique_ptr<NetReceiver> receiver;
+    int port = 0;
+    while (receiver == nullptr) {
+        port = free_port_pair();
+        ConfigFile config = config_of("log.network=4\nqos_port=" + std::to_string(port));
+        try {
+            receiver = std::make_unique<NetReceiver>(&config);
+        } catch (const std::invalid_argument&) {
+            log.take();  // somebody was faster
+        }
+    }
+    const std::string qos = std::to_string(port), voice = std::to_string(port + 1);
+    EXPECT_EQ(" [INFO] NetReceiver is listening on port " + qos +
+                  "\n [INFO] NetReceiver is listening on port " + voice + "\n",
+              log.take());
+    std::vector<char> buffer(SIZE + 1, '#');
+    const auto receive = [&](bool from_qos) {
+        return from_qos ? receiver->ReceiveQoSPacket(buffer.data(), SIZE)
+                        : receiver->ReceiveVoicePacket(buffer.data(), SIZE);
+    };
+    EXPECT_EQ(0, receive(true));  // before any wait
+    send_udp(port, std::string(40000, 'L'));
+    send_udp(port, "short");
+    send_udp(port, "");
+    send_udp(port, "behind");
+    send_udp(port + 1, std::string("v\0w", 3));
+    EXPECT_EQ(2, receiver->WaitForPackets(5000));
+    EXPECT_EQ(SIZE - 1, receive(true));
+    EXPECT_EQ('\0', buffer[SIZE - 1]);
+    EXPECT_EQ('#', buffer[SIZE]);
+    EXPECT_EQ(">>>>> New QoS packet:\n" + std::string(SIZE - 1, 'L') + "\n", log.take().substr(8));
+    EXPECT_EQ(5, receive(true));
+    EXPECT_EQ(0, receive(true));
+    EXPECT_EQ(3, receive(false));
+    EXPECT_EQ(-1, receive(false));
+    EXPECT_EQ("[DEBUG] >>>>> New QoS packet:\nshort\n[DEBUG] >>>>> New Voice packet: 3 bytes\n",
+              log.take());
+    EXPECT_EQ(1, receiver->WaitForPackets(5000));
+    EXPECT_EQ(0, receive(false));
+    faults.arm("recvfrom", 1, EIO);
+    EXPECT_EQ(-1, receive(true));
+    EXPECT_EQ(6, receive(true));
+    faults.arm("poll", 1, EINTR);
+    EXPECT_EQ(-1, receiver->WaitForPackets(5000));
+    EXPECT_EQ("[ERROR] NetReceiver() recvfrom failed on port: " + qos +
+                  "(errno: 5)\n[DEBUG] >>>>> New QoS packet:\nbehind\n"
+                  "[ERROR] NetReceiver select() failed: -1\n",
+              log.take());
+    ConfigFile same = config_of("qos_port=" + qos);
+    EXPECT_THROW(NetReceiver{&same}, std::invalid_argument);
+    EXPECT_EQ("[ERROR] NetReceiver() unable to bind to port: " + qos + "(errno: 98)\n", log.take());
+    receiver->nr_stop();
+    receiver->nr_stop();
+    EXPECT_EQ(0, receiver->WaitForPackets(0));
+    EXPECT_EQ(0, receive(true));
+    EXPECT_EQ(0, receive(false));
+    receiver.reset();
+    EXPECT_EQ(" [INFO] NetReceiver closing port " + qos + "\n [INFO] NetReceiver closing port " +
+                  voice + "\n",
+              log.take());
+    EXPECT_THROW(NetReceiver(nullptr), std::invalid_argument);
+}
+
+TEST(Receiver, CountsPortsInSixteenBits)
+{
+    struct Row {
+        const char *settings, *function;
+        int n, error;
+        const char *message, *exception;
+    };
+    static const Row rows[] = {
+        {"", "bind", 1, EACCES, "unable to bind to port: 49999(errno: 13)",
+         "NetReceiver() fatal error..."},
+        {"qos_port=70000", "bind", 1, EACCES, "unable to bind to port: 4464(errno: 13)",
+         "NetReceiver() fatal error..."},
+        {"qos_port=65535", "bind", 2, EACCES, "unable to bind to port: 0(errno: 13)",
+         "NetReceiver() fatal error..."},
+        {"qos_port=0", "fcntl", 1, EBADF, "unable to set O_NONBLOCK to port: 0(errno: 9)",
+         "NetReceiver() fatal error..."},
+        {"qos_port=0", "fcntl", 2, EBADF, "unable to set O_NONBLOCK to port: 0(errno: 9)",
+         "NetReceiver() fatal error..."},
+        {"qos_port=0", "socket", 1, EMFILE, "", "NetReceiver() failed to create socket"},
+    };
+    LogCapture log;
+    for (const Row& row : rows) {
+        ConfigFile config = config_of(row.settings);
+        faults.arm(row.function, row.n, row.error);
+        try {
+            const NetReceiver receiver(&config);
+            ADD_FAILURE() << row.settings;
+        } catch (const std::invalid_argument& error) {
+            EXPECT_STREQ(row.exception, error.what());
+        }
+        const std::string text = log.take();
+        const bool reached = faults.disarm();  // false when the real port was taken
+        EXPECT_THAT(reached ? text : row.message, HasSubstr(row.message));
+    }
+}
+
+// A report whose JSON line has so many bytes.
+static QoSPacket report(std::size_t size, const std::string& type = "QOS_NEAREND")
+{
+    const std::string text = "QOS_EV_TYPE=" + type + "\nQOS_EV_RTCP_CNAME=";
+    const std::size_t line = std::string(QoSPacket(text.c_str(), "").http_log_string()).size();
+    return QoSPacket((text + std::string(size - std::min(line, size), 'c')).c_str(), "");
+}
+
+TEST(WebClient, PostsLinesInBatches)
+{
+    LogCapture log;
+    HttpServer server;
+    ConfigFile config = config_of("log.http=4\nelastic_url=" + server.url);
+    faults.clock_stands_at = 1700000000;
+    {
+        WebClient client(&config);
+        QoSPacket small = report(200), large = report(1000), eos = report(0, "QOS_EOS_FAREND"),
+                  unknown = report(0, "x");
+        EXPECT_EQ(0, client.WC_Write(&eos));
+        EXPECT_EQ(0, client.WC_Write(&unknown));
+        EXPECT_EQ(200, client.WC_Write(&small));
+        ASSERT_TRUE(server.received(1));  // the first line at once
+        faults.clock_shift = 5;
+        EXPECT_EQ(200, client.WC_Write(&small));
+        EXPECT_EQ(202, client.WC_Write(&small));
+        client.wc_perform();
+        EXPECT_EQ(1U, server.requests().size());
+        faults.clock_shift = 6;
+        ASSERT_TRUE(server.received(2));
+        for (const std::size_t last : {219U, 220U}) {  // 10239 bytes wait, 10240 do not
+            QoSPacket rest = report(last);
+            for (int i = 0; i < 10; i++)
+                EXPECT_EQ(i == 0 ? 1000 : 1002, client.WC_Write(&large));
+            EXPECT_EQ(last + 2, client.WC_Write(&rest));
+            client.wc_perform();
+            EXPECT_EQ(last == 219 ? 2U : 4U, server.requests().size());
+            faults.clock_shift = 12;
+            ASSERT_TRUE(server.received(last == 219 ? 3 : 4));
+        }
+        client.WC_Write(&small);  // never sent
+        client.wc_stop();
+        EXPECT_EQ(0, client.WC_Write(&small));
+        const std::string line = small.http_log_string();
+        EXPECT_EQ("[\n" + line + "\n]", server.requests()[0].body);
+        EXPECT_EQ("[\n" + line + ",\n" + line + "\n]", server.requests()[1].body);
+    }
+    const auto requests = server.requests();
+    EXPECT_THAT(requests[0].head, StartsWith("POST /qos HTTP/1.1\r\n"));
+    EXPECT_THAT(requests[0].head, HasSubstr("\r\ncontent-type: application/json"));
+    std::size_t bytes = 0;
+    for (const auto& request : requests)
+        bytes += request.body.size();
+    const std::string text = log.take();
+    EXPECT_THAT(text, EndsWith(" [INFO] WebClient stat: Lines Sent=26; Bytes Sent=" +
+                               std::to_string(bytes) + "\n"));
+    EXPECT_EQ(5U, count(text, "Terminating WebClient thread..."));
+    EXPECT_EQ(4U, count(text, "[TRACE] Total idle curl handles: 4\n"));
+    EXPECT_EQ(4U, count(text, "[TRACE] Total idle curl handles: 5\n"));
+    for (const char* const part :
+         {"[TRACE] Starting http transmission of 204 bytes for the curl handle 0x",
+          " [INFO] Finished http transmission of 204 bytes for the curl handle 0x",
+          "[TRACE] HTTP/1.1 200 OK\r\n", "[DEBUG] HTTP buffer sent for the handle: 0x"})
+        EXPECT_THAT(text, HasSubstr(std::string(part).substr(0, 64)));
+}
+
+TEST(WebClient, LosesABatchButNotItsWayWhenACallFails)
+{
+    LogCapture log("log.default=2");
+    HttpServer server;
+    ConfigFile config = config_of("log.http=2\nelastic_url=" + server.url);
+    WebClient client(&config);
+    QoSPacket packet = report(200);
+    const std::tuple<const char*, int, const char*> rows[] = {
+        {"curl_easy_setopt", 1, "[ERROR] curl_easy_setopt(CURLOPT_POSTFIELDS) failed...\n"},
+        {"curl_easy_setopt", 2, "[ERROR] curl_easy_setopt(CURLOPT_POSTFIELDSIZE) failed...\n"},
+        {"curl_easy_perform", 1,
+         "[ERROR] Unable to transmitt http - curl_easy_perform failed: 7\n"}};
+    for (const auto& [function, n, message] : rows) {
+        faults.clock_shift += 6;
+        faults.arm(function, n, CURLE_COULDNT_CONNECT);
+        client.WC_Write(&packet);
+        std::string text;
+        EXPECT_TRUE(eventually([&text, &log, wanted = message] {
+            return (text += log.take()).find(wanted) != std::string::npos;
+        }));
+        EXPECT_TRUE(faults.disarm());
+    }
+    faults.clock_shift += 6;
+    client.WC_Write(&packet);
+    EXPECT_TRUE(eventually([&server, &packet] {
+        return !server.requests().empty() &&
+               server.requests().back().body ==
+                   std::string("[\n") + packet.http_log_string() + "\n]";
+    }));
+}
+
+TEST(WebClient, IsOffWithoutUrlLockOrHandles)
+{
+    struct Row {
+        const char *settings, *function;
+        int n;
+        bool onwards;
+        std::string message;
+    };
+    const Row rows[] = {
+        {"", "pthread_create", 1, true,
+         " [WARN] Empty URL value for WebClient. HTTP reporting is unavailable.\n"},
+        {"elastic_url=http://h/", "pthread_mutex_init", 1, false,
+         "[ERROR] Unable to init mutex for WebClient. Error: 12\n"},
+    };
+    LogCapture log("log.default=2");
+    QoSPacket packet = report(1022);
+    for (const Row& row : rows) {
+        ConfigFile config = config_of(row.settings);
+        faults.arm(row.function, row.n, ENOMEM, row.onwards);
+        WebClient client(&config);
+        faults.disarm();
+        EXPECT_EQ(0, faults.calls("pthread_create"));
+        EXPECT_EQ(row.message, log.take());
+        EXPECT_EQ(0, client.WC_Write(&packet));
+    }
+    ConfigFile config = config_of("log.http=2\nelastic_url=http://127.0.0.1:1/");
+    faults.arm("curl_easy_init", 1, 1, true);
+    WebClient client(&config);
+    faults.arm("pthread_create", 1, EAGAIN, true);
+    WebClient threadless(&config);
+    faults.disarm();
+    std::string text = log.take();
+    EXPECT_EQ(5U, count(text, "[ERROR] Failed to initialize curl handle\n"));
+    EXPECT_EQ(5U, count(text, "[ERROR] Unable to create new thread for WebClient. Error: 11\n"));
+    EXPECT_EQ(1022, client.WC_Write(&packet));
+    for (int i = 0; i < 98; i++)
+        EXPECT_EQ(1024, client.WC_Write(&packet));
+    QoSPacket filling = report(1024), more = report(200);
+    EXPECT_EQ(1026, client.WC_Write(&filling));  // now 102400 bytes: one more fits
+    EXPECT_EQ(202, client.WC_Write(&more));
+    CaptureStdout();
+    EXPECT_EQ(0, client.WC_Write(&more));
+    EXPECT_EQ(" WebClient OVERFLOW\n", GetCapturedStdout());
+    client.wc_perform();
+    EXPECT_THAT(
+        log.take(),
+        HasSubstr(" [INFO] Skipping http transmission - no available idle curl handles!\n"));
+}
+
+TEST(HttpHandle, SaysWhichOptionFailedAndWhere)
+{
+    struct Row {
+        std::string option;
+        bool to_output;
+    };
+    static const Row rows[] = {{"HEADER", true},        {"VERBOSE", true},
+                               {"DEBUGFUNCTION", true}, {"DEBUGDATA", true},
+                               {"URL", false},          {"WRITEFUNCTION", false},
+                               {"WRITEDATA", false},    {"FAILONERROR", false}};
+    LogCapture log;
+    DebugGroup group(DBG_DEBUG, "HTTP");
+    DBG->register_dbg_group(&group);
+    for (std::size_t i = 0; i < std::size(rows); i++) {
+        CaptureStdout();
+        faults.arm("curl_easy_setopt", static_cast<int>(i + 1), CURLE_UNKNOWN_OPTION);
+        EXPECT_FALSE(HttpHanle("http://h/", &group).is_idle());
+        faults.disarm();
+        const std::string output = GetCapturedStdout(),
+                          message = (i == 7 ? "c" : "") +
+                                    ("curl_easy_setopt(CURLOPT_" + rows[i].option) +
+                                    ") failed...\n";
+        EXPECT_EQ(rows[i].to_output ? message : "", output);
+        EXPECT_EQ(rows[i].to_output ? "" : "[ERROR] " + message, log.take());
+    }
+    EXPECT_FALSE(HttpHanle(std::string(9000000, 'u'), &group).is_idle());  // libcurl's own refusal
+    EXPECT_EQ("[ERROR] curl_easy_setopt(CURLOPT_URL) failed...\n", log.take());
+    HttpHanle handle("http://h/", &group);
+    EXPECT_TRUE(handle.is_idle());
+    handle.set_state(HANDLE_BUSY);
+    handle.set_state(HANDLE_BUSY);
+    handle.set_state(HANDLE_IDLE);
+    char text[] = "Connected\r\n\n", feeds[] = "\n\n";
+    EXPECT_EQ(0, HttpHanle::curl_debug_callback(nullptr, CURLINFO_TEXT, text, 12, &handle));
+    EXPECT_EQ(0, HttpHanle::curl_debug_callback(nullptr, CURLINFO_TEXT, feeds, 2, &handle));
+    EXPECT_EQ(0, HttpHanle::curl_debug_callback(nullptr, CURLINFO_TEXT, text, 12, nullptr));
+    EXPECT_EQ(12U, HttpHanle::curl_write_resp_clbk(text, 3, 4, &handle));
+    EXPECT_EQ(0U, HttpHanle::curl_write_resp_clbk(text, 3, 4, nullptr));
+    EXPECT_EQ("[TRACE] Total idle curl handles: 0\n[TRACE] Total idle curl handles: 0\n"
+              "[TRACE] Total idle curl handles: 1\n[TRACE] Connected\r\n",
+              log.take());
+}

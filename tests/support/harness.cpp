@@ -261,7 +261,8 @@ void HttpServer::serve(int fd)
         const std::size_t end = data.find(END);
         if (end == std::string::npos)
             continue;
-        const std::size_t length = std::stoul(data.substr(data.find(LENGTH) + LENGTH.size()));
+        const std::size_t at = data.find(LENGTH);
+        const std::size_t length = at < end ? std::stoul(data.substr(at + LENGTH.size())) : 0;
         if (data.size() < end + END.size() + length)
             continue;
         {
