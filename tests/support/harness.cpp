@@ -280,10 +280,10 @@ void HttpServer::serve(int fd)
     close(fd);
 }
 
-std::vector<HttpServer::Request> HttpServer::requests()
+std::vector<HttpServer::Request> HttpServer::requests(std::size_t first)
 {
     const std::lock_guard lock(_mutex);
-    return _requests;
+    return {_requests.begin() + static_cast<std::ptrdiff_t>(first), _requests.end()};
 }
 
 bool HttpServer::received(std::size_t number)

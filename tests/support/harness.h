@@ -82,8 +82,8 @@ public:
     };
     HttpServer();
     ~HttpServer();
-    std::vector<Request> requests();
-    bool received(std::size_t number);  // until so many requests have come
+    std::vector<Request> requests(std::size_t first = 0);  // from this one on
+    bool received(std::size_t number);                     // until so many requests have come
     std::atomic<Answer> answer{OK};
     std::string url;
 
