@@ -77,8 +77,10 @@ std::unique_ptr<ConfigFile> load_config(const std::string& file_name)
 int main(int argc, char** argv)
 {
     open_standard_descriptors();
-    // A peer that has gone, or a closed pipe on standard output, must not end the daemon.
+    // A peer that has gone, a closed pipe on standard output or a limit on the size of files must
+    // not end the daemon: the write fails, and that is dealt with.
     (void)std::signal(SIGPIPE, SIG_IGN);
+    (void)std::signal(SIGXFSZ, SIG_IGN);
 
     const std::optional<std::string> file_name = config_file_name(argc, argv);
     if (!file_name) {

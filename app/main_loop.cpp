@@ -15,7 +15,7 @@
 namespace {
 
 constexpr unsigned WAIT_MS = 60000;
-constexpr std::int32_t SERVICE_INTERVAL = 300;  // seconds
+constexpr std::int32_t SERVICE_INTERVAL_SECONDS = 300;
 constexpr const char* DEFAULT_SN_FILE = "/etc/zk-T/activation/sn";
 
 int service_report(char* buffer, const char* far_end, const char* loss_percent)
@@ -114,7 +114,7 @@ void MainLoop::start()
         }
         const std::int32_t now = seconds_now();
         static std::int32_t last_service_time = now;
-        if (seconds_between(last_service_time, now) >= SERVICE_INTERVAL) {
+        if (seconds_between(last_service_time, now) >= SERVICE_INTERVAL_SECONDS) {
             send_service_reports();
             last_service_time = seconds_now();
         }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <climits>
 #include <cstdint>
 #include <stdexcept>
 #include <string_view>
@@ -46,14 +47,14 @@ constexpr char PCAP_FILE_HEADER[] = {
 static_assert(sizeof PCAP_FILE_HEADER == 24);
 
 constexpr std::size_t BLOCK_SIZE = 1024;
-constexpr time_t STAT_TAIL_TIMEOUT = 30;  // seconds
-constexpr time_t EOS_TAIL_TIMEOUT = 60;
+constexpr time_t STAT_TAIL_TIMEOUT_SECONDS = 30;
+constexpr time_t EOS_TAIL_TIMEOUT_SECONDS = 60;
 constexpr std::size_t MAX_QOS_BUFFERED = 102400;
 constexpr unsigned STAT_FILE_SIZE = 20971520;
 constexpr unsigned EOS_FILE_SIZE = 5242880;
 constexpr unsigned STAT_ARCHIVES = 4;
 constexpr unsigned EOS_ARCHIVES = 2;
-constexpr int DEFAULT_RTP_TIMEOUT = 30;  // seconds
+constexpr int DEFAULT_RTP_TIMEOUT_SECONDS = 30;
 constexpr int DEFAULT_RTP_BUFFERED = 10485760;
 constexpr int DEFAULT_RTP_FILE_SIZE = 52428800;
 constexpr int DEFAULT_RTP_ARCHIVES = 20;
@@ -78,11 +79,18 @@ std::string take_block(std::string& buffer, const FileObject& file, time_t last_
     return block;
 }
 
+// A count that nobody collects, with a voice cap below 0 for example, stays at its end.
+void count_lost(int& lost)
+{
+    if (lost < INT_MAX)
+        lost++;
+}
+
 // Appends a line with its line feed unless the buffer is full. Returns the bytes appended.
 int queue_line(std::string& buffer, int& lost, std::string_view line)
 {
     if (buffer.size() > MAX_QOS_BUFFERED) {
-        lost++;
+        count_lost(lost);
         return 0;
     }
     buffer += line;
@@ -99,19 +107,30 @@ void report_lost(const char* what, int& lost)
     lost = 0;
 }
 
+// Runs one step of the writer; a file that cannot be written must not end the thread.
+template <typename Step>
+void guarded(Step step)
+{
+    try {
+        step();
+    } catch (const std::exception& error) {
+        DBG->Log(DBG_ERROR, error.what());
+    }
+}
+
 }  // namespace
 
 FileLogger::FileLogger(ConfigFile* config) : sleep_us(LONG_PAUSE_US)
 {
     if (config == nullptr)
         throw std::invalid_argument("FileLogger() invalid config file value");
-    read_config(*config);
-    create_files();
-    if (!init_locks())
+    fl_read_config(*config);
+    fl_create_files();
+    if (!fl_init_locks())
         return;
     for (std::string* buffer : {&stat_buf, &eos_buf, &rtp_buf})
         buffer->reserve(BUFFER_RESERVATION);
-    start_writer();
+    fl_start();
 }
 
 FileLogger::~FileLogger()
@@ -124,7 +143,7 @@ FileLogger::~FileLogger()
     }
 }
 
-void FileLogger::read_config(const ConfigFile& config)
+void FileLogger::fl_read_config(const ConfigFile& config)
 {
     stat_dir = config.getStringValue("qos_stat_dir", "");
     if (stat_dir.empty())
@@ -135,7 +154,7 @@ void FileLogger::read_config(const ConfigFile& config)
     qos_file_name_eos = config.getStringValue("qos_file_name_eos", DEFAULT_EOS_NAME);
     rtp_dump_file_name = config.getStringValue("rtp_dump_file_name", DEFAULT_RTP_NAME);
     rtp_logging = config.getIntValue("rtp_logging", 1) != 0;
-    max_buf_timeout_rtp = config.getIntValue("max_buf_timeout_rtp", DEFAULT_RTP_TIMEOUT);
+    max_buf_timeout_rtp = config.getIntValue("max_buf_timeout_rtp", DEFAULT_RTP_TIMEOUT_SECONDS);
     max_length_per_sec_rtp = config.getIntValue("max_length_per_sec_rtp", DEFAULT_RTP_BUFFERED);
     max_file_size_rtp = config.getIntValue("max_file_size_rtp", DEFAULT_RTP_FILE_SIZE);
     max_archived_files_rtp = config.getIntValue("max_archived_files_rtp", DEFAULT_RTP_ARCHIVES);
@@ -151,32 +170,32 @@ struct FileLogger::OutputFile {
     unsigned max_archives;
 };
 
-void FileLogger::create_files()
+void FileLogger::fl_create_files()
 {
-    create_file(STAT_SLOT, {.header = QOS_STAT_HEADER,
-                            .header_length = QOS_STAT_HEADER_LENGTH,
-                            .name = qos_file_name,
-                            .default_name = DEFAULT_STAT_NAME,
-                            .extension = TEXT_EXTENSION,
-                            .max_size = STAT_FILE_SIZE,
-                            .max_archives = STAT_ARCHIVES});
-    create_file(EOS_SLOT, {.header = QOS_EOS_HEADER,
-                           .header_length = QOS_EOS_HEADER_LENGTH,
-                           .name = qos_file_name_eos,
-                           .default_name = DEFAULT_EOS_NAME,
-                           .extension = TEXT_EXTENSION,
-                           .max_size = EOS_FILE_SIZE,
-                           .max_archives = EOS_ARCHIVES});
-    create_file(VOICE_SLOT, {.header = PCAP_FILE_HEADER,
-                             .header_length = sizeof PCAP_FILE_HEADER,
-                             .name = rtp_dump_file_name,
-                             .default_name = DEFAULT_RTP_NAME,
-                             .extension = PCAP_EXTENSION,
-                             .max_size = static_cast<unsigned>(max_file_size_rtp),
-                             .max_archives = static_cast<unsigned>(max_archived_files_rtp)});
+    fl_create_file(STAT_SLOT, {.header = QOS_STAT_HEADER,
+                               .header_length = QOS_STAT_HEADER_LENGTH,
+                               .name = qos_file_name,
+                               .default_name = DEFAULT_STAT_NAME,
+                               .extension = TEXT_EXTENSION,
+                               .max_size = STAT_FILE_SIZE,
+                               .max_archives = STAT_ARCHIVES});
+    fl_create_file(EOS_SLOT, {.header = QOS_EOS_HEADER,
+                              .header_length = QOS_EOS_HEADER_LENGTH,
+                              .name = qos_file_name_eos,
+                              .default_name = DEFAULT_EOS_NAME,
+                              .extension = TEXT_EXTENSION,
+                              .max_size = EOS_FILE_SIZE,
+                              .max_archives = EOS_ARCHIVES});
+    fl_create_file(VOICE_SLOT, {.header = PCAP_FILE_HEADER,
+                                .header_length = sizeof PCAP_FILE_HEADER,
+                                .name = rtp_dump_file_name,
+                                .default_name = DEFAULT_RTP_NAME,
+                                .extension = PCAP_EXTENSION,
+                                .max_size = static_cast<unsigned>(max_file_size_rtp),
+                                .max_archives = static_cast<unsigned>(max_archived_files_rtp)});
 }
 
-void FileLogger::create_file(std::size_t slot, const OutputFile& output)
+void FileLogger::fl_create_file(std::size_t slot, const OutputFile& output)
 {
     try {
         files[slot] =
@@ -187,7 +206,7 @@ void FileLogger::create_file(std::size_t slot, const OutputFile& output)
     }
 }
 
-bool FileLogger::init_locks()
+bool FileLogger::fl_init_locks()
 {
     const int qos_rc = pthread_mutex_init(&qos_mutex, nullptr);
     const int rtp_rc = pthread_mutex_init(&rtp_mutex, nullptr);
@@ -201,7 +220,7 @@ bool FileLogger::init_locks()
     return false;
 }
 
-void FileLogger::start_writer()
+void FileLogger::fl_start()
 {
     writer_running = true;  // before the thread exists, so that an early fl_stop() still ends it
     const int rc = pthread_create(&writer_thread, nullptr, fl_execute, this);
@@ -256,7 +275,7 @@ int FileLogger::FL_Write(VoicePacket* packet)
     if (locks_ready) {
         const ScopedLock lock(rtp_mutex);
         if (static_cast<std::int64_t>(rtp_buf.size()) > max_length_per_sec_rtp) {
-            rtp_lost++;
+            count_lost(rtp_lost);
         } else {
             rtp_buf.append(reinterpret_cast<const char*>(packet->get_pcap_packet()),
                            static_cast<std::size_t>(size));
@@ -296,17 +315,6 @@ void FileLogger::fl_cleanup_archives()
             files[slot]->fobj_cleanup();
 }
 
-// Runs one step of the writer; a file that cannot be written must not end the thread.
-template <typename Step>
-void FileLogger::guarded(Step step)
-{
-    try {
-        step();
-    } catch (const std::exception& error) {
-        DBG->Log(DBG_ERROR, error.what());
-    }
-}
-
 void FileLogger::fl_pass()
 {
     fl_write_file(QOS_STAT, false, false);
@@ -328,7 +336,7 @@ void FileLogger::fl_write_file(Qos_Stat_Type type, bool sync, bool force)
     FileObject* const file = files[session ? STAT_SLOT : EOS_SLOT].get();
     std::string& buffer = session ? stat_buf : eos_buf;
     time_t& last_write = session ? stat_last_write : eos_last_write;
-    const time_t tail_timeout = session ? STAT_TAIL_TIMEOUT : EOS_TAIL_TIMEOUT;
+    const time_t tail_timeout = session ? STAT_TAIL_TIMEOUT_SECONDS : EOS_TAIL_TIMEOUT_SECONDS;
 
     const ScopedLock lock(qos_mutex);
     if (buffer.empty())

@@ -75,16 +75,14 @@ private:
 
     struct OutputFile;  // what one file object is made from
 
-    void read_config(const ConfigFile& config);
-    void create_files();
-    void create_file(std::size_t slot, const OutputFile& output);
-    bool init_locks();
-    void start_writer();
+    void fl_read_config(const ConfigFile& config);
+    void fl_create_files();
+    void fl_create_file(std::size_t slot, const OutputFile& output);
+    bool fl_init_locks();
+    void fl_start();
     void fl_cleanup_archives();
     void fl_pass();
     void fl_final_flush();
-    template <typename Step>
-    void guarded(Step step);
 
     std::array<std::unique_ptr<FileObject>, FILE_COUNT> files;
     std::string stat_dir;  // ends in '/'

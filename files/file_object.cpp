@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "log/simple_logger.h"
+#include "log/utils.h"
 
 namespace {
 
@@ -65,8 +66,7 @@ std::string local_stamp()
 {
     timeval now{};
     gettimeofday(&now, nullptr);
-    tm fields{};
-    localtime_r(&now.tv_sec, &fields);
+    const tm fields = Utils::local_time(now.tv_sec);
     std::array<char, 64> text{};
     const std::size_t length = strftime(text.data(), text.size(), STAMP_FORMAT, &fields);
     return {text.data(), length};
@@ -80,7 +80,7 @@ std::string counter_text(unsigned counter)
         return "";
     const std::string digits = std::to_string(counter);
     const std::size_t zeros = digits.size() < COUNTER_DIGITS ? COUNTER_DIGITS - digits.size() : 0;
-    return "_" + std::string(zeros, '0') + digits;
+    return std::string("_").append(zeros, '0').append(digits);
 }
 
 }  // namespace
@@ -95,7 +95,7 @@ FileObject::FileObject(const void* header, int header_length, std::string direct
     if (!_directory.ends_with('/'))
         _directory += '/';
     _path = _directory + _name + _extension;
-    create_directory();
+    fobj_create_directory();
 }
 
 FileObject::~FileObject()
@@ -103,7 +103,7 @@ FileObject::~FileObject()
     fobj_close();
 }
 
-void FileObject::create_directory()
+void FileObject::fobj_create_directory() const
 {
     if (mkdir(_directory.c_str(), DIRECTORY_MODE) == 0) {
         if (geteuid() != OWNER_UID || getegid() != OWNER_GID) {
@@ -134,11 +134,11 @@ void FileObject::fobj_open()
         throw std::runtime_error("Failed to retrieve file size of " + _path);
     _size = static_cast<unsigned>(info.st_size);
     if (info.st_size == 0 && _header != nullptr && _header_length > 0)
-        write_header();
+        fobj_write_header();
 }
 
 // A header that is cut short is no header: readers would take it for one.
-void FileObject::write_header()
+void FileObject::fobj_write_header()
 {
     const auto length = static_cast<unsigned>(_header_length);
     if (write(_fd, _header, length) != static_cast<ssize_t>(length))
@@ -177,7 +177,7 @@ int FileObject::fobj_write(const std::string& block, bool sync)
     if (!fobj_rotate())  // a rotated file is closed; its successor is sized when it is opened
         _size += static_cast<unsigned>(written);
     if (sync && _fd != -1)
-        (void)fsync(_fd);
+        (void)fsync(_fd);  // as in fobj_close
     return static_cast<int>(written);
 }
 
@@ -186,18 +186,18 @@ bool FileObject::fobj_rotate()
     if (!time_2_rotate())
         return false;
     fobj_close();
-    const std::string archive = archive_path();
+    const std::string archive = fobj_archive_path();
     if (rename(_path.c_str(), archive.c_str()) == 0) {
         DBG->Log(DBG_TRACE, _path + " rotated to " + archive);
         fobj_cleanup();
     } else {
-        remove_unarchived(archive, errno);
+        fobj_remove_unarchived(archive, errno);
     }
     return true;
 }
 
 // A full file that cannot be moved away must go, or it would grow without bound.
-void FileObject::remove_unarchived(const std::string& archive, int rename_error)
+void FileObject::fobj_remove_unarchived(const std::string& archive, int rename_error) const
 {
     std::string message =
         error_text(rename_error) + " on rotation (::rename) of " + _path + " to " + archive;
@@ -205,7 +205,7 @@ void FileObject::remove_unarchived(const std::string& archive, int rename_error)
         message += "; deleted file instead.";
     } else {
         const int err = errno;
-        message += "\n" + error_text(err) + " on ::remove " + _path;
+        message.append("\n").append(error_text(err) + " on ::remove " + _path);
     }
     DBG->Log(DBG_ERROR, message);
 }
@@ -213,7 +213,7 @@ void FileObject::remove_unarchived(const std::string& archive, int rename_error)
 // A name that no file has yet. The counter goes on from the last rotation of the same second, even
 // where the cleanup has removed that archive, so that a later archive never gets an earlier name.
 // access() failing for another reason than a free name shows again in the rename.
-std::string FileObject::archive_path()
+std::string FileObject::fobj_archive_path()
 {
     const std::string stamp = local_stamp();
     unsigned counter = stamp == _last_stamp ? _last_counter : 0;
@@ -228,7 +228,7 @@ std::string FileObject::archive_path()
 }
 
 // Only this object's own archives: another file's name may begin with this one's.
-bool FileObject::is_archive(const std::string& file) const
+bool FileObject::fobj_is_archive(const std::string& file) const
 {
     if (!file.starts_with(_name) || !file.ends_with(_extension) ||
         file.size() < _name.size() + STAMP_FORM.size() + _extension.size())
@@ -242,7 +242,7 @@ bool FileObject::is_archive(const std::string& file) const
 
 void FileObject::fobj_cleanup()
 {
-    std::set<F_Info, F_Sort> archives = find_archives();
+    std::multiset<F_Info, F_Sort> archives = fobj_find_archives();
     while (archives.size() > _max_archives) {
         const std::string& oldest = archives.begin()->name;
         if (remove(oldest.c_str()) == 0) {
@@ -256,23 +256,31 @@ void FileObject::fobj_cleanup()
     }
 }
 
-std::set<F_Info, F_Sort> FileObject::find_archives()
+// Archives of one second go in the order of their names, which carry date, time and counter: they
+// are inserted in that order, and equal elements keep it.
+std::multiset<F_Info, F_Sort> FileObject::fobj_find_archives() const
 {
-    std::set<F_Info, F_Sort> archives;
-    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(_directory.c_str()), closedir);
-    if (listing == nullptr) {
-        const int err = errno;
-        DBG->Log(DBG_ERROR,
-                 "FileObject::fobj_cleanup: failed to open " + _directory + "; " + error_text(err));
-        return archives;
-    }
-    while (const dirent* entry = readdir(listing.get())) {
-        if (entry->d_type != DT_REG || !is_archive(entry->d_name))
-            continue;
-        const std::string path = _directory + entry->d_name;
+    std::multiset<F_Info, F_Sort> archives;
+    for (const std::string& path : fobj_list_archives()) {
         struct stat info {};
         if (stat(path.c_str(), &info) == 0)  // one without a known age is left alone
             archives.insert(F_Info(path, info.st_mtime));
     }
     return archives;
+}
+
+std::set<std::string> FileObject::fobj_list_archives() const
+{
+    std::set<std::string> paths;
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(_directory.c_str()), closedir);
+    if (listing == nullptr) {
+        const int err = errno;
+        DBG->Log(DBG_ERROR,
+                 "FileObject::fobj_cleanup: failed to open " + _directory + "; " + error_text(err));
+        return paths;
+    }
+    while (const dirent* entry = readdir(listing.get()))
+        if (entry->d_type == DT_REG && fobj_is_archive(entry->d_name))
+            paths.insert(_directory + entry->d_name);
+    return paths;
 }

@@ -25,13 +25,9 @@ struct F_Info {
     std::int64_t time;  // seconds since the epoch
 };
 
-// Oldest archive first; archives of one second in the order of their names, which carry the date,
-// the time and the counter.
+// Oldest archive first.
 struct F_Sort {
-    bool operator()(const F_Info& a, const F_Info& b) const
-    {
-        return a.time != b.time ? a.time < b.time : a.name < b.name;
-    }
+    bool operator()(const F_Info& a, const F_Info& b) const { return a.time < b.time; }
 };
 
 class FileObject {
@@ -68,12 +64,13 @@ public:
     void fobj_cleanup();
 
 private:
-    void create_directory();
-    void write_header();
-    void remove_unarchived(const std::string& archive, int rename_error);
-    std::string archive_path();
-    bool is_archive(const std::string& file) const;
-    std::set<F_Info, F_Sort> find_archives();
+    void fobj_create_directory() const;
+    void fobj_write_header();
+    void fobj_remove_unarchived(const std::string& archive, int rename_error) const;
+    std::string fobj_archive_path();
+    bool fobj_is_archive(const std::string& file) const;
+    std::set<std::string> fobj_list_archives() const;
+    std::multiset<F_Info, F_Sort> fobj_find_archives() const;
 
     const void* _header;
     int _header_length;

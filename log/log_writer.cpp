@@ -1,4 +1,6 @@
 // The part of the logger that reads its configuration and writes to disk.
+#include "log/simple_logger.h"
+
 #include <unistd.h>
 
 #include <exception>
@@ -6,7 +8,6 @@
 #include "config/config_file.h"
 #include "files/file_object.h"
 #include "log/scoped_lock.h"
-#include "log/simple_logger.h"
 
 namespace {
 
@@ -17,7 +18,7 @@ constexpr unsigned MAX_LOG_ARCHIVES = 1;
 
 constexpr std::size_t BLOCK_SIZE = 1024;
 constexpr std::size_t BUFFER_RESERVATION = 10240;
-constexpr time_t TAIL_TIMEOUT = 5;  // seconds
+constexpr time_t TAIL_TIMEOUT_SECONDS = 5;
 constexpr useconds_t SLEEP_US = 100000;
 
 // The kernel refuses names over 15 characters, so "QoS_SimpleLogger" is cut.
@@ -35,16 +36,16 @@ void SimpleLogger::init(ConfigFile* config)
         dbg_level_from_config(config->getIntValue("log.default", DBG_WARN)), "DEFAULT"));
     _buffer.reserve(BUFFER_RESERVATION);
     _last_write_time = 0;
-    if (!start_writer())
+    if (!dbg_start_writer())
         return;
-    _file = create_file();
+    _file = dbg_create_file();
     if (_file != nullptr)
         Log(DBG_INFO, "Initialized logging. File name: " + _directory + _file_name + _extension);
     _initialized = true;
     _initialized.notify_all();
 }
 
-bool SimpleLogger::start_writer()
+bool SimpleLogger::dbg_start_writer()
 {
     int rc = pthread_mutex_init(&_mutex, nullptr);
     if (rc != 0) {
@@ -63,7 +64,7 @@ bool SimpleLogger::start_writer()
     return true;
 }
 
-FileObject* SimpleLogger::create_file()
+FileObject* SimpleLogger::dbg_create_file()
 {
     if (_file_name.empty())
         return nullptr;
@@ -99,15 +100,15 @@ void SimpleLogger::dbg_run()
     if (_file != nullptr)
         _file->fobj_cleanup();
     while (_running) {
-        write_pass_guarded(false, false);
+        dbg_write_pass(false, false);
         usleep(SLEEP_US);
     }
     Log(DBG_INFO, "Terminating SimpleLogger thread...");
-    write_pass_guarded(true, true);
+    dbg_write_pass(true, true);
 }
 
 // An output that cannot be written must not end the thread: its next pass tries again.
-void SimpleLogger::write_pass_guarded(bool sync, bool flush_all)
+void SimpleLogger::dbg_write_pass(bool sync, bool flush_all)
 {
     try {
         dbg_write_file(sync, flush_all);
@@ -118,7 +119,7 @@ void SimpleLogger::write_pass_guarded(bool sync, bool flush_all)
 
 void SimpleLogger::dbg_write_file(bool sync, bool flush_all)
 {
-    const std::string block = take_block(flush_all);
+    const std::string block = dbg_take_block(flush_all);
     if (block.empty())
         return;
     // A failed write is reported by the file object; the block is not retried.
@@ -128,7 +129,7 @@ void SimpleLogger::dbg_write_file(bool sync, bool flush_all)
 
 // Cuts the next block off the buffer; empty when nothing is due, or when there is no file and the
 // buffer went to standard output.
-std::string SimpleLogger::take_block(bool flush_all)
+std::string SimpleLogger::dbg_take_block(bool flush_all)
 {
     std::string block;
     const ScopedLock lock(_mutex);
@@ -146,7 +147,8 @@ std::string SimpleLogger::take_block(bool flush_all)
     }
     const std::size_t length = _buffer.size();
     const std::size_t whole_blocks = length - length % BLOCK_SIZE;
-    const bool tail_is_old = length < BLOCK_SIZE && time(nullptr) - _last_write_time > TAIL_TIMEOUT;
+    const bool tail_is_old =
+        length < BLOCK_SIZE && time(nullptr) - _last_write_time > TAIL_TIMEOUT_SECONDS;
     const bool take_all =
         length == whole_blocks || tail_is_old || _file->time_2_rotate() || flush_all;
     const std::size_t taken = take_all ? length : whole_blocks;

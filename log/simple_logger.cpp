@@ -2,6 +2,7 @@
 #include "log/simple_logger.h"
 
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 
@@ -51,7 +52,7 @@ int SimpleLogger::register_dbg_group(DebugGroup* group)
     return group->index;
 }
 
-bool SimpleLogger::group_passes(int group_index, DbgLevel level) const
+bool SimpleLogger::dbg_group_passes(int group_index, DbgLevel level) const
 {
     if (group_index < 0 || group_index >= _group_count)
         return false;
@@ -60,12 +61,12 @@ bool SimpleLogger::group_passes(int group_index, DbgLevel level) const
 
 bool SimpleLogger::log_passes(DbgLevel level) const
 {
-    return group_passes(DEFAULT_GROUP, level);
+    return dbg_group_passes(DEFAULT_GROUP, level);
 }
 
 void SimpleLogger::Log(int group_index, DbgLevel level, const std::string& text)
 {
-    if (!group_passes(group_index, level))
+    if (!dbg_group_passes(group_index, level))
         return;
     if (!_initialized) {
         dbg_print_line(text);
@@ -73,10 +74,10 @@ void SimpleLogger::Log(int group_index, DbgLevel level, const std::string& text)
     }
     const std::string line = dbg_format_line(level, text);
     const ScopedLock lock(_mutex);
-    if (_buffer.size() > MAX_BUFFERED)
-        _lost++;
-    else
+    if (_buffer.size() <= MAX_BUFFERED)
         _buffer += line;
+    else if (_lost < INT_MAX)  // nobody resets it when there is no file
+        _lost++;
 }
 
 std::string SimpleLogger::dbg_level_2_str(DbgLevel level)

@@ -71,11 +71,11 @@ private:
 
     static constexpr int DEFAULT_GROUP = 0;
 
-    bool group_passes(int group_index, DbgLevel level) const;
-    bool start_writer();
-    FileObject* create_file();
-    void write_pass_guarded(bool sync, bool flush_all);
-    std::string take_block(bool flush_all);
+    bool dbg_group_passes(int group_index, DbgLevel level) const;
+    bool dbg_start_writer();
+    FileObject* dbg_create_file();
+    void dbg_write_pass(bool sync, bool flush_all);
+    std::string dbg_take_block(bool flush_all);
 
     std::vector<DebugGroup*> _groups;       // not owned
     std::atomic<int> _group_count{0};       // what other threads may read of _groups

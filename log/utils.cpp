@@ -1,25 +1,12 @@
 #include "log/utils.h"
 
 #include <cstdio>
-#include <ctime>
 
 namespace {
 
 constexpr std::size_t BUFFER_SIZE = 128;
 constexpr std::size_t TEXT_LIMIT = BUFFER_SIZE - 1;
 constexpr long USEC_PER_MSEC = 1000;
-
-// A time beyond what the calendar can hold prints as the epoch does: the C library leaves the
-// fields unset then.
-tm local_time(time_t seconds)
-{
-    tm fields{};
-    if (localtime_r(&seconds, &fields) == nullptr) {
-        const time_t epoch = 0;
-        localtime_r(&epoch, &fields);
-    }
-    return fields;
-}
 
 // Date or time by the pattern, then milliseconds and a blank. Returns the length of the text.
 std::size_t print_stamp(char* buffer, const timeval& tv, const tm& fields, const char* pattern)
@@ -31,6 +18,16 @@ std::size_t print_stamp(char* buffer, const timeval& tv, const tm& fields, const
 }
 
 }  // namespace
+
+tm Utils::local_time(time_t seconds)
+{
+    tm fields{};
+    if (localtime_r(&seconds, &fields) == nullptr) {  // the C library leaves the fields unset then
+        const time_t epoch = 0;
+        localtime_r(&epoch, &fields);
+    }
+    return fields;
+}
 
 std::string Utils::t_stamp()
 {

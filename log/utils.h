@@ -5,10 +5,14 @@
 
 #include <sys/time.h>
 
+#include <ctime>
 #include <string>
 
 class Utils {
 public:
+    // Local calendar time. A time beyond what the calendar can hold gives the epoch's.
+    static tm local_time(time_t seconds);
+
     // The current time as t_stamp(now, false), for example "Nov-14 22:13:20.123 ".
     static std::string t_stamp();
 

@@ -52,15 +52,15 @@ void NetReceiver::init_listen_port(unsigned short port, int& sock)
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     address.sin_port = htons(port);
     if (bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0)
-        fail_port("NetReceiver() unable to bind to port: ", port);
+        nr_fail_port("NetReceiver() unable to bind to port: ", port);
 
     const int flags = fcntl(sock, F_GETFL);
     if (flags < 0 || fcntl(sock, F_SETFL, flags | O_NONBLOCK) < 0)
-        fail_port("NetReceiver() unable to set O_NONBLOCK to port: ", port);
+        nr_fail_port("NetReceiver() unable to set O_NONBLOCK to port: ", port);
     LogStr(DBG_INFO, "NetReceiver is listening on port " + std::to_string(port));
 }
 
-void NetReceiver::fail_port(const char* what, unsigned short port)
+void NetReceiver::nr_fail_port(const char* what, unsigned short port)
 {
     const int err = errno;
     LogStr(DBG_ERROR, what + errno_suffix(port, err));
@@ -85,14 +85,14 @@ int NetReceiver::WaitForPackets(unsigned int timeoutMs)
     return ready;
 }
 
-bool NetReceiver::is_readable(nfds_t entry, int sock) const
+bool NetReceiver::nr_is_readable(nfds_t entry, int sock) const
 {
     return fds[entry].fd == sock && (fds[entry].revents & POLLIN) != 0;
 }
 
 int NetReceiver::ReceiveQoSPacket(char* buf, int size)
 {
-    if (nfds == 0 || !is_readable(0, qos_sock))
+    if (nfds == 0 || !nr_is_readable(0, qos_sock))
         return 0;
     return receive_packet(buf, size, qos_port, qos_sock);
 }
@@ -100,7 +100,7 @@ int NetReceiver::ReceiveQoSPacket(char* buf, int size)
 int NetReceiver::ReceiveVoicePacket(char* buf, int size)
 {
     // The voice socket comes first in the set when the QoS socket is closed.
-    if ((nfds == 0 || !is_readable(0, voice_sock)) && !is_readable(1, voice_sock))
+    if ((nfds == 0 || !nr_is_readable(0, voice_sock)) && !nr_is_readable(1, voice_sock))
         return 0;
     return receive_packet(buf, size, voice_port, voice_sock);
 }

@@ -50,8 +50,8 @@ public:
     void nr_stop();
 
 private:
-    bool is_readable(nfds_t entry, int sock) const;
-    [[noreturn]] void fail_port(const char* what, unsigned short port);
+    bool nr_is_readable(nfds_t entry, int sock) const;
+    [[noreturn]] void nr_fail_port(const char* what, unsigned short port);
 
     unsigned short qos_port = 0;
     int qos_sock = 0;  // 0: no socket

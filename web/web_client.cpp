@@ -13,7 +13,7 @@
 namespace {
 
 constexpr std::size_t BATCH_SIZE = 10240;  // a batch this large is sent at once
-constexpr time_t BATCH_AGE = 5;            // seconds; a smaller one when this has passed
+constexpr time_t BATCH_AGE_SECONDS = 5;    // a smaller one when more has passed
 constexpr std::size_t MAX_BUFFERED = 102400;
 constexpr useconds_t SLEEP_US = 100000;
 
@@ -46,7 +46,7 @@ WebClient::WebClient(ConfigFile* config) : url(config->getStringValue("elastic_u
         return;
     }
     http_buffer.reserve(BATCH_SIZE);
-    if (!init_curl())
+    if (!wc_init_curl())
         return;
     for (auto& handle : curl_handles)
         handle = std::make_unique<HttpHanle>(url, group);
@@ -57,7 +57,7 @@ WebClient::WebClient(ConfigFile* config) : url(config->getStringValue("elastic_u
     }
     lock_ready = true;
     stopped = false;
-    start_workers();
+    wc_start_workers();
 }
 
 WebClient::~WebClient()
@@ -71,7 +71,7 @@ WebClient::~WebClient()
                          "; Bytes Sent=" + std::to_string(bytes_sent));
 }
 
-bool WebClient::init_curl()
+bool WebClient::wc_init_curl()
 {
     if (!zklibcurl_global_init) {
         if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK) {
@@ -83,7 +83,7 @@ bool WebClient::init_curl()
     return true;
 }
 
-void WebClient::start_workers()
+void WebClient::wc_start_workers()
 {
     int number = 0;
     for (HttpThread& worker : http_threads) {
@@ -156,22 +156,22 @@ void WebClient::wc_run()
 void WebClient::wc_perform()
 {
     std::string body;
-    HttpHanle* const handle = take_batch(body);
+    HttpHanle* const handle = wc_take_batch(body);
     if (handle == nullptr)
         return;
     CURL* const easy = handle->easy_handle();
-    set_body(easy, body);
+    wc_set_body(easy, body);
     bytes_sent += static_cast<std::uint32_t>(body.size());
-    transmit(easy, body);
+    wc_transmit(easy, body);
     handle->set_state(HANDLE_IDLE);
 }
 
-bool WebClient::batch_is_due() const
+bool WebClient::wc_batch_is_due() const
 {
-    return http_buffer.size() >= BATCH_SIZE || time(nullptr) - last_send_time > BATCH_AGE;
+    return http_buffer.size() >= BATCH_SIZE || time(nullptr) - last_send_time > BATCH_AGE_SECONDS;
 }
 
-HttpHanle* WebClient::pick_idle_handle()
+HttpHanle* WebClient::wc_pick_idle_handle()
 {
     for (auto& handle : curl_handles) {
         if (handle->is_idle()) {
@@ -185,12 +185,12 @@ HttpHanle* WebClient::pick_idle_handle()
 // One critical section from the due test to the time of the transmission: no other worker may
 // take the same lines, the same handle, or start a small batch in between. Returns the handle to
 // send the body with, or null when there is nothing to send.
-HttpHanle* WebClient::take_batch(std::string& body)
+HttpHanle* WebClient::wc_take_batch(std::string& body)
 {
     const ScopedLock lock(wc_mutex);
-    if (http_buffer.empty() || !batch_is_due())
+    if (http_buffer.empty() || !wc_batch_is_due())
         return nullptr;
-    HttpHanle* const handle = pick_idle_handle();
+    HttpHanle* const handle = wc_pick_idle_handle();
     if (handle == nullptr) {
         LogStr(DBG_INFO, "Skipping http transmission - no available idle curl handles!");
         return nullptr;
@@ -203,7 +203,7 @@ HttpHanle* WebClient::take_batch(std::string& body)
 }
 
 // The body is not copied: it lives in the worker until the transfer has ended.
-void WebClient::set_body(CURL* easy, const std::string& body)
+void WebClient::wc_set_body(CURL* easy, const std::string& body)
 {
     if (curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data()) != CURLE_OK)
         LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDS) failed...");
@@ -211,7 +211,7 @@ void WebClient::set_body(CURL* easy, const std::string& body)
         LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDSIZE) failed...");
 }
 
-void WebClient::transmit(CURL* easy, const std::string& body)
+void WebClient::wc_transmit(CURL* easy, const std::string& body)
 {
     if (log_passes(DBG_TRACE))
         LogStr(DBG_TRACE, "Starting http transmission of " + batch_text(easy, body));

@@ -59,13 +59,13 @@ private:
 
     static bool zklibcurl_global_init;  // libcurl is initialised, once per process
 
-    bool init_curl();
-    void start_workers();
-    bool batch_is_due() const;
-    HttpHanle* pick_idle_handle();
-    HttpHanle* take_batch(std::string& body);
-    void set_body(CURL* easy, const std::string& body);
-    void transmit(CURL* easy, const std::string& body);
+    bool wc_init_curl();
+    void wc_start_workers();
+    bool wc_batch_is_due() const;
+    HttpHanle* wc_pick_idle_handle();
+    HttpHanle* wc_take_batch(std::string& body);
+    void wc_set_body(CURL* easy, const std::string& body);
+    void wc_transmit(CURL* easy, const std::string& body);
 
     std::string url;
     std::array<std::unique_ptr<HttpHanle>, POOL_SIZE> curl_handles;

@@ -1,0 +1,39 @@
+#include "tools/file_bytes.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+[[noreturn]] void fail()
+{
+    throw std::runtime_error(std::strerror(errno));
+}
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }  // only read from
+};
+
+}  // namespace
+
+std::string read_file(const std::string& name)
+{
+    constexpr std::size_t PIECE = 1 << 16;
+    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(name.c_str(), "rbe"));
+    if (file == nullptr)
+        fail();
+    std::string bytes;
+    std::size_t got = PIECE;
+    while (got == PIECE) {
+        const std::size_t length = bytes.size();
+        bytes.resize(length + PIECE);
+        got = std::fread(bytes.data() + length, 1, PIECE, file.get());
+        bytes.resize(length + got);
+    }
+    if (std::ferror(file.get()) != 0)
+        fail();
+    return bytes;
+}
