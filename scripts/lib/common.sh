@@ -5,6 +5,7 @@
 # Everything started is a child of the script and ends with it; everything written is below
 # $SCRATCH and goes with it. Two scripts may run at once.
 
+PATH=$PATH:/usr/sbin:/sbin # an ordinary user may lack them
 VOXSTAT=${VOXSTAT:-$PWD/build/release/voxstat}
 SCRATCH=$(mktemp -d "${TMPDIR:-/tmp}/voxstat.XXXXXX")
 LAUNCH=()    # what the daemon is started with, for example env or valgrind

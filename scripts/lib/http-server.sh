@@ -1,0 +1,39 @@
+# shellcheck shell=bash
+# An HTTP server for the daemon to report to. To be sourced behind common.sh.
+
+have_server() { command -v nginx >/dev/null; }
+
+# start_server [PORT]: one process, SERVER, on the port given or on a free one, SERVER_PORT. It takes
+# whatever it is sent.
+start_server() {
+    local attempt
+    mkdir -p "$SCRATCH/server"
+    for ((attempt = 0; attempt < 20; attempt++)); do
+        SERVER_PORT=${1:-$((10000 + SRANDOM % 22000))}
+        cat >"$SCRATCH/server/nginx.conf" <<END
+daemon off;
+master_process off;
+pid $SCRATCH/server/pid;
+error_log $SCRATCH/server/error.log;
+events {}
+http {
+    access_log $SCRATCH/server/access.log;
+    client_body_temp_path $SCRATCH/server/body;
+    proxy_temp_path $SCRATCH/server/proxy;
+    fastcgi_temp_path $SCRATCH/server/fastcgi;
+    uwsgi_temp_path $SCRATCH/server/uwsgi;
+    scgi_temp_path $SCRATCH/server/scgi;
+    server {
+        listen 127.0.0.1:$SERVER_PORT;
+        return 200;
+    }
+}
+END
+        nginx -p "$SCRATCH/server" -c "$SCRATCH/server/nginx.conf" 2>/dev/null &
+        SERVER=$!
+        wait_quietly 10 server_up_or_gone && ! gone "$SERVER" && return
+        wait "$SERVER" || true
+    done
+    die "no HTTP server"
+}
+server_up_or_gone() { gone "$SERVER" || (: <"/dev/tcp/127.0.0.1/$SERVER_PORT") 2>/dev/null; }
