@@ -76,8 +76,9 @@ Fields read_by_hand(const std::string& report, const std::string& serial)
         else
             (in_value ? value : key) += report[i];
     }
-    // A key that the limit may have cut is no key.
-    if (report.size() <= TEXT_LIMIT || in_value)
+    // A key that the limit has cut is no key.
+    const bool cut = report.size() > TEXT_LIMIT && report[TEXT_LIMIT] != '\n';
+    if (!cut || in_value)
         end_of_line();
     if (fields["SERIAL_NUM"].empty())
         fields["SERIAL_NUM"] = serial.empty() ? "0" : serial.substr(0, TEXT_LIMIT);

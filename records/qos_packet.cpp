@@ -1,6 +1,7 @@
 #include "records/qos_packet.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -68,6 +69,36 @@ constexpr std::array<std::string_view, UNKNOWN_KEY> KEYS = {
     "QOS_EV_LAST_PACKET_USEC",
 };
 
+// Length, first and last letter behind the common prefix tell all keys apart: they choose a slot,
+// and one comparison then settles whether a text is the key in that slot.
+constexpr std::size_t KEY_PREFIX_LENGTH = std::string_view("QOS_EV_").size();
+constexpr std::size_t SLOT_COUNT = 64;
+
+// The text must be longer than the prefix. The factors are chosen so that no two keys collide.
+constexpr std::size_t slot_of(std::string_view key)
+{
+    const auto first = static_cast<unsigned char>(key[KEY_PREFIX_LENGTH]);
+    const auto last = static_cast<unsigned char>(key.back());
+    return (2 * key.size() + 3U * first + last) % SLOT_COUNT;
+}
+
+constexpr auto KEY_SLOTS = [] {
+    std::array<std::uint8_t, SLOT_COUNT> slots{};
+    slots.fill(UNKNOWN_KEY);
+    for (std::size_t index = 0; index < KEYS.size(); index++)
+        slots[slot_of(KEYS[index])] = static_cast<std::uint8_t>(index);
+    return slots;
+}();
+
+constexpr bool every_key_has_its_slot()
+{
+    for (std::size_t index = 0; index < KEYS.size(); index++)
+        if (KEY_SLOTS[slot_of(KEYS[index])] != index)
+            return false;
+    return true;
+}
+static_assert(every_key_has_its_slot());
+
 constexpr std::string_view NEAREND = "QOS_NEAREND";
 constexpr std::string_view FAREND = "QOS_FAREND";
 constexpr std::string_view EOS_NEAREND = "QOS_EOS_NEAREND";
@@ -78,6 +109,42 @@ constexpr const char* FAR_END_WORD = "far_end";
 
 // Where every scan of a report ends.
 constexpr std::size_t TEXT_LIMIT = 1023;
+
+std::uint64_t word_at(const char* text)
+{
+    std::uint64_t word = 0;
+    std::memcpy(&word, text, sizeof word);
+    return word;
+}
+
+// Whether two texts of one length, a word or more, are the same. They are so short that calling
+// memcmp would cost more than comparing them.
+bool same_text(const char* a, const char* b, std::size_t length)
+{
+    constexpr std::size_t WORD = sizeof(std::uint64_t);
+    for (std::size_t offset = 0; offset + WORD < length; offset += WORD)
+        if (word_at(a + offset) != word_at(b + offset))
+            return false;
+    return word_at(a + length - WORD) == word_at(b + length - WORD);
+}
+
+// The index of a key, or UNKNOWN_KEY.
+inline std::size_t find_key(std::string_view key)
+{
+    if (key.size() <= KEY_PREFIX_LENGTH)
+        return UNKNOWN_KEY;
+    const std::size_t index = KEY_SLOTS[slot_of(key)];
+    const bool found = index != UNKNOWN_KEY && KEYS[index].size() == key.size() &&
+                       same_text(KEYS[index].data(), key.data(), key.size());
+    return found ? index : std::size_t{UNKNOWN_KEY};
+}
+
+// Cold: inlined, it would keep the compiler from inlining the rest of the parsing.
+[[gnu::cold]] void ignore_key(std::string_view key)
+{
+    if (DBG->log_passes(DBG_WARN))
+        DBG->Log(DBG_WARN, "ignoring unknown key: " + std::string(key));
+}
 
 }  // namespace
 
@@ -125,14 +192,8 @@ void QoSPacket::extract_line(std::string_view line, bool cut_off)
     const std::size_t index = find_key(key);
     if (index != UNKNOWN_KEY)
         store(index, has_value ? line.substr(equals + 1) : std::string_view());
-    else if (DBG->log_passes(DBG_WARN))
-        DBG->Log(DBG_WARN, "ignoring unknown key: " + std::string(key));
-}
-
-std::size_t QoSPacket::find_key(std::string_view key)
-{
-    const auto* const found = std::find(KEYS.begin(), KEYS.end(), key);
-    return static_cast<std::size_t>(found - KEYS.begin());
+    else
+        ignore_key(key);
 }
 
 int QoSPacket::key_to_index(const char* key) const

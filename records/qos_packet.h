@@ -49,7 +49,6 @@ private:
     static constexpr std::size_t FIELD_COUNT = 25;
     static constexpr std::size_t FIELD_SIZE = 1024;
 
-    static std::size_t find_key(std::string_view key);
     void extract_line(std::string_view line, bool cut_off);
     void store(std::size_t index, std::string_view value);
     void build_lines();

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <sstream>
 
 #include "filelog/file_logger.h"
 #include "files/file_object.h"
@@ -101,113 +102,32 @@ TEST(FileObject, ReportsEveryEventAndNamesArchivesApart)
 TEST(FileObject, RemovesTheOldestOfItsOwnArchivesOnly)
 {
     using namespace std::filesystem;
-    struct Row {
-        const char* name;
-        int hours;  // of age
-    };
-    static const Row rows[] = {{"S_2026-03-09_14-05-09.txt", 90},
-                               {"S_2026-03-03_14-05-09.txt", 50},  // to be removed,
-                               {"S_2026-03-03_14-05-09_002.txt", 50},
-                               {"S_2026-03-03_14-05-09_1000.txt", 50},  // in this
-                               {"S_2026-03-01_14-05-09.txt", 10},
-                               {"S.txt", 99},  // order ... or
-                               {"S_Summary.txt", 99},
-                               {"S_Summary_2026-03-03_14-05-09.txt", 99},  // kept
-                               {"S_2026-03-03_14-05-09.log", 99},
-                               {"xS_2026-03-03_14-05-09.txt", 99},
-                               {"S_2026-03-03_14-05-09_02.txt", 99},
-                               {"S_2026-03-03_14-05-0.txt", 99},
-                               {"S_2026-03-03_14-05-09.txt.txt", 99},
-                               {"S_2026-03-03_14-05-09_0x2.txt", 99}};
     LogCapture log;
     const TempDir dir;
     create_directory(dir / "S_2020-01-01_00-00-00.txt");
+    // Names and ages in hours: the first three must go, in this order, and all others stay.
+    std::istringstream files(
+        "S_2026-03-09_14-05-09.txt 90 S_2026-03-03_14-05-09.txt 50 S_2026-03-03_14-05-09_002.txt "
+        "50 "
+        "S_2026-03-03_14-05-09_1000.txt 50 S_2026-03-01_14-05-09.txt 10 S.txt 99 S_Sum.txt 99 "
+        "S_Sum_2026-03-03_14-05-09.txt 99 S_2026-03-03_14-05-09.log 99 "
+        "S_2026-03-03_14-05-09_02.txt 99 "
+        "xS_2026-03-03_14-05-09.txt 99 S_2026-03-03_14-05-0.txt 99 S_2026-03-03_14-05-09_0x2.txt "
+        "99");
     const auto now = file_time_type::clock::now();
-    for (const Row& row : rows) {
-        write_file(dir / row.name, "x");
-        last_write_time(dir / row.name, now - std::chrono::hours(row.hours));
+    std::string name, removed;
+    int number = 0;
+    for (int hours = 0; files >> name >> hours; number++) {
+        write_file(dir / name, "x");
+        last_write_time(dir / name, now - std::chrono::hours(hours));
+        if (number < 3)
+            removed +=
+                " [INFO] FileObject::fobj_cleanup: successfully deleted " + (dir / name) + "\n";
     }
-    std::string removed;
-    for (int i = 0; i < 3; i++)
-        removed +=
-            " [INFO] FileObject::fobj_cleanup: successfully deleted " + (dir / rows[i].name) + "\n";
     FileObject file(nullptr, 0, dir.path, "S", ".txt", 100, 2);
     file.fobj_cleanup();
     EXPECT_EQ(removed, log.take());
-    EXPECT_EQ(std::size(rows) - 3 + 1, files_of(dir).size());
-}
-
-TEST(FileObject, LosesNoMoreThanTheBlockWhenACallFails)
-{
-    struct Row {
-        const char* function;
-        int n, error;
-        std::string message;
-        std::size_t bytes;  // in all files at the end
-    };
-    stop_the_clock();
-    const std::string archive = "D/F_2023-11-14_22-13-20";
-    const Row rows[] = {
-        {"mkdir", 1, EACCES, "[ERROR] Failed to create directory D/ (13: Permission denied)", 0},
-        {"chown", 1, EPERM, "", 27},
-        {"fsync", 1, EIO, "", 27},
-        {"open", 1, EACCES, "thrown: Failed to open D/F.txt", 44},
-        {"stat", 1, EIO, "thrown: Failed to retrieve file size of D/F.txt", 30},
-        {"write", 1, EIO, "thrown: Failed to write header to the D/F.txt", 30},
-        {"write", 2, ENOSPC, "[DEBUG] No space left on device (28) on writing to file D/F.txt", 44},
-        {"write", 2, Faults::SHORT_COUNT, "", 49},
-        {"rename", 1, EXDEV,
-         "[ERROR] Invalid cross-device link (18) on rotation (::rename) of D/F.txt to " + archive +
-             ".txt; deleted file instead.",
-         27},
-        {"remove", 1, EPERM,
-         "[ERROR] FileObject::fobj_cleanup: failed to delete " + archive +
-             ".txt; Operation not permitted (1)",
-         54},
-        {"opendir", 1, EMFILE,
-         "[ERROR] FileObject::fobj_cleanup: failed to open D/; Too many open files (24)", 27},
-    };
-    LogCapture log;
-    for (const Row& row : rows) {
-        const TempDir dir;
-        std::string messages;
-        faults.arm(row.function, row.n, row.error);
-        FileObject file("header\n", 7, dir / "D", "F", ".txt", 16, 1);
-        for (int i = 0; i < 4; i++) {
-            try {
-                file.fobj_write("ten bytes\n", i == 1);
-            } catch (const std::runtime_error& error) {
-                messages += std::string("thrown: ") + error.what() + "\n";
-            }
-        }
-        EXPECT_TRUE(faults.disarm()) << row.function;
-        messages += log.take();
-        for (std::size_t at; (at = messages.find(dir.path + "/")) != std::string::npos;)
-            messages.erase(at, dir.path.size() + 1);
-        EXPECT_THAT(messages, HasSubstr(row.message)) << row.function;
-        std::size_t size = 0;
-        std::error_code none;
-        for (const auto& entry : std::filesystem::directory_iterator(dir / "D", none))
-            size += entry.file_size();
-        EXPECT_EQ(row.bytes, size) << row.function << row.n;
-    }
-}
-
-TEST(FileObject, GoesOnWhenItCanNeitherBeRenamedNorRemoved)
-{
-    stop_the_clock();
-    LogCapture log;
-    const TempDir dir;
-    FileObject file(nullptr, 0, dir.path, "F", ".txt", 5, 4);
-    file.fobj_write("first block\n", false);
-    std::filesystem::remove(dir / "F.txt");
-    file.fobj_write("second\n", false);
-    file.fobj_write("third\n", false);
-    EXPECT_THAT(log.take(),
-                HasSubstr("[ERROR] No such file or directory (2) on rotation (::rename) of " +
-                          (dir / "F.txt") + " to " + (dir / "F_2023-11-14_22-13-20.txt") +
-                          "\nNo such file or directory (2) on ::remove " + (dir / "F.txt") + "\n"));
-    EXPECT_EQ("third\n", read_file(dir / "F.txt"));
+    EXPECT_EQ(static_cast<std::size_t>(number - 3 + 1), files_of(dir).size());
 }
 
 // A report whose line takes so many bytes in its file, and a voice record of that size in the dump.
@@ -339,38 +259,6 @@ TEST(FileLogger, ADueFileTakesTheWholeBufferAndRotates)
     write_step(old.logger, 2, true);
     EXPECT_EQ(1500U + 1024, read_file(old.dir / archive).size());
     EXPECT_EQ(24U + 76, old.size(2));
-}
-
-TEST(FileLogger, LivesWithoutLocksThreadOrFiles)
-{
-    LogCapture log("log.default=2");
-    const TempDir dir;
-    ConfigFile config = config_of("qos_stat_dir=" + dir.path);
-    const std::tuple<const char*, int, const char*> rows[] = {
-        {"pthread_mutex_init", 1, "mutex for FileLogger. Error: 12,0"},
-        {"pthread_mutex_init", 2, "mutex for FileLogger. Error: 0,12"},
-        {"pthread_create", 1, "new thread for FileLogger. Error: 12"}};
-    for (const auto& [function, n, message] : rows) {
-        faults.arm(function, n, ENOMEM);
-        FileLogger logger(&config);
-        EXPECT_TRUE(faults.disarm());
-        EXPECT_THAT(log.take(), HasSubstr(message));
-        for (const int file : {0, 1, 2})
-            queue(logger, file, 200);
-        logger.fl_stop();
-    }
-    EXPECT_TRUE(files_of(dir).empty());
-    FileLogger logger(&config);
-    faults.arm("open", 1, EACCES, true);
-    for (const int file : {0, 1, 2})
-        queue(logger, file, 200);
-    logger.fl_stop();
-    faults.disarm();
-    const std::string text = log.take();
-    EXPECT_THAT(text, EndsWith("Terminating FileLogger thread...\n"));
-    for (const char* const name : IdleFileLogger::names)
-        EXPECT_EQ(1U, count(text, "[ERROR] Failed to open " + (dir / name) + "\n"));
-    EXPECT_THROW(FileLogger(nullptr), std::invalid_argument);
 }
 
 TEST(FileLogger, PausesFollowTheVoiceTraffic)

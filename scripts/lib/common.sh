@@ -31,11 +31,13 @@ trap 'exit 130' INT
 trap 'exit 143' TERM
 
 die() {
+    local log
     echo "${0##*/}: $*" >&2
-    if [ -n "${DAEMON_DIR:-}" ] && [ -s "$DAEMON_DIR/out" ]; then
-        echo "--- the end of what the daemon printed:" >&2
-        tail -n 20 "$DAEMON_DIR/out" | cut -c 1-300 >&2
-    fi
+    for log in "${DAEMON_DIR:-}"/{out,valgrind}; do
+        [ -s "$log" ] || continue
+        echo "--- the end of $log:" >&2
+        tail -n 40 "$log" | cut -c 1-300 >&2
+    done
     exit 1
 }
 

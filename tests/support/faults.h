@@ -30,6 +30,7 @@ struct Faults {
     // for pthread_* the result and for curl_easy_* the CURLcode. Onwards: so do all after it.
     void arm(std::string_view function, int n, int error, bool onwards = false);
     bool disarm();  // true when the armed call was reached
+    bool reached() const { return _reached; }
     int calls(std::string_view function) const { return _calls[id(function)]; }  // since arm()
 
     // The directory that takes the place of /var/log/current.

@@ -187,7 +187,7 @@ void Daemon::start()
         if (eventually([&] {
                 return has_ended() || count(output() + read_file(dir / "log/d.log"), sign) > 0;
             }) &&
-            !has_ended())
+            (!has_ended() || faults->reached()))
             return;  // else another process was faster
     }
     ADD_FAILURE() << "the daemon does not start";
@@ -195,7 +195,7 @@ void Daemon::start()
 
 bool Daemon::printed(const std::string& text, std::size_t times) const
 {
-    return eventually([&] { return count(output(), text) >= times; });
+    return eventually([&] { return count("\n" + output(), text) >= times; });
 }
 
 bool Daemon::holds(const std::string& file, const std::string& text) const
