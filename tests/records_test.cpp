@@ -270,7 +270,7 @@ TEST(Voice, RecordsAreConvertedByteForByte)
                     "0000 4000 40 11 0000 C0000201 CB007105 138C 1F90 00A8 0000") +
                   std::string(160, '\x5A'),
               convert(160));
-    for (const std::size_t length : {0, 1989, 1990, 2024, 2025, 3000}) {
+    for (const std::size_t length : {0U, 1989U, 1990U, 2024U, 2025U, 3000U}) {
         const std::string record = convert(length);
         const std::size_t counted = length > 2024 ? 2023 : length;
         const std::size_t stored = length > 1989 ? 0 : counted;
