@@ -82,13 +82,15 @@ constexpr std::size_t slot_of(std::string_view key)
     return (2 * key.size() + 3U * first + last) % SLOT_COUNT;
 }
 
-constexpr auto KEY_SLOTS = [] {
+constexpr std::array<std::uint8_t, SLOT_COUNT> key_slots()
+{
     std::array<std::uint8_t, SLOT_COUNT> slots{};
     slots.fill(UNKNOWN_KEY);
     for (std::size_t index = 0; index < KEYS.size(); index++)
         slots[slot_of(KEYS[index])] = static_cast<std::uint8_t>(index);
     return slots;
-}();
+}
+constexpr std::array<std::uint8_t, SLOT_COUNT> KEY_SLOTS = key_slots();
 
 constexpr bool every_key_has_its_slot()
 {
