@@ -9,7 +9,6 @@
 
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::MatchesRegex;
 using testing::StartsWith;
 
 static const std::string STAT_HEADER =
@@ -154,7 +153,7 @@ TEST(Daemon, KeepsItsLogInAFile)
             " [INFO] Terminating application...\n [INFO] Terminating SimpleLogger thread...\n"));
 }
 
-enum Outcome { ENDS, NO_FILES, LIVES };  // LIVES: what comes later is in the files
+enum Outcome { ENDS, EMPTY, LIVES };  // LIVES: what comes later is in the files
 
 struct Fault {
     std::string function;
@@ -174,12 +173,9 @@ TEST_P(DaemonWithAFault, SaysSo)
 {
     const Fault& fault = GetParam();
     HttpServer server;
-    Daemon daemon(
-        "log.default=4\nlog.http=4\nmax_file_size_rtp=9\nmax_archived_files_rtp=0\nelastic_url=" +
-            server.url,
-        true);
-    write_file(daemon.dir / "RTP_Streams_No_Voice.pcap",
-               "at its limit");  // rotates with its first record
+    const std::string limits = "max_file_size_rtp=9\nmax_archived_files_rtp=0\n";
+    Daemon daemon(limits + "log.default=4\nlog.http=4\nelastic_url=" + server.url, true);
+    write_file(daemon.dir / "RTP_Streams_No_Voice.pcap", "at its limit");  // rotates at once
     daemon.faults->arm(fault.function, fault.n, fault.error);
     daemon.start();
     daemon.send_qos(SESSION + "first");
@@ -202,16 +198,12 @@ static const Fault faults[] = {
     {"signal", 3, EINVAL, "] Failed to register SIGTERM signal handler...\n", LIVES},
     {"signal", 5, EINVAL, "Failed to register SIGQUIT signal handler...\n", LIVES},
     {"pthread_mutex_init", 1, ENOMEM, "Unable to init mutex for SimpleLogger. Error: 12\n", LIVES},
-    {"pthread_mutex_init", 2, ENOMEM, "Unable to init mutex for FileLogger. Error: 12,0\n",
-     NO_FILES},
-    {"pthread_mutex_init", 3, ENOMEM, "Unable to init mutex for FileLogger. Error: 0,12\n",
-     NO_FILES},
+    {"pthread_mutex_init", 2, ENOMEM, "Unable to init mutex for FileLogger. Error: 12,0\n", EMPTY},
+    {"pthread_mutex_init", 3, ENOMEM, "Unable to init mutex for FileLogger. Error: 0,12\n", EMPTY},
     {"pthread_mutex_init", 4, ENOMEM, "Unable to init mutex for WebClient. Error: 12\n", LIVES},
-    {"pthread_create", 1, EAGAIN, "Unable to create new thread for SimpleLogger. Error: 11\n",
-     LIVES},
-    {"pthread_create", 2, EAGAIN, "Unable to create new thread for FileLogger. Error: 11\n",
-     NO_FILES},
-    {"pthread_create", 3, EAGAIN, "Unable to create new thread for WebClient. Error: 11\n", LIVES},
+    {"pthread_create", 1, EAGAIN, "create new thread for SimpleLogger. Error: 11\n", LIVES},
+    {"pthread_create", 2, EAGAIN, "create new thread for FileLogger. Error: 11\n", EMPTY},
+    {"pthread_create", 3, EAGAIN, "create new thread for WebClient. Error: 11\n", LIVES},
     {"curl_easy_init", 1, 1, "Failed to initialize curl handle\n", LIVES},
     {"curl_easy_setopt", 1, 48, "\ncurl_easy_setopt(CURLOPT_HEADER) failed...\n", LIVES},
     {"curl_easy_setopt", 2, 48, "\ncurl_easy_setopt(CURLOPT_VERBOSE) failed...\n", LIVES},
@@ -297,7 +289,8 @@ TEST(Daemon, KeepsItsFilesSafeFromAServerThatNeverAnswers)
 {
     HttpServer server;
     server.answer = HttpServer::NEVER;
-    Daemon daemon("log.http=2\nelastic_url=" + server.url);
+    Daemon daemon("log.http=2\nelastic_url=" + server.url, true);
+    daemon.faults->clock_stands_at = 1700000000;  // no batch becomes due by its age
     daemon.start();
     std::size_t sent = 0;
     const auto send = [&](int reports) {
@@ -325,8 +318,8 @@ TEST(Daemon, KeepsItsFilesSafeFromAServerThatNeverAnswers)
     send(12);
     ASSERT_TRUE(server.received(7));
     kill(daemon.pid, SIGTERM);
-    EXPECT_TRUE(
-        daemon.holds("QoS_Stat.txt", std::to_string(sent - 1) + "\n"));  // while the stop waits
+    // while the stop waits:
+    EXPECT_TRUE(daemon.holds("QoS_Stat.txt", std::to_string(sent - 1) + "\n"));
     EXPECT_FALSE(daemon.has_ended());
     server.answer = HttpServer::OK;
     EXPECT_EQ(0, daemon.stop());
@@ -346,12 +339,12 @@ TEST(Daemon, PostsServiceReportsEveryFiveMinutes)
     };
     daemon.send_qos(SESSION + "x");  // the first pass starts the interval
     ASSERT_TRUE(server.received(1));
-    for (const long seconds :
-         {290, 11, 6}) {  // not yet; now; the rest of the pair, if it was parted
+    // Not yet; now; and what is left of the pair if it was parted.
+    for (const long seconds : {290, 11, 6}) {
         daemon.faults->clock_shift += seconds;
         daemon.send_qos(SESSION + "x" + std::to_string(seconds));
         EXPECT_TRUE(eventually([&] { return count(posted(), "x" + std::to_string(seconds)) > 0; }));
-        EXPECT_TRUE(seconds == 6 || count(posted(), "Service_Packet") == 0 || seconds == 11);
+        EXPECT_TRUE(seconds != 290 || count(posted(), "Service_Packet") == 0);
     }
     EXPECT_EQ(2U, count(posted(), "Service_Packet"));
     EXPECT_LT(posted().find("  192.0.2.10     0       0    0   0.0      0     0      00000     0 "
@@ -403,7 +396,6 @@ TEST(Daemon, LosesNothingAtFiveThousandReportsASecond)
         }
         daemon.send_qos(SESSION + "n" + std::to_string(i));
     }
-
     EXPECT_TRUE(eventually([&] {
         note_posts();
         return posted >= REPORTS;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <sstream>
 
 #include "filelog/file_logger.h"
@@ -29,13 +30,12 @@ static void stop_the_clock()
     faults.clock_stands_at = NOON;
 }
 
-static std::vector<std::string> files_of(const TempDir& dir)
+static std::map<std::string, std::size_t> sizes_of(const TempDir& dir)
 {
-    std::vector<std::string> names;
+    std::map<std::string, std::size_t> sizes;
     for (const auto& entry : std::filesystem::directory_iterator(dir.path))
-        names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
+        sizes[entry.path().filename()] = entry.is_directory() ? 0 : entry.file_size();
+    return sizes;
 }
 
 TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
@@ -43,15 +43,15 @@ TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
     struct Row {
         int header, existing;  // bytes; -1: no file
         unsigned limit;
-        int writes;                      // of 600 bytes
-        std::vector<std::size_t> sizes;  // of live file and archive
+        int writes;                 // of 600 bytes
+        std::size_t live, archive;  // bytes at the end; 0: none
     };
     static const Row rows[] = {
-        {0, -1, 1000, 2, {1200}},   {0, -1, 1000, 3, {1800}},        {0, -1, 1000, 4, {600, 1800}},
-        {7, -1, 607, 1, {607}},     {7, -1, 607, 2, {1207}},         {7, -1, 608, 3, {1807}},
-        {7, 0, 5000, 1, {607}},     {7, 10, 5000, 1, {610}},         {7, 999, 1000, 2, {2199}},
-        {7, 1000, 1000, 1, {1600}}, {7, 1000, 1000, 2, {607, 1600}},
-    };
+        {0, -1, 1000, 2, 1200, 0},   {0, -1, 1000, 3, 0, 1800},    {0, -1, 1000, 4, 600, 1800},
+        {7, -1, 607, 1, 607, 0},     {7, -1, 607, 2, 0, 1207},     {7, -1, 608, 3, 0, 1807},
+        {7, 0, 5000, 1, 607, 0},     {7, 10, 5000, 1, 610, 0},     {7, 999, 1000, 2, 0, 2199},
+        {7, 1000, 1000, 1, 0, 1600}, {7, 1000, 1000, 2, 607, 1600}};
+    stop_the_clock();
     for (const Row& row : rows) {
         const TempDir dir;
         if (row.existing >= 0)
@@ -59,12 +59,12 @@ TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
         FileObject file("header\n", row.header, dir.path, "F", ".txt", row.limit, 4);
         for (int i = 0; i < row.writes; i++)
             EXPECT_EQ(600, file.fobj_write(std::string(600, 'w'), i == 1));
-        std::vector<std::size_t> sizes;
-        for (const std::string& name : files_of(dir))
-            sizes.push_back(read_file(dir / name).size());
-        EXPECT_EQ(row.sizes, sizes) << row.header << " " << row.existing << " " << row.writes;
-        EXPECT_EQ(row.header > 0 && row.existing < 1,
-                  read_file(dir / files_of(dir).back()).starts_with("header"));
+        auto sizes = sizes_of(dir);
+        const std::string oldest = read_file(dir / sizes.rbegin()->first);
+        EXPECT_EQ(row.header > 0 && row.existing < 1, oldest.starts_with("header"));
+        EXPECT_EQ(row.live, sizes["F.txt"]) << row.limit << " " << row.writes;
+        EXPECT_EQ(row.archive, sizes["F_2023-11-14_22-13-20.txt"])
+            << row.limit << " " << row.writes;
     }
 }
 
@@ -127,7 +127,7 @@ TEST(FileObject, RemovesTheOldestOfItsOwnArchivesOnly)
     FileObject file(nullptr, 0, dir.path, "S", ".txt", 100, 2);
     file.fobj_cleanup();
     EXPECT_EQ(removed, log.take());
-    EXPECT_EQ(static_cast<std::size_t>(number - 3 + 1), files_of(dir).size());
+    EXPECT_EQ(static_cast<std::size_t>(number - 3 + 1), sizes_of(dir).size());
 }
 
 // A report whose line takes so many bytes in its file, and a voice record of that size in the dump.
@@ -184,7 +184,6 @@ TEST(FileLogger, WritesWholeBlocksAndOldTails)
         {200, -60, false, 200},   {200, 0, false, 0},    {824, -60, false, 1024},
         {1100, -60, false, 1024}, {972, 9, false, 1024}, {0, 0, false, 0},
         {0, 1, false, 24},        {400, 0, true, 400},   {0, 9, true, 0}};
-    LogCapture log("log.default=1");
     IdleFileLogger idle("max_buf_timeout_rtp=7");
     const long timeouts[] = {30, 60, 7};
     for (const int file : {0, 1, 2}) {
@@ -244,7 +243,6 @@ TEST(FileLogger, DropsAndCountsBeyondItsCaps)
 
 TEST(FileLogger, ADueFileTakesTheWholeBufferAndRotates)
 {
-    LogCapture log("log.default=1");
     IdleFileLogger idle("max_file_size_rtp=1500\nmax_archived_files_rtp=-1");
     const std::string archive = "RTP_Streams_No_Voice_2023-11-14_22-13-20.pcap";
     for (const std::size_t size : {1100, 1100, 1100}) {  // 1024 written, 1024 written, all the rest
@@ -327,7 +325,7 @@ TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
     ConfigFile config = config_of("log.file=d\nlog.default=1");
     DBG->init(&config);
     DBG->dbg_stop();
-    EXPECT_EQ(1U, files_of(dir).size());  // one archive is kept
+    EXPECT_EQ(1U, sizes_of(dir).size());  // one archive is kept
     const auto size = [&dir] { return read_file(dir / "d.log").size(); };
     const auto log = [](std::size_t bytes) {
         const std::size_t decoration = dbg_format_line(DBG_WARN, "").size();
@@ -380,43 +378,40 @@ TEST(Logger, SaysOnStandardOutputThatItHasNoDirectory)
             "(Failed to open /var/log/current/d.log\n)+"));
 }
 
-TEST(Limits, AreWhatTheDocumentsSay)
+TEST(Limits, OfSizesAndArchives)
 {
-    stop_the_clock();
     const TempDir logs;
     faults.map_log_directory(logs.path);
     ConfigFile config = config_of("log.file=d\nlog.default=1");
     DBG->init(&config);
     DBG->dbg_stop();
     IdleFileLogger idle("");
-    struct Row {
-        std::string path;  // with its extension
-        int file;          // -1: the log
-        std::size_t limit, archives;
+    const auto write_200_bytes = [&idle](int file) {
+        if (file < 3)
+            queue(idle.logger, file, 200);
+        else
+            DBG->Log(DBG_ERROR, std::string(200 - dbg_format_line(DBG_ERROR, "").size(), 'x'));
+        file < 3 ? write_step(idle.logger, file, true) : DBG->dbg_write_file(true, true);
     };
-    for (const Row& row :
-         {Row{idle.dir / idle.names[0], 0, 20971520, 4},
-          Row{idle.dir / idle.names[1], 1, 5242880, 2},
-          Row{idle.dir / idle.names[2], 2, 52428800, 20}, Row{logs / "d.log", -1, 20971520, 1}}) {
-        const std::size_t dot = row.path.rfind('.');
+    const std::size_t limits[] = {20971520, 5242880, 52428800, 20971520}, kept[] = {4, 2, 20, 1};
+    for (const int file : {0, 1, 2, 3}) {
+        const TempDir& dir = file < 3 ? idle.dir : logs;
+        const std::filesystem::path live = dir / (file < 3 ? idle.names[file] : "d.log");
+        const std::string stem = live.stem().string() + "_20";
         for (int i = 10; i < 35; i++)
-            write_file(row.path.substr(0, dot) + "_2020-01-01_00-00-" + std::to_string(i) +
-                           row.path.substr(dot),
-                       "old");
-        write_file(row.path, "");
-        std::filesystem::resize_file(row.path, row.limit - 200);
-        for (const std::size_t expected : {std::size_t{25}, row.archives}) {  // full, then rotated
-            if (row.file == -1) {
-                DBG->Log(DBG_ERROR, std::string(200 - dbg_format_line(DBG_ERROR, "").size(), 'x'));
-                DBG->dbg_write_file(true, true);
-            } else {
-                queue(idle.logger, row.file, 200);
-                write_step(idle.logger, row.file, true);
-            }
-            std::size_t archives = 0;
-            for (const std::string& name : files_of(row.file == -1 ? logs : idle.dir))
-                archives += row.path.substr(0, dot).ends_with(name.substr(0, name.find("_20")));
-            EXPECT_EQ(expected, archives) << row.path;
+            write_file(
+                dir / (stem + "20-01-01_00-00-" + std::to_string(i) + live.extension().string()),
+                "");
+        write_file(live, "");
+        std::filesystem::resize_file(live, limits[file] - 200);
+        for (const std::size_t archives : {std::size_t{25}, kept[file]}) {  // full, then rotated
+            write_200_bytes(file);
+            const auto sizes = sizes_of(dir);
+            EXPECT_EQ(
+                static_cast<long>(archives),
+                std::count_if(sizes.begin(), sizes.end(),
+                              [&](const auto& entry) { return entry.first.starts_with(stem); }))
+                << live;
         }
     }
 }

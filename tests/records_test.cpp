@@ -213,7 +213,7 @@ static std::string model_line(std::map<std::string, std::string>& fields)
         }
         std::string cell = text.str();
         if (kind != 'd' && kind != 'f' && kind != 'w')
-            cell = cell.substr(0, width);
+            cell.resize(std::min(width, cell.size()));
         line += (line.empty() ? "" : " ") + std::string(width - std::min(width, cell.size()), ' ') +
                 cell;
     }
@@ -240,8 +240,8 @@ TEST(Report, AgreesWithASimpleModel)
         std::string report = "QOS_EV_TYPE=" + fields["TYPE"];
         while (report.size() < 900 && below(40) != 0) {
             std::string value(below(40), ' ');
-            for (char& c : value)
-                c = static_cast<char>(below(255) + 1);
+            std::generate(value.begin(), value.end(),
+                          [&] { return static_cast<char>(below(255) + 1); });
             std::replace(value.begin(), value.end(), '\n', '=');
             if (below(2) != 0)
                 value = std::to_string(static_cast<int>(random()) >> below(31));

@@ -125,7 +125,7 @@ void Faults::arm(std::string_view function, int n, int error, bool onwards)
 {
     disarm();
     for (auto& calls : _calls)
-        calls = 0;
+        calls.store(0);
     _armed = id(function);
     _error = error;
     _onwards = onwards;
