@@ -302,7 +302,7 @@ TEST(Daemon, KeepsItsFilesSafeFromAServerThatNeverAnswers)
                     [&] { return count(read_file(daemon.dir / "QoS_Stat.txt"), "\n") >= sent; });
         }
     };
-    for (const std::size_t busy : {1, 2, 3, 4, 5}) {
+    for (const std::size_t busy : {1U, 2U, 3U, 4U, 5U}) {
         send(busy == 1 ? 1 : 11);
         ASSERT_TRUE(server.received(busy));
     }
