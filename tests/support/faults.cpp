@@ -124,13 +124,18 @@ Faults& Faults::shared(const std::string& path)
 void Faults::arm(std::string_view function, int n, int error, bool onwards)
 {
     disarm();
-    for (auto& calls : _calls)
-        calls.store(0);
+    restart();
     _armed = id(function);
     _error = error;
     _onwards = onwards;
-    _reached = false;
     _n = n;
+}
+
+void Faults::restart()
+{
+    for (auto& calls : _calls)
+        calls = 0;
+    _reached = false;
 }
 
 bool Faults::disarm()

@@ -29,9 +29,10 @@ struct Faults {
     // The n-th call of the function from now on, 1 being the next, fails with the error: an errno,
     // for pthread_* the result and for curl_easy_* the CURLcode. Onwards: so do all after it.
     void arm(std::string_view function, int n, int error, bool onwards = false);
-    bool disarm();  // true when the armed call was reached
+    void restart();  // counts anew: 1 is the next call again
+    bool disarm();   // true when the armed call was reached
     bool reached() const { return _reached; }
-    int calls(std::string_view function) const { return _calls[id(function)]; }  // since arm()
+    int calls(std::string_view function) const { return _calls[id(function)]; }  // since then
 
     // The directory that takes the place of /var/log/current.
     void map_log_directory(const std::string& directory);

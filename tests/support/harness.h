@@ -49,13 +49,14 @@ public:
     // directory is dir / "log", where "d.log" is looked at by start().
     explicit Daemon(std::string config, bool faulty = false);
     ~Daemon();
-    void start();                              // returns when it listens, on ports that were free
+    void start();  // returns when it listens, on ports that were free, or has ended
     void spawn(const std::string& arguments);  // as they are, without a configuration
     void send_qos(const std::string& report) const { send_udp(port, report); }
     void send_voice(const std::string& records) const { send_udp(port + 1, records); }
     bool printed(const std::string& text, std::size_t times = 1) const;  // waits for it
     bool holds(const std::string& file, const std::string& text) const;  // in dir; waits for it
     std::string output() const { return read_file(dir / "stdout"); }
+    std::string said() const { return output() + read_file(dir / "log/d.log"); }
     bool has_ended();
     int wait();  // the exit status; 256 + signal when killed by one, -1 when it does not end
     // Ends it by the signal, which is sent again now and then: one that comes between the test
