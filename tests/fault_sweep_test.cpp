@@ -1,0 +1,213 @@
+// Fails every call that the daemon makes in a short life, one by one: once, or from then on.
+// The first ones of each function by default; all of them when VOXSTAT_FULL_SWEEP is set.
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <set>
+
+#include "support/harness.h"
+
+namespace {
+
+// In each phase of a life come an end-of-session report, a voice record and a session report,
+// which are written, and the last is posted, before the next phase begins.
+constexpr int PHASES = 4, ALL = 3 * PHASES;
+
+// What goes with a failure: its message; a message only where something was lost; none; the
+// message and files that stay empty; the message and an end at once.
+enum Manner { SAID, QUIET, SILENT, NO_FILES, ENDS };
+
+struct Cost {  // the most records and posts that may be missing, or cut, or there twice
+    int records, posts;
+    Manner manner = SAID;
+};
+constexpr Cost NONE{0, 0}, NOTICE{0, 0, SILENT}, BLOCK{1, 0, QUIET}, BLOCKS{ALL, 0, QUIET},
+    FILES{ALL, 0, NO_FILES}, POST{0, 1}, POSTS{0, PHASES}, BOTH{ALL, PHASES, NO_FILES},
+    HEARING{ALL, PHASES}, LIFE{ALL, PHASES, ENDS};
+
+struct Row {
+    const char* function;
+    int error;
+    std::vector<const char*> messages;  // any of them
+    std::vector<std::tuple<int, Cost, Cost>>
+        costs;  // from this call on: once, or with all after it
+};
+
+// clang-format off
+const Row ROWS[] = {
+    {"open", EMFILE, {"Failed to open /"}, {{1, {1, 0}, {ALL, 0}}}},
+    {"write", ENOSPC, {"(28) on writing to file ", "Failed to write header "}, {{1, BLOCK, BLOCKS}}},
+    {"write", EIO, {"(5) on writing to file ", "Failed to write header "}, {{1, BLOCK, BLOCKS}}},
+    {"write", Faults::SHORT_COUNT, {}, {{1, {1, 0, SILENT}, {ALL, 0, SILENT}}}},
+    {"fsync", EIO, {}, {{1, NOTICE, NOTICE}}},
+    {"stat", EACCES, {"Failed to retrieve file size of "}, {{1, BLOCK, BLOCKS}}},
+    {"rename", EACCES, {"; deleted file instead."}, {{1, {2, 0}, {4, 0}}}},
+    {"remove", EACCES, {"FileObject::fobj_cleanup: failed to delete "}, {{1, NONE, NONE}}},
+    {"mkdir", EACCES, {"Failed to create directory "}, {{1, NONE, NONE}}},
+    {"chown", EPERM, {}, {{1, NOTICE, NOTICE}}},
+    {"opendir", EMFILE, {"FileObject::fobj_cleanup: failed to open "}, {{1, NONE, NONE}}},
+    {"socket", EMFILE, {"NetReceiver() failed to create socket"}, {{1, LIFE, LIFE}}},
+    {"bind", EACCES, {"NetReceiver() unable to bind to port: "}, {{1, LIFE, LIFE}}},
+    {"fcntl", EPERM, {"NetReceiver() unable to set O_NONBLOCK to port: "},
+     {{1, NOTICE, LIFE}, {4, LIFE, LIFE}}},  // after a look at the three standard descriptors
+    {"poll", EINTR, {"NetReceiver select() failed: -1"}, {{1, NONE, HEARING}}},
+    {"recvfrom", EIO, {"NetReceiver() recvfrom failed on port: "}, {{1, NONE, HEARING}}},
+    {"pthread_create", EAGAIN, {"Unable to create new thread for "},  // one web worker will do
+     {{1, NONE, BOTH}, {2, FILES, BOTH}, {3, NONE, POSTS}, {4, NONE, NONE}}},
+    {"pthread_mutex_init", ENOMEM, {"Unable to init mutex for "},
+     {{1, NONE, BOTH}, {2, FILES, BOTH}, {4, POSTS, POSTS}}},
+    {"asprintf", ENOMEM, {"log_string event for QoS packet..."}, {{1, {1, 1}, HEARING}}},
+    {"curl_easy_init", CURLE_FAILED_INIT, {"Failed to initialize curl handle"},
+     {{1, NONE, POSTS}, {2, NONE, NONE}}},
+    {"curl_easy_setopt", CURLE_UNKNOWN_OPTION, {") failed..."},  // 5 handles, 9 options each, of
+     {{1, NONE, POSTS}, {9, {0, 0, QUIET}, POSTS},               // which the last may be missing;
+      {46, POST, POSTS}, {50, POST, POSTS}}},                    // bodies, from the second on
+    {"curl_easy_perform", CURLE_COULDNT_CONNECT, {"perform failed: 7"}, {{1, POST, POSTS}}},
+};
+// clang-format on
+
+const std::string STAMP = "-01-01_00-00-00.txt";
+const std::string SURPLUS = "QoS_Stat_Sessions_Summary_2000" + STAMP;  // one too many of its kind
+const std::string OLDER[] = {SURPLUS, "QoS_Stat_Sessions_Summary_2001" + STAMP,
+                             "QoS_Stat_Sessions_Summary_2002" + STAMP, "QoS_Stat_2001" + STAMP,
+                             "RTP_Streams_No_Voice_2001-01-01_00-00-00.pcap"};
+
+struct Life {
+    const Row& row;
+    int n;
+    bool onwards, log_file;
+    HttpServer server{};
+    Daemon daemon{"log.default=4\nlog.http=2\nmax_file_size_rtp=50\nelastic_url=" + server.url +
+                      (log_file ? "\nlog.file=d" : ""),
+                  true};
+    std::string written{};
+    int lost = 0, headless = 0;
+
+    void run()
+    {
+        for (const std::string& name : OLDER)
+            write_file(daemon.dir / name, name);
+        daemon.faults->arm(row.function, n, row.error, onwards);
+        daemon.start();
+        const bool ends = cost().manner == ENDS;
+        for (int phase = 1; phase <= PHASES && !ends; phase++) {
+            const std::string number = std::to_string(phase);
+            const bool last = phase == PHASES;
+            daemon.send_qos("QOS_EV_TYPE=QOS_EOS_FAREND\nQOS_EV_RTCP_CNAME=e" + number);
+            daemon.send_voice(voice_record("voice v" + number + "\n"));
+            daemon.send_qos("QOS_EV_TYPE=QOS_FAREND\nQOS_EV_RTCP_CNAME=s" + number);
+            EXPECT_TRUE(eventually([&] {  // again when a writer set its time after the jump
+                daemon.faults->clock_shift += last ? 50 : 100;  // the last summary is not yet due
+                return eventually([&] { return costs_no_more_than_it_may(phase, phase - last); },
+                                  1);
+            }));
+        }
+        EXPECT_TRUE(ends || eventually([this] { return holds_its_files_only(); }));
+        EXPECT_EQ(0, ends ? daemon.wait() : daemon.stop());
+        EXPECT_TRUE(costs_no_more_than_it_may(PHASES, PHASES)) << lost << " records are lost";
+        EXPECT_LE(headless, cost().records);
+        EXPECT_TRUE(written.empty() || (cost().manner != NO_FILES && !ends));
+        for (const std::string& name : OLDER)
+            EXPECT_TRUE(name == SURPLUS || read_file(daemon.dir / name) == name) << name;
+        EXPECT_TRUE(reached() || read_file(daemon.dir / SURPLUS).empty());
+        const auto is_said = [this](const char* text) { return count(daemon.said(), text) > 0; };
+        EXPECT_EQ(ends, is_said("Caught an exception: NetReceiver() fa"));
+        // Nothing is asked of a log that cannot be written any more.
+        const bool quiet =
+            cost().manner == QUIET && (lost + headless == 0 || (onwards && log_file));
+        EXPECT_TRUE(!reached() || cost().manner == SILENT || quiet ||
+                    std::any_of(row.messages.begin(), row.messages.end(), is_said));
+    }
+
+    bool reached() const { return daemon.faults->calls(row.function) >= n; }
+
+    Cost cost() const
+    {
+        Cost result = NONE;
+        for (const auto& [first, when_once, when_onwards] : row.costs)
+            if (reached() && n >= first)
+                result = onwards ? when_onwards : when_once;
+        return result;
+    }
+
+    // Looks at what the live files, the archives of this life and the server have.
+    bool costs_no_more_than_it_may(int phases, int summaries)
+    {
+        written.clear();
+        headless = lost = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(daemon.dir.path)) {
+            const std::string& path = entry.path();
+            if (entry.path().extension() == "" || count(path, "_200") > 0)
+                continue;
+            const std::string text = read_file(path);
+            headless += text.find("\x01") != 20 && text.find(" SN RTCP_CNAME\n") > 176;
+            written += text;
+        }
+        std::string posted;
+        for (const HttpServer::Request& request : server.requests())
+            posted += request.body;
+        int lost_posts = 0;
+        for (int phase = 1; phase <= phases; phase++) {
+            const std::string number = std::to_string(phase);
+            lost_posts += count(posted, " s" + number + "\"}") != 1;
+            for (const char* const kind : {" s", " v", " e"})
+                lost += count(written, kind + number + "\n") != 1 &&
+                        (phase <= summaries || kind[1] != 'e');
+        }
+        return lost <= cost().records && lost_posts <= cost().posts;
+    }
+
+    // Each once, and none that has gone; a directory is open only while it is read.
+    bool holds_its_files_only() const
+    {
+        std::set<std::string> files = {"/QoS_Stat.txt", "/QoS_Stat_Sessions_Summary.txt",
+                                       "/RTP_Streams_No_Voice.pcap", "/log/d.log", "/stdout"};
+        const std::string &dir = daemon.dir.path, table = "/proc/" + std::to_string(daemon.pid);
+        std::error_code gone;
+        bool result = true;
+        for (const auto& entry : std::filesystem::directory_iterator(table + "/fd", gone)) {
+            const std::string target = std::filesystem::read_symlink(entry.path(), gone);
+            result &= !target.starts_with(dir) || files.erase(target.substr(dir.size())) == 1;
+        }
+        return result;
+    }
+};
+
+class FaultSweep : public testing::TestWithParam<std::size_t> {};  // the number of a row
+
+TEST_P(FaultSweep, CostsNoMoreThanItMay)
+{
+    const Row& row = ROWS[GetParam()];
+    const bool full = std::getenv("VOXSTAT_FULL_SWEEP") != nullptr;
+    std::atomic<int> points{0};
+    for (const int mode : full ? std::vector{0, 1, 2, 3} : std::vector{0}) {
+        const bool onwards = mode % 2 == 1, log_file = mode < 2;
+        std::atomic<int> next{1};
+        const auto live = [&] {
+            for (int i; (i = next++) <= (full ? 10000 : 3) && !HasFailure();) {
+                const int n = full || i < 3 ? i : std::max(3, std::get<0>(row.costs.back()));
+                SCOPED_TRACE(row.function + (" #" + std::to_string(n)) +
+                             (onwards ? " and on" : "") + (log_file ? ", log in a file" : ""));
+                Life life{row, n, onwards, log_file};
+                life.run();
+                life.reached() ? points++ : next = 10001;  // none is left
+            }
+        };
+        std::vector<std::jthread> lives(8);
+        for (std::jthread& thread : lives)
+            thread = std::jthread(live);
+    }
+    EXPECT_LT(0, points);
+    printf("faults: %d of %s\n", points.load(), row.function);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, FaultSweep, testing::Range<std::size_t>(0, std::size(ROWS)),
+                         [](const auto& number) {
+                             return ROWS[number.param].function +
+                                    ("_" + std::to_string(number.param));
+                         });
+
+}  // namespace
