@@ -134,7 +134,7 @@ void Faults::arm(std::string_view function, int n, int error, bool onwards)
 void Faults::restart()
 {
     for (auto& calls : _calls)
-        calls = 0;
+        calls.store(0);
     _reached = false;
 }
 
