@@ -77,9 +77,9 @@ constexpr std::size_t SLOT_COUNT = 64;
 // The text must be longer than the prefix. The factors are chosen so that no two keys collide.
 constexpr std::size_t slot_of(std::string_view key)
 {
-    const auto first = static_cast<unsigned char>(key[KEY_PREFIX_LENGTH]);
-    const auto last = static_cast<unsigned char>(key.back());
-    return (2 * key.size() + 3U * first + last) % SLOT_COUNT;
+    const std::size_t first = static_cast<unsigned char>(key[KEY_PREFIX_LENGTH]);
+    const std::size_t last = static_cast<unsigned char>(key.back());
+    return (2 * key.size() + 3 * first + last) % SLOT_COUNT;
 }
 
 constexpr std::array<std::uint8_t, SLOT_COUNT> key_slots()
