@@ -14,6 +14,7 @@
 #include <iostream>
 #include <memory>
 
+#include "bench/allocations.h"
 #include "bench/samples.h"
 #include "config/config_file.h"
 #include "filelog/file_logger.h"
@@ -41,13 +42,18 @@ void empty_queues()
 template <typename Step>
 void run_batches(benchmark::State& state, Step step)
 {
+    std::size_t allocated = 0;
     while (state.KeepRunningBatch(BATCH)) {
+        const std::size_t before = allocations();
         for (int i = 0; i < BATCH; i++)
             step();
         state.PauseTiming();
+        allocated += allocations() - before;
         empty_queues();
         state.ResumeTiming();
     }
+    state.counters["new"] =
+        benchmark::Counter(static_cast<double>(allocated), benchmark::Counter::kAvgIterations);
 }
 
 void log_filtered(benchmark::State& state)
