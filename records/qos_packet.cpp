@@ -155,8 +155,10 @@ QoSPacket::QoSPacket(const char* text, const std::string& serial)
     for (auto& field : _fields)
         field[0] = '\0';
     extract_keys(text);
-    if (*text_of(SERIAL_NUM) == '\0')
-        store(SERIAL_NUM, serial.empty() ? "0" : std::string_view(serial).substr(0, TEXT_LIMIT));
+    if (*text_of(SERIAL_NUM) == '\0') {
+        const std::string_view number = serial.empty() ? "0" : std::string_view(serial);
+        store(SERIAL_NUM, number, std::min(number.size(), TEXT_LIMIT));
+    }
     build_lines();
 }
 
@@ -175,16 +177,19 @@ void QoSPacket::extract_keys(const char* text)
     while (!rest.empty()) {
         const std::size_t line_feed = rest.find('\n');
         const bool last = line_feed == std::string_view::npos;
-        extract_line(rest.substr(0, line_feed), last && cut_in_line);
-        rest.remove_prefix(last ? rest.size() : line_feed + 1);
+        const std::size_t line_length = last ? rest.size() : line_feed;
+        extract_line(rest, line_length, last && cut_in_line);
+        rest.remove_prefix(last ? line_length : line_length + 1);
     }
     if (too_long && DBG->log_passes(DBG_WARN))
         DBG->Log(DBG_WARN, "ignoring what follows the first " + std::to_string(TEXT_LIMIT) +
                                " characters of a QoS report");
 }
 
-void QoSPacket::extract_line(std::string_view line, bool cut_off)
+// The line is the first length characters of the text.
+void QoSPacket::extract_line(std::string_view text, std::size_t length, bool cut_off)
 {
+    const std::string_view line = text.substr(0, length);
     const std::size_t equals = line.find('=');
     const bool has_value = equals != std::string_view::npos;
     // A key that was cut off may look like a shorter one.
@@ -192,10 +197,12 @@ void QoSPacket::extract_line(std::string_view line, bool cut_off)
         return;
     const std::string_view key = line.substr(0, equals);
     const std::size_t index = find_key(key);
-    if (index != UNKNOWN_KEY)
-        store(index, has_value ? line.substr(equals + 1) : std::string_view());
-    else
+    if (index == UNKNOWN_KEY)
         ignore_key(key);
+    else if (has_value)
+        store(index, text.substr(equals + 1), length - equals - 1);
+    else
+        store(index, "", 0);
 }
 
 int QoSPacket::key_to_index(const char* key) const
@@ -203,13 +210,19 @@ int QoSPacket::key_to_index(const char* key) const
     return static_cast<int>(find_key(key));
 }
 
-// No value is longer than TEXT_LIMIT, so the zero byte always has its place.
-void QoSPacket::store(std::size_t index, std::string_view value)
+// The value is the first length characters of the text, at most TEXT_LIMIT, so that the zero byte
+// always has its place. Most values are short: copied as one block, together with whatever follows
+// them, they need no call.
+void QoSPacket::store(std::size_t index, std::string_view text, std::size_t length)
 {
-    static_assert(TEXT_LIMIT < FIELD_SIZE);
+    constexpr std::size_t BLOCK = 16;
+    static_assert(BLOCK < FIELD_SIZE && TEXT_LIMIT < FIELD_SIZE);
     char* const field = _fields[index].data();
-    value.copy(field, value.size());  // not memcpy: a key without "=" has no data to point to
-    field[value.size()] = '\0';
+    if (length <= BLOCK && BLOCK <= text.size())
+        std::memcpy(field, text.data(), BLOCK);
+    else
+        std::memcpy(field, text.data(), length);
+    field[length] = '\0';
 }
 
 bool QoSPacket::has_type(std::string_view type) const

@@ -49,8 +49,8 @@ private:
     static constexpr std::size_t FIELD_COUNT = 25;
     static constexpr std::size_t FIELD_SIZE = 1024;
 
-    void extract_line(std::string_view line, bool cut_off);
-    void store(std::size_t index, std::string_view value);
+    void extract_line(std::string_view text, std::size_t length, bool cut_off);
+    void store(std::size_t index, std::string_view text, std::size_t length);
     void build_lines();
     int format_session_line();
     int format_eos_line();
