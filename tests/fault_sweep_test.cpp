@@ -107,7 +107,7 @@ struct Life {
         }
         EXPECT_TRUE(ends || eventually([this] { return holds_its_files_only(); }));
         EXPECT_EQ(0, ends ? daemon.wait() : daemon.stop());
-        EXPECT_TRUE(costs_no_more_than_it_may(PHASES, PHASES)) << lost << " records are lost";
+        EXPECT_TRUE(costs_no_more_than_it_may(PHASES, PHASES)) << lost << " records are lost\n" << daemon.said();
         EXPECT_LE(headless, cost().records);
         EXPECT_TRUE(written.empty() || (cost().manner != NO_FILES && !ends));
         for (const std::string& name : OLDER)
