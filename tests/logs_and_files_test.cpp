@@ -245,7 +245,8 @@ TEST(FileLogger, ADueFileTakesTheWholeBufferAndRotates)
 {
     IdleFileLogger idle("max_file_size_rtp=1500\nmax_archived_files_rtp=-1");
     const std::string archive = "RTP_Streams_No_Voice_2023-11-14_22-13-20.pcap";
-    for (const std::size_t size : {1100U, 1100U, 1100U}) {  // 1024 written, 1024 written, all the rest
+    for (const std::size_t size :
+         {1100U, 1100U, 1100U}) {  // 1024 written, 1024 written, all the rest
         queue(idle.logger, 2, size);
         write_step(idle.logger, 2);
     }
