@@ -80,7 +80,7 @@ TEST(FileObject, ReportsEveryEventAndNamesArchivesApart)
         file.fobj_open();
         file.fobj_open();
         EXPECT_EQ(0, file.fobj_write("", true));
-        for (int i = 0; i < 6; i++)
+        for (int i = 0; i < 8; i++)
             file.fobj_write("fifteen bytes.\n", false);
         file.fobj_close();
     }
@@ -88,15 +88,29 @@ TEST(FileObject, ReportsEveryEventAndNamesArchivesApart)
                                "\n[DEBUG] Written file header to " + path + "(7 bytes)\n";
     const std::string closed = " [INFO] Closed file: " + path + "\n";
     const std::string rotated = closed + "[TRACE] " + path + " rotated to " + archive;
+    const std::string deleted = " [INFO] FileObject::fobj_cleanup: successfully deleted " + archive;
     EXPECT_EQ(opened + " [INFO] Ignoring file open request, file already open: " + path + "\n" +
                   rotated + ".txt\n" + opened + rotated + "_002.txt\n" + opened + rotated +
-                  "_003.txt\n [INFO] FileObject::fobj_cleanup: successfully deleted " + archive +
-                  ".txt\n" + closed + closed,
+                  "_003.txt\n" + deleted + ".txt\n" + opened + rotated + "_004.txt\n" + deleted +
+                  "_002.txt\n" + closed + closed,
               log.take());
     struct stat made {};
     EXPECT_EQ(0, stat((dir / "new").c_str(), &made));
     EXPECT_EQ(0744U, made.st_mode & 0777U);
     EXPECT_EQ(geteuid() == 0 ? 500U : geteuid(), made.st_uid);
+}
+
+TEST(FileObject, CountsTheBytesThatWereWritten)
+{
+    const TempDir dir;
+    FileObject file(nullptr, 0, dir.path, "F", ".txt", 15, 4);
+    faults.arm("write", 1, Faults::SHORT_COUNT);
+    EXPECT_EQ(10, file.fobj_write(std::string(20, 'w'), false));
+    faults.arm("write", 1, ENOSPC);
+    EXPECT_GT(0, file.fobj_write(std::string(20, 'w'), false));
+    faults.disarm();
+    EXPECT_EQ(20, file.fobj_write(std::string(20, 'w'), false));
+    EXPECT_EQ(1U, sizes_of(dir).count("F.txt"));  // began below its limit
 }
 
 TEST(FileObject, RemovesTheOldestOfItsOwnArchivesOnly)
