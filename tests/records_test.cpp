@@ -163,16 +163,6 @@ TEST(Report, EveryRule)
         EXPECT_THAT(packet.log_string(), testing::Not(HasSubstr("xy")));
         EXPECT_EQ(row.logged, log.take()) << row.report;
     }
-    for (const int call : {1, 2}) {
-        Faults::self().arm("asprintf", call, ENOMEM);
-        const QoSPacket packet(NEAR.c_str(), "");
-        EXPECT_TRUE(Faults::self().disarm());
-        EXPECT_STREQ("", packet.http_log_string());
-        EXPECT_EQ(call == 1, packet.log_string()[0] == '\0');
-        EXPECT_EQ(std::string("[ERROR] Failed to allocate ") + (call == 1 ? "_log" : "_http_log") +
-                      "_string event for QoS packet...\n",
-                  log.take());
-    }
 }
 
 // Keys, widths and kinds of the columns: s is cut to its width, w is not; d and f are numbers,

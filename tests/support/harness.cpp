@@ -112,14 +112,10 @@ void send_udp(int port, const std::string& datagram)
 
 std::string voice_record(const std::string& payload, std::size_t length)
 {
-    const std::uint32_t word = htonl(static_cast<std::uint32_t>(length));
+    const std::size_t told = length == std::string::npos ? payload.size() : length;
+    const std::uint32_t word = htonl(static_cast<std::uint32_t>(told));
     return std::string(reinterpret_cast<const char*>(&word), sizeof word) +
            bytes("C0000201 CB007105 138C 1F90 6553F100 0001E240") + payload;
-}
-
-std::string voice_record(const std::string& payload)
-{
-    return voice_record(payload, payload.size());
 }
 
 LogCapture::LogCapture(const std::string& config)
@@ -192,14 +188,9 @@ void Daemon::start()
     ADD_FAILURE() << "the daemon finds no port";
 }
 
-bool Daemon::printed(const std::string& text, std::size_t times) const
+bool Daemon::holds(const std::string& file, const std::string& text, std::size_t times) const
 {
-    return eventually([&] { return count("\n" + output(), text) >= times; });
-}
-
-bool Daemon::holds(const std::string& file, const std::string& text) const
-{
-    return eventually([&] { return count(read_file(dir / file), text) > 0; });
+    return eventually([&] { return count("\n" + read_file(dir / file), text) >= times; });
 }
 
 bool Daemon::has_ended()
@@ -283,9 +274,4 @@ std::vector<HttpServer::Request> HttpServer::requests(std::size_t first)
 {
     const std::lock_guard lock(_mutex);
     return {_requests.begin() + static_cast<std::ptrdiff_t>(first), _requests.end()};
-}
-
-bool HttpServer::received(std::size_t number)
-{
-    return eventually([&] { return requests().size() >= number; });
 }

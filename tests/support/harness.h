@@ -30,8 +30,8 @@ bool eventually(const std::function<bool()>& condition, int seconds = 20);
 
 int free_port_pair();  // a free UDP port whose successor is free too, unless somebody comes first
 void send_udp(int port, const std::string& datagram);
-std::string voice_record(const std::string& payload, std::size_t length);  // which may be a lie
-std::string voice_record(const std::string& payload);
+// A voice record; its length word is the truth unless it is given.
+std::string voice_record(const std::string& payload, std::size_t length = std::string::npos);
 
 // Starts the logger and ends its writer thread, so that all that is logged waits to be taken.
 struct LogCapture {
@@ -53,8 +53,12 @@ public:
     void spawn(const std::string& arguments);  // as they are, without a configuration
     void send_qos(const std::string& report) const { send_udp(port, report); }
     void send_voice(const std::string& records) const { send_udp(port + 1, records); }
-    bool printed(const std::string& text, std::size_t times = 1) const;  // waits for it
-    bool holds(const std::string& file, const std::string& text) const;  // in dir; waits for it
+    // Wait until the file in dir, or the output, holds the text; a line begins with "\n".
+    bool holds(const std::string& file, const std::string& text, std::size_t times = 1) const;
+    bool printed(const std::string& text, std::size_t n = 1) const
+    {
+        return holds("stdout", text, n);
+    }
     std::string output() const { return read_file(dir / "stdout"); }
     std::string said() const { return output() + read_file(dir / "log/d.log"); }
     bool has_ended();
@@ -84,7 +88,10 @@ public:
     HttpServer();
     ~HttpServer();
     std::vector<Request> requests(std::size_t first = 0);  // from this one on
-    bool received(std::size_t number);                     // until so many requests have come
+    bool received(std::size_t number)                      // until so many requests have come
+    {
+        return eventually([this, number] { return requests().size() >= number; });
+    }
     std::atomic<Answer> answer{OK};
     std::string url;
 
