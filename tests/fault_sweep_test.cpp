@@ -107,7 +107,8 @@ struct Life {
         }
         EXPECT_TRUE(ends || eventually([this] { return holds_its_files_only(); }));
         EXPECT_EQ(0, ends ? daemon.wait() : daemon.stop());
-        EXPECT_TRUE(costs_no_more_than_it_may(PHASES, PHASES)) << lost << " records are lost\n" << daemon.said();
+        EXPECT_TRUE(costs_no_more_than_it_may(PHASES, PHASES)) << lost << " records are lost\n"
+                                                               << daemon.said();
         EXPECT_LE(headless, cost().records);
         EXPECT_TRUE(written.empty() || (cost().manner != NO_FILES && !ends));
         for (const std::string& name : OLDER)
@@ -178,6 +179,8 @@ struct Life {
 
 class FaultSweep : public testing::TestWithParam<std::size_t> {};  // the number of a row
 
+}  // namespace
+
 TEST_P(FaultSweep, CostsNoMoreThanItMay)
 {
     const Row& row = ROWS[GetParam()];
@@ -209,5 +212,3 @@ INSTANTIATE_TEST_SUITE_P(Of, FaultSweep, testing::Range<std::size_t>(0, std::siz
                              return ROWS[number.param].function +
                                     ("_" + std::to_string(number.param));
                          });
-
-}  // namespace
