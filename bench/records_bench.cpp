@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "bench/allocations.h"
 #include "bench/samples.h"
 #include "log/utils.h"
 #include "records/qos_packet.h"
@@ -52,6 +53,7 @@ char* print_json_line(const char* line)
 void parse_report(benchmark::State& state)
 {
     QoSPacket packet(SESSION_REPORT.c_str(), "");
+    const AllocationCounter counter(state);
     for (auto _ : state) {
         packet.extract_keys(SESSION_REPORT.c_str());
         benchmark::DoNotOptimize(&packet);
@@ -63,6 +65,7 @@ BENCHMARK(parse_report);
 void format_line(benchmark::State& state, const std::string& report)
 {
     QoSPacket packet(report.c_str(), "");
+    const AllocationCounter counter(state);
     for (auto _ : state) {
         // fmt_log_string() takes the place of the constructor, which finds no line yet.
         std::free(const_cast<char*>(packet.log_string()));
@@ -75,6 +78,7 @@ BENCHMARK_CAPTURE(format_line, summary, SESSION_REPORT + "QOS_EV_TYPE=QOS_EOS_NE
 void c_library_session_line(benchmark::State& state)
 {
     const Texts texts;
+    const AllocationCounter counter(state);
     for (auto _ : state)
         std::free(print_session_line(TEXT_STAMP, texts));
 }
@@ -84,6 +88,7 @@ void c_library_json_line(benchmark::State& state)
 {
     const Texts texts;
     char* const line = print_session_line(TEXT_STAMP, texts);
+    const AllocationCounter counter(state);
     for (auto _ : state)
         std::free(print_json_line(line));
     std::free(line);
@@ -95,6 +100,7 @@ BENCHMARK(c_library_json_line);
 void c_library_of_one_report(benchmark::State& state)
 {
     const Texts texts;
+    const AllocationCounter counter(state);
     for (auto _ : state) {
         const std::string stamp = Utils::t_stamp_tz(
             {.tv_sec = std::atol(texts.seconds), .tv_usec = std::atol(texts.microseconds)});
@@ -110,6 +116,7 @@ BENCHMARK(c_library_of_one_report);
 // Text to both lines, and their release: one report but for the queues.
 void whole_packet(benchmark::State& state)
 {
+    const AllocationCounter counter(state);
     for (auto _ : state) {
         const QoSPacket packet(SESSION_REPORT.c_str(), "");
         benchmark::DoNotOptimize(packet.http_log_string());
@@ -119,6 +126,7 @@ BENCHMARK(whole_packet);
 
 void time_stamp_zone(benchmark::State& state)
 {
+    const AllocationCounter counter(state);
     for (auto _ : state)
         benchmark::DoNotOptimize(Utils::t_stamp_tz(STAMP));
 }
@@ -126,6 +134,7 @@ BENCHMARK(time_stamp_zone);
 
 void time_stamp_now(benchmark::State& state)
 {
+    const AllocationCounter counter(state);
     for (auto _ : state)
         benchmark::DoNotOptimize(Utils::t_stamp());
 }
@@ -135,6 +144,7 @@ void voice_packet(benchmark::State& state)
 {
     const auto record = voice_record();
     VoicePacket packet;
+    const AllocationCounter counter(state);
     for (auto _ : state) {
         VoiceDatagram datagram(record.data(), record.size());
         int length = 0;
