@@ -77,8 +77,8 @@ std::unique_ptr<ConfigFile> load_config(const std::string& file_name)
 
 int main(int argc, char** argv)
 {
-    // The eight threads allocate little and rarely together. Heaps of their own, which the C library
-    // would give them, cost more memory than the daemon itself needs.
+    // The eight threads allocate little and rarely together. Heaps of their own, which the C
+    // library would give them, cost more memory than the daemon itself needs.
     (void)mallopt(M_ARENA_MAX, 1);
     open_standard_descriptors();
     // A peer that has gone, a closed pipe on standard output or a limit on the size of files must
