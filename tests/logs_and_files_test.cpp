@@ -208,7 +208,9 @@ TEST(FileLogger, WritesWholeBlocksAndOldTails)
                 EXPECT_EQ(step.queued, queue(idle.logger, file, step.queued));
             }
             faults.clock_shift = last_write + std::max(0L, timeouts[file] + step.overdue);
+            faults.arm("fsync", 0, 0);
             write_step(idle.logger, file, step.force);
+            EXPECT_EQ(step.force && step.written > 0 ? 1 : 0, faults.calls("fsync"));
             EXPECT_EQ(size += step.written, idle.size(file)) << file << " " << step.queued;
             if (step.written > 0)
                 last_write = faults.clock_shift;
