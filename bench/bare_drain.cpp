@@ -1,6 +1,8 @@
 // The floor of the daemon's receive path: waits and drains as the daemon does, and only counts.
 //
-//   bare-drain PORT
+//   bare-drain PORT          counts, and that is all
+//   bare-drain PORT lines    makes the C library's calls for a session report as well: below that
+//                            no daemon that writes these lines can come
 //
 // Two non-blocking UDP sockets, on PORT and PORT + 1, a 32768-byte buffer, each socket drained
 // after every wait. Prints the number of datagrams at SIGTERM.
@@ -14,6 +16,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+
+#include "bench/library_calls.h"
 
 namespace {
 
@@ -40,7 +44,16 @@ int open_socket(int port)
     return sock;
 }
 
-unsigned long drain(int sock)
+void make_lines()
+{
+    const ReportTexts texts;
+    const std::string report_time = print_report_time(texts);
+    char* const line = print_session_line(report_time.c_str(), texts);
+    std::free(print_json_line(line));
+    std::free(line);
+}
+
+unsigned long drain(int sock, bool with_lines)
 {
     static std::array<char, 32768> buffer;
     unsigned long count = 0;
@@ -50,6 +63,8 @@ unsigned long drain(int sock)
         if (recvfrom(sock, buffer.data(), buffer.size() - 1, 0,
                      reinterpret_cast<sockaddr*>(&sender), &sender_length) <= 0)
             return count;
+        if (with_lines)
+            make_lines();
         count++;
     }
 }
@@ -58,12 +73,13 @@ unsigned long drain(int sock)
 
 int main(int argc, char** argv)
 {
-    if (argc != 2) {
-        std::fputs("Usage: bare-drain PORT\n", stderr);
+    if (argc < 2) {
+        std::fputs("Usage: bare-drain PORT [lines]\n", stderr);
         return EXIT_FAILURE;
     }
     (void)std::signal(SIGTERM, stop);
     const int port = std::atoi(argv[1]);
+    const bool with_lines = argc > 2;
     std::array<pollfd, 2> fds{{{.fd = open_socket(port), .events = POLLIN, .revents = 0},
                                {.fd = open_socket(port + 1), .events = POLLIN, .revents = 0}}};
     unsigned long count = 0;
@@ -72,7 +88,7 @@ int main(int argc, char** argv)
             continue;
         for (const pollfd& entry : fds)
             if ((entry.revents & POLLIN) != 0)
-                count += drain(entry.fd);
+                count += drain(entry.fd, with_lines);
     }
     std::printf("%lu\n", count);
     return EXIT_SUCCESS;

@@ -1,4 +1,4 @@
-// What the libraries alone cost in memory: links libcurl as the daemon does.
+// What the libraries alone cost in memory: links libcurl and uses text streams, as the daemon does.
 //
 //   bare-memory          does nothing with it
 //   bare-memory pool     initialises it and makes five handles and five threads
@@ -11,6 +11,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <iostream>
 #include <thread>
 #include <vector>
 
@@ -55,6 +56,7 @@ int main(int argc, char** /*argv*/)
     if (argc > 1 && !make_pool())
         return EXIT_FAILURE;
     (void)std::signal(SIGTERM, stop);
+    std::cout << "waiting" << std::endl;
     while (running)
         (void)poll(nullptr, 0, WAIT_MS);
     threads.clear();

@@ -1,10 +1,10 @@
 // What one report or voice record costs on its way to its lines, piece by piece.
 #include <benchmark/benchmark.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 #include "bench/allocations.h"
+#include "bench/library_calls.h"
 #include "bench/samples.h"
 #include "log/utils.h"
 #include "records/qos_packet.h"
@@ -15,40 +15,6 @@ namespace {
 
 constexpr timeval STAMP = {.tv_sec = 1700000000, .tv_usec = 123456};
 constexpr const char* TEXT_STAMP = "2023-Nov-14 22:13:20.123 +0000";
-
-// The texts of a report, as its fields hold them; volatile, so that they are converted each time.
-struct Texts {
-    const char* volatile port = "5004";
-    const char* volatile packets = "250";
-    const char* volatile lost = "2";
-    const char* volatile lost_percent = "0.8";
-    const char* volatile jitter = "12";
-    const char* volatile rtt = "40";
-    const char* volatile seconds = "1700000000";
-    const char* volatile microseconds = "123456";
-};
-
-// The session line as the C library alone makes it.
-char* print_session_line(const char* stamp, const Texts& texts)
-{
-    char* line = nullptr;
-    if (asprintf(&line,
-                 "%30.30s %9.9s %11.11s %8.8s %15.15s %5d %7d %4d %5.1f %6d %5d %10s %5.5s %s",
-                 stamp, "3-1016", "2.117", "near_end", "203.0.113.5", std::atoi(texts.port),
-                 std::atoi(texts.packets), std::atoi(texts.lost), std::atof(texts.lost_percent),
-                 std::atoi(texts.jitter), std::atoi(texts.rtt), "3735928559", "12345678901",
-                 "unit7a") < 0)
-        std::abort();
-    return line;
-}
-
-char* print_json_line(const char* line)
-{
-    char* json = nullptr;
-    if (asprintf(&json, "%s%s%s", R"({"message": ")", line, R"("})") < 0)
-        std::abort();
-    return json;
-}
 
 void parse_report(benchmark::State& state)
 {
@@ -77,7 +43,7 @@ BENCHMARK_CAPTURE(format_line, summary, SESSION_REPORT + "QOS_EV_TYPE=QOS_EOS_NE
 
 void c_library_session_line(benchmark::State& state)
 {
-    const Texts texts;
+    const ReportTexts texts;
     const AllocationCounter counter(state);
     for (auto _ : state)
         std::free(print_session_line(TEXT_STAMP, texts));
@@ -86,7 +52,7 @@ BENCHMARK(c_library_session_line);
 
 void c_library_json_line(benchmark::State& state)
 {
-    const Texts texts;
+    const ReportTexts texts;
     char* const line = print_session_line(TEXT_STAMP, texts);
     const AllocationCounter counter(state);
     for (auto _ : state)
@@ -99,12 +65,11 @@ BENCHMARK(c_library_json_line);
 // the conversions that are their arguments.
 void c_library_of_one_report(benchmark::State& state)
 {
-    const Texts texts;
+    const ReportTexts texts;
     const AllocationCounter counter(state);
     for (auto _ : state) {
-        const std::string stamp = Utils::t_stamp_tz(
-            {.tv_sec = std::atol(texts.seconds), .tv_usec = std::atol(texts.microseconds)});
-        char* const line = print_session_line(stamp.c_str(), texts);
+        const std::string report_time = print_report_time(texts);
+        char* const line = print_session_line(report_time.c_str(), texts);
         char* const json = print_json_line(line);
         benchmark::DoNotOptimize(json);
         std::free(line);
