@@ -1,13 +1,17 @@
-// The floor of the daemon's receive path: waits and drains as the daemon does, and only counts.
+// Floors of the daemon's receive path: waits and drains as the daemon does, and only counts, or
+// does no more than the design asks of any daemon.
 //
-//   bare-drain PORT          counts, and that is all
-//   bare-drain PORT lines    makes the C library's calls for a session report as well: below that
-//                            no daemon that writes these lines can come
+//   bare-drain PORT                             counts
+//   bare-drain PORT lines                       makes the C library's calls for a session report
+//   bare-drain PORT queue BYTES PAUSE_MS FILE   queues that many bytes for each datagram; a thread
+//                                               writes them into the file after each pause
 //
 // Two non-blocking UDP sockets, on PORT and PORT + 1, a 32768-byte buffer, each socket drained
 // after every wait. Prints the number of datagrams at SIGTERM.
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,12 +20,17 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
 
 #include "bench/library_calls.h"
+#include "log/scoped_lock.h"
 
 namespace {
 
 constexpr int WAIT_MS = 60000;
+constexpr useconds_t US_PER_MS = 1000;
 
 std::atomic<bool> running{true};
 
@@ -30,6 +39,61 @@ void stop(int /*signal_number*/)
     running = false;
 }
 
+[[noreturn]] void fail(const char* what)
+{
+    std::perror(what);
+    std::exit(EXIT_FAILURE);
+}
+
+// A buffer, and the thread that empties it into a file.
+class Queue {
+public:
+    Queue(std::size_t bytes, useconds_t pause_us, const char* file)
+        : _item(bytes, 'x'), _pause_us(pause_us),
+          _fd(open(file, O_WRONLY | O_CREAT | O_APPEND, 0644))
+    {
+        if (_fd < 0)
+            fail(file);
+        _writer = std::thread(&Queue::write_until_stopped, this);
+    }
+    ~Queue()
+    {
+        _writer.join();
+        close(_fd);
+    }
+    Queue(const Queue&) = delete;
+    Queue& operator=(const Queue&) = delete;
+
+    void append()
+    {
+        const ScopedLock lock(_mutex);
+        _buffer += _item;
+    }
+
+private:
+    void write_until_stopped()
+    {
+        while (running) {
+            write_all();
+            usleep(_pause_us);
+        }
+    }
+    void write_all()
+    {
+        const ScopedLock lock(_mutex);
+        if (!_buffer.empty() && write(_fd, _buffer.data(), _buffer.size()) < 0)
+            fail("write");
+        _buffer.clear();
+    }
+
+    std::string _item;
+    useconds_t _pause_us;
+    int _fd;
+    pthread_mutex_t _mutex = PTHREAD_MUTEX_INITIALIZER;  // guards _buffer
+    std::string _buffer;
+    std::thread _writer;
+};
+
 int open_socket(int port)
 {
     const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, IPPROTO_UDP);
@@ -37,10 +101,8 @@ int open_socket(int port)
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     address.sin_port = htons(static_cast<in_port_t>(port));
-    if (sock < 0 || bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
-        std::perror("bare-drain");
-        std::exit(EXIT_FAILURE);
-    }
+    if (sock < 0 || bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0)
+        fail("bare-drain");
     return sock;
 }
 
@@ -53,7 +115,8 @@ void make_lines()
     std::free(line);
 }
 
-unsigned long drain(int sock, bool with_lines)
+template <typename Work>
+unsigned long drain(int sock, Work work)
 {
     static std::array<char, 32768> buffer;
     unsigned long count = 0;
@@ -63,23 +126,14 @@ unsigned long drain(int sock, bool with_lines)
         if (recvfrom(sock, buffer.data(), buffer.size() - 1, 0,
                      reinterpret_cast<sockaddr*>(&sender), &sender_length) <= 0)
             return count;
-        if (with_lines)
-            make_lines();
+        work();
         count++;
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+template <typename Work>
+void run(int port, Work work)
 {
-    if (argc < 2) {
-        std::fputs("Usage: bare-drain PORT [lines]\n", stderr);
-        return EXIT_FAILURE;
-    }
-    (void)std::signal(SIGTERM, stop);
-    const int port = std::atoi(argv[1]);
-    const bool with_lines = argc > 2;
     std::array<pollfd, 2> fds{{{.fd = open_socket(port), .events = POLLIN, .revents = 0},
                                {.fd = open_socket(port + 1), .events = POLLIN, .revents = 0}}};
     unsigned long count = 0;
@@ -88,8 +142,27 @@ int main(int argc, char** argv)
             continue;
         for (const pollfd& entry : fds)
             if ((entry.revents & POLLIN) != 0)
-                count += drain(entry.fd, with_lines);
+                count += drain(entry.fd, work);
     }
     std::printf("%lu\n", count);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    (void)std::signal(SIGTERM, stop);
+    if (argc == 2) {
+        run(std::atoi(argv[1]), [] {});
+    } else if (argc == 3 && std::strcmp(argv[2], "lines") == 0) {
+        run(std::atoi(argv[1]), make_lines);
+    } else if (argc == 6 && std::strcmp(argv[2], "queue") == 0) {
+        Queue queue(static_cast<std::size_t>(std::atoi(argv[3])),
+                    static_cast<useconds_t>(std::atoi(argv[4])) * US_PER_MS, argv[5]);
+        run(std::atoi(argv[1]), [&queue] { queue.append(); });
+    } else {
+        std::fputs("Usage: bare-drain PORT [lines | queue BYTES PAUSE_MS FILE]\n", stderr);
+        return EXIT_FAILURE;
+    }
     return EXIT_SUCCESS;
 }
