@@ -101,10 +101,10 @@ constexpr bool every_key_has_its_slot()
 }
 static_assert(every_key_has_its_slot());
 
-constexpr std::string_view NEAREND = "QOS_NEAREND";
-constexpr std::string_view FAREND = "QOS_FAREND";
-constexpr std::string_view EOS_NEAREND = "QOS_EOS_NEAREND";
-constexpr std::string_view EOS_FAREND = "QOS_EOS_FAREND";
+constexpr char NEAREND[] = "QOS_NEAREND";
+constexpr char FAREND[] = "QOS_FAREND";
+constexpr char EOS_NEAREND[] = "QOS_EOS_NEAREND";
+constexpr char EOS_FAREND[] = "QOS_EOS_FAREND";
 
 constexpr const char* NEAR_END_WORD = "near_end";
 constexpr const char* FAR_END_WORD = "far_end";
@@ -225,9 +225,12 @@ void QoSPacket::store(std::size_t index, std::string_view text, std::size_t leng
     field[length] = '\0';
 }
 
-bool QoSPacket::has_type(std::string_view type) const
+// Compares the zero byte too. Of a known size, it needs no call, and a report is asked seven times.
+template <std::size_t SIZE>
+bool QoSPacket::has_type(const char (&type)[SIZE]) const
 {
-    return text_of(TYPE) == type;
+    static_assert(SIZE <= FIELD_SIZE);
+    return std::memcmp(text_of(TYPE), type, SIZE) == 0;
 }
 
 bool QoSPacket::is_eos() const

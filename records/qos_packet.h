@@ -58,7 +58,8 @@ private:
     int int_of(std::size_t index) const;
     double double_of(std::size_t index) const;
     timeval time_of(std::size_t seconds_index, std::size_t microseconds_index) const;
-    bool has_type(std::string_view type) const;
+    template <std::size_t SIZE>
+    bool has_type(const char (&type)[SIZE]) const;
 
     char* _log_string = nullptr;                                    // from asprintf, owned
     char* _http_log_string = nullptr;                               // from asprintf, owned
