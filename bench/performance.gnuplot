@@ -10,7 +10,7 @@ highest = rates_max > fields_max ? rates_max : fields_max
 highest = levels_max > highest ? levels_max : highest
 set yrange [0:1.05 * highest]
 set grid ytics lc rgb '#dddddd'
-set key bottom right opaque
+set key top right opaque
 set border 3
 set tics nomirror
 set multiplot layout 1,3
