@@ -351,7 +351,7 @@ void FileLogger::fl_write_file(Qos_Stat_Type type, bool sync, bool force)
         return;
     if (DBG->log_passes(DBG_DEBUG))
         DBG->Log(DBG_DEBUG, "FileLogger::fl_write_file - writing block: \n" + block);
-    (void)file->fobj_write(block, sync);  // reports a failure itself; the block is not retried
+    (void)file->fobj_write(block, sync);  // what it does not take is lost: nothing is retried
     last_write = time(nullptr);
 }
 
