@@ -146,11 +146,14 @@ end_of() {
     return "$status"
 }
 
-# Ends the daemon as its users do; it must follow, with status 0.
+# Ends the daemon as its users do; it must follow, with status 0. A signal that comes before the
+# main loop has begun is ignored, and one just before its wait is noticed after a minute; the
+# repeated one is not.
 stop_daemon() {
     local status=0
     kill -0 "$DAEMON" 2>/dev/null || die "the daemon has ended by itself"
     kill -TERM "$DAEMON"
+    wait_quietly 10 gone "$DAEMON" || kill -TERM "$DAEMON" || true
     end_of "$DAEMON" "$STOP_WAIT" || status=$?
     [ "$status" -eq 0 ] || die "the daemon ended with status $status"
     DAEMON=
