@@ -3,14 +3,10 @@
 
 have_server() { command -v nginx >/dev/null; }
 
-# start_server [PORT]: one process, SERVER, on the port given or on a free one, SERVER_PORT. It takes
-# whatever it is sent.
-start_server() {
-    local attempt
-    mkdir -p "$SCRATCH/server"
-    for ((attempt = 0; attempt < 20; attempt++)); do
-        SERVER_PORT=${1:-$((10000 + SRANDOM % 22000))}
-        cat >"$SCRATCH/server/nginx.conf" <<END
+# Writes the configuration of a server that takes whatever it is sent. A script that wants another
+# one defines this function anew; SERVER_PORT is the port.
+write_server_config() { # write_server_config FILE
+    cat >"$1" <<END
 daemon off;
 master_process off;
 pid $SCRATCH/server/pid;
@@ -29,6 +25,15 @@ http {
     }
 }
 END
+}
+
+# start_server [PORT]: one process, SERVER, on the port given or on a free one, SERVER_PORT.
+start_server() {
+    local attempt
+    mkdir -p "$SCRATCH/server"
+    for ((attempt = 0; attempt < 20; attempt++)); do
+        SERVER_PORT=${1:-$((10000 + SRANDOM % 22000))}
+        write_server_config "$SCRATCH/server/nginx.conf"
         nginx -p "$SCRATCH/server" -c "$SCRATCH/server/nginx.conf" 2>/dev/null &
         SERVER=$!
         wait_quietly 10 server_up_or_gone && ! gone "$SERVER" && return
