@@ -16,14 +16,13 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
 
+#include "bench/bare_process.h"
 #include "bench/library_calls.h"
 #include "log/scoped_lock.h"
 
@@ -31,13 +30,6 @@ namespace {
 
 constexpr int WAIT_MS = 60000;
 constexpr useconds_t US_PER_MS = 1000;
-
-std::atomic<bool> running{true};
-
-void stop(int /*signal_number*/)
-{
-    running = false;
-}
 
 [[noreturn]] void fail(const char* what)
 {
@@ -151,7 +143,7 @@ void run(int port, Work work)
 
 int main(int argc, char** argv)
 {
-    (void)std::signal(SIGTERM, stop);
+    stop_at_sigterm();
     if (argc == 2) {
         run(std::atoi(argv[1]), [] {});
     } else if (argc == 3 && std::strcmp(argv[2], "lines") == 0) {

@@ -5,34 +5,17 @@
 //
 // Waits for SIGTERM, so that its peak can be read from outside.
 #include <curl/curl.h>
-#include <poll.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <thread>
 #include <vector>
 
+#include "bench/bare_process.h"
+
 namespace {
 
 constexpr int POOL_SIZE = 5;
-constexpr useconds_t PAUSE_US = 100000;
-constexpr int WAIT_MS = 60000;
-
-std::atomic<bool> running{true};
-
-void stop(int /*signal_number*/)
-{
-    running = false;
-}
-
-void pause_until_stopped()
-{
-    while (running)
-        usleep(PAUSE_US);
-}
 
 // Static, as the daemon's, so that the library is linked even where it is not used.
 std::vector<CURL*> handles;
@@ -55,10 +38,9 @@ int main(int argc, char** /*argv*/)
 {
     if (argc > 1 && !make_pool())
         return EXIT_FAILURE;
-    (void)std::signal(SIGTERM, stop);
+    stop_at_sigterm();
     std::cout << "waiting" << std::endl;
-    while (running)
-        (void)poll(nullptr, 0, WAIT_MS);
+    wait_until_stopped();
     threads.clear();
     for (CURL* handle : handles)
         curl_easy_cleanup(handle);
