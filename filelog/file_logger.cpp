@@ -46,7 +46,6 @@ constexpr char PCAP_FILE_HEADER[] = {
 };
 static_assert(sizeof PCAP_FILE_HEADER == 24);
 
-constexpr std::size_t BLOCK_SIZE = 1024;
 constexpr time_t STAT_TAIL_TIMEOUT_SECONDS = 30;
 constexpr time_t EOS_TAIL_TIMEOUT_SECONDS = 60;
 constexpr std::size_t MAX_QOS_BUFFERED = 102400;
@@ -62,22 +61,6 @@ constexpr unsigned LONG_PAUSE_US = 100000;  // while no voice data flows
 constexpr unsigned SHORT_PAUSE_US = 10000;
 constexpr int IDLE_PASSES_LIMIT = 499;
 constexpr std::size_t BUFFER_RESERVATION = 10240;
-
-// Cuts off the buffer what is to be written now; empty when nothing is due. Whole blocks keep the
-// writes large; the tail waits for its timeout unless the file rotates or everything is wanted.
-std::string take_block(std::string& buffer, const FileObject& file, time_t last_write,
-                       time_t tail_timeout, bool force)
-{
-    const std::size_t length = buffer.size();
-    const std::size_t whole_blocks = length - length % BLOCK_SIZE;
-    const bool take_all = length == whole_blocks ||
-                          (length < BLOCK_SIZE && time(nullptr) - last_write > tail_timeout) ||
-                          file.time_2_rotate() || force;
-    const std::size_t taken = take_all ? length : whole_blocks;
-    std::string block(buffer, 0, taken);
-    buffer.erase(0, taken);
-    return block;
-}
 
 // A count that nobody collects, with a voice cap below 0 for example, stays at its end.
 void count_lost(int& lost)
@@ -346,7 +329,7 @@ void FileLogger::fl_write_file(Qos_Stat_Type type, bool sync, bool force)
         buffer.clear();  // there is no file that it could ever go to
         return;
     }
-    const std::string block = take_block(buffer, *file, last_write, tail_timeout, force);
+    const std::string block = file->fobj_take_block(buffer, last_write, tail_timeout, force);
     if (block.empty())
         return;
     if (DBG->log_passes(DBG_DEBUG))
@@ -374,7 +357,7 @@ void FileLogger::fl_write_rtp_dump(bool sync, bool force)
         return;
     }
     const std::string block =
-        take_block(rtp_buf, *file, rtp_last_write, max_buf_timeout_rtp, force);
+        file->fobj_take_block(rtp_buf, rtp_last_write, max_buf_timeout_rtp, force);
     if (block.empty())
         return;
     if (DBG->log_passes(DBG_DEBUG))

@@ -21,6 +21,7 @@
 
 namespace {
 
+constexpr std::size_t BLOCK_SIZE = 1024;
 constexpr mode_t DIRECTORY_MODE = 0744;
 constexpr mode_t FILE_MODE = 0644;
 constexpr uid_t OWNER_UID = 500;
@@ -156,6 +157,20 @@ void FileObject::fobj_close()
         _fd = -1;
     }
     DBG->Log(DBG_INFO, "Closed file: " + _path);
+}
+
+std::string FileObject::fobj_take_block(std::string& buffer, time_t last_write, time_t tail_timeout,
+                                        bool everything) const
+{
+    const std::size_t length = buffer.size();
+    const std::size_t whole_blocks = length - length % BLOCK_SIZE;
+    const bool take_all = length == whole_blocks ||
+                          (length < BLOCK_SIZE && time(nullptr) - last_write > tail_timeout) ||
+                          time_2_rotate() || everything;
+    const std::size_t taken = take_all ? length : whole_blocks;
+    std::string block(buffer, 0, taken);
+    buffer.erase(0, taken);
+    return block;
 }
 
 int FileObject::fobj_write(const std::string& block, bool sync)

@@ -5,7 +5,8 @@
 //   name_2026-03-03_14-05-09_002.txt  the second archive of the same second
 //
 // Used by one thread at a time, its owner's writer. Every event is logged through DBG, so no
-// operation but time_2_rotate() may be called while the logger's mutex is held.
+// operation but fobj_take_block() and time_2_rotate() may be called while the logger's mutex is
+// held.
 #pragma once
 
 #include <cstdint>
@@ -42,7 +43,8 @@ public:
     FileObject& operator=(const FileObject&) = delete;
 
     // Opens the file for appending and writes the header into an empty one.
-    // Throws std::runtime_error when the file cannot be opened, sized or given its header.
+    // Throws std::runtime_error when the file cannot be opened, sized or given its header. In the
+    // last two cases it stays open, and later writes go into a file that may lack its header.
     void fobj_open();
 
     // Syncs and closes the file if it is open.
@@ -52,6 +54,13 @@ public:
     // asked to. Returns the bytes written, 0 when there was nothing to write, or a negative
     // number when the write failed. A short count is not retried. Throws as fobj_open does.
     int fobj_write(const std::string& block, bool sync);
+
+    // Cuts off the buffer what is to be written to this file now; empty when nothing is due. Whole
+    // blocks of 1024 bytes keep the writes large; the tail waits until the last write (seconds
+    // since the epoch) is more than tail_timeout seconds ago, unless the file is to rotate or
+    // everything is wanted. Logs nothing.
+    std::string fobj_take_block(std::string& buffer, time_t last_write, time_t tail_timeout,
+                                bool everything) const;
 
     // True when the file has reached its maximum size: the next write is its last.
     bool time_2_rotate() const { return _size >= _max_size; }

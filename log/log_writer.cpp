@@ -16,7 +16,6 @@ constexpr const char* LOG_EXTENSION = ".log";
 constexpr unsigned MAX_LOG_FILE_SIZE = 20971520;
 constexpr unsigned MAX_LOG_ARCHIVES = 1;
 
-constexpr std::size_t BLOCK_SIZE = 1024;
 constexpr std::size_t BUFFER_RESERVATION = 10240;
 constexpr time_t TAIL_TIMEOUT_SECONDS = 5;
 constexpr useconds_t SLEEP_US = 100000;
@@ -131,28 +130,18 @@ void SimpleLogger::dbg_write_file(bool sync, bool flush_all)
 // buffer went to standard output.
 std::string SimpleLogger::dbg_take_block(bool flush_all)
 {
-    std::string block;
     const ScopedLock lock(_mutex);
     if (_buffer.empty())
-        return block;
+        return "";
     if (_file == nullptr) {
         dbg_print_line(_buffer);
         _buffer.clear();
-        return block;
+        return "";
     }
     if (_lost != 0) {
         _buffer += dbg_format_line(DBG_WARN, "LOG FILE WRITE OVERFLOW: " + std::to_string(_lost) +
                                                  "messages lost");
         _lost = 0;
     }
-    const std::size_t length = _buffer.size();
-    const std::size_t whole_blocks = length - length % BLOCK_SIZE;
-    const bool tail_is_old =
-        length < BLOCK_SIZE && time(nullptr) - _last_write_time > TAIL_TIMEOUT_SECONDS;
-    const bool take_all =
-        length == whole_blocks || tail_is_old || _file->time_2_rotate() || flush_all;
-    const std::size_t taken = take_all ? length : whole_blocks;
-    block.assign(_buffer, 0, taken);
-    _buffer.erase(0, taken);
-    return block;
+    return _file->fobj_take_block(_buffer, _last_write_time, TAIL_TIMEOUT_SECONDS, flush_all);
 }
