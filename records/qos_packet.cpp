@@ -274,6 +274,8 @@ void QoSPacket::build_lines()
 
 int QoSPacket::fmt_log_string()
 {
+    std::free(_log_string);
+    _log_string = nullptr;
     if (is_not_eos())
         return format_session_line();
     if (is_eos())

@@ -32,8 +32,9 @@ public:
     // True for a session report, near or far end. An unknown event is neither.
     bool is_not_eos() const;
 
-    // Builds the statistics line in the layout of the event type. Returns its length, or a
-    // negative number for an unknown event or a failed allocation. Called by the constructor.
+    // Builds the statistics line in the layout of the event type, in place of an earlier one.
+    // Returns its length, or a negative number for an unknown event or a failed allocation. Called
+    // by the constructor.
     int fmt_log_string();
 
     // The fixed-column statistics line and the JSON line around it, both without a line end; the
