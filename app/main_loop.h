@@ -30,7 +30,8 @@ public:
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
 
-    // Runs until stop() is called, then stops the components. Once per process.
+    // Runs until stop() is called, then stops the components. Once per process. A stop() that came
+    // before is lost: the flag is raised here.
     void start();
 
     // Any thread, and signal handlers: the flag is a lock-free atomic.

@@ -4,8 +4,10 @@
 // line and appends it to a bounded buffer. The thread "QoS_SimpleLogge" moves the buffer every
 // 100 ms into /var/log/current/<log.file>.log, or to standard output when no file is configured.
 //
-// The logger's mutex is the innermost of the program: it is held for an append or for cutting a
-// block, never while the file object is at work, since that one logs through this logger.
+// The logger's mutex is the innermost of the program: it is held for an append, for cutting a block
+// and, without a log file, while the buffer is printed, but never while the file object is at work,
+// since that one logs through this logger. A standard output that takes nothing thus holds up
+// whoever logs.
 #pragma once
 
 #include <pthread.h>
@@ -36,8 +38,9 @@ public:
     // Adds a group and returns its index, or -1 for null. Main thread, at start-up.
     int register_dbg_group(DebugGroup* group);
 
-    // Logs one message through a group. Dropped silently when the index names no group or the
-    // level exceeds the group's; counted as lost when the buffer is full. Any thread.
+    // Logs one message through a group. Before init(), or after one that failed, a message that
+    // passes is printed at once, as bare text. Dropped silently when the index names no group or
+    // the level exceeds the group's; counted as lost when the buffer is full. Any thread.
     void Log(int group_index, DbgLevel level, const std::string& text);
 
     // The same through the group "DEFAULT".

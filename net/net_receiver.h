@@ -16,7 +16,8 @@ class ConfigFile;
 class NetReceiver : public LoggerHelper {
 public:
     // Reads log.network and qos_port, registers the log group and opens both sockets.
-    // Throws std::invalid_argument for a null configuration or a socket that cannot be opened.
+    // Throws std::invalid_argument for a null configuration or a socket that cannot be opened; a
+    // socket opened before then stays open, since the owner ends the process.
     explicit NetReceiver(ConfigFile* config);
     ~NetReceiver();
     NetReceiver(const NetReceiver&) = delete;
