@@ -145,6 +145,7 @@ TEST(Daemon, KeepsItsLogInAFile)
     Daemon daemon("log.file=d\nlog.default=2", true);
     daemon.start();
     EXPECT_EQ(0, daemon.stop());
+    EXPECT_EQ(1, daemon.faults->calls("fsync"));  // of the last block
     EXPECT_EQ("Initialized logging. File name: /var/log/current/d.log\n", daemon.output());
     const std::string log = LogCapture::bare(read_file(daemon.dir / "log/d.log"));
     EXPECT_THAT(log, HasSubstr(" [INFO] Opened for writing /var/log/current/d.log\n"));
@@ -319,6 +320,15 @@ TEST(Daemon, PostsServiceReportsEveryFiveMinutes)
                             "Service_Packet\"}"),
               posted().find("198.51.100.10     0       0    0 100.0      0     0      00000     0 "
                             "Service_Packet\"}"));
+    daemon.faults->clock_shift = 599;            // the interval began anew
+    for (const std::string name : {"u", "v"}) {  // the second ends the pass of the first
+        daemon.send_qos(SESSION + name);
+        EXPECT_TRUE(daemon.printed(" " + name + "\"}"));
+    }
+    EXPECT_EQ(0U, count(daemon.output(), "new event: {\"message\": \"2023-Nov-14 22:23:19."));
+    daemon.faults->clock_shift = 600;
+    daemon.send_qos(SESSION + "w");
+    EXPECT_TRUE(daemon.printed("new event: {\"message\": \"2023-Nov-14 22:23:20.", 2));
     EXPECT_EQ(0, daemon.stop());
     EXPECT_EQ(0U, count(read_file(daemon.dir / "QoS_Stat.txt"), "Service_Packet"));
 }

@@ -57,8 +57,10 @@ TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
         if (row.existing >= 0)
             write_file(dir / "F.txt", std::string(static_cast<std::size_t>(row.existing), 'e'));
         FileObject file("header\n", row.header, dir.path, "F", ".txt", row.limit, 4);
+        faults.restart();
         for (int i = 0; i < row.writes; i++)
-            EXPECT_EQ(600, file.fobj_write(std::string(600, 'w'), i == 1));
+            EXPECT_EQ(600, file.fobj_write(std::string(600, 'w'), false));
+        EXPECT_EQ(row.archive > 0 ? 1 : 0, faults.calls("fsync"));
         auto sizes = sizes_of(dir);
         const std::string oldest = read_file(dir / sizes.rbegin()->first);
         EXPECT_EQ(row.header > 0 && row.existing < 1, oldest.starts_with("header"));
@@ -198,16 +200,22 @@ TEST(FileLogger, WritesWholeBlocksAndOldTails)
         {200, -60, false, 200},   {200, 0, false, 0},    {824, -60, false, 1024},
         {1100, -60, false, 1024}, {972, 9, false, 1024}, {0, 0, false, 0},
         {0, 1, false, 24},        {400, 0, true, 400},   {0, 9, true, 0}};
-    IdleFileLogger idle("max_buf_timeout_rtp=7");
-    const long timeouts[] = {30, 60, 7};
-    for (const int file : {0, 1, 2}) {
+    struct Row {
+        int file;
+        const char* config;
+        long timeout;  // seconds
+    };
+    static const Row rows[] = {
+        {0, "", 30}, {1, "", 60}, {2, "", 30}, {2, "max_buf_timeout_rtp=7", 7}};
+    for (const auto& [file, config, timeout] : rows) {
+        IdleFileLogger idle(config);
         std::size_t size = idle.headers[file];
         long last_write = faults.clock_shift;
         for (const Step& step : steps) {
             if (step.queued > 0) {
                 EXPECT_EQ(step.queued, queue(idle.logger, file, step.queued));
             }
-            faults.clock_shift = last_write + std::max(0L, timeouts[file] + step.overdue);
+            faults.clock_shift = last_write + std::max(0L, timeout + step.overdue);
             faults.arm("fsync", 0, 0);
             write_step(idle.logger, file, step.force);
             EXPECT_EQ(step.force && step.written > 0 ? 1 : 0, faults.calls("fsync"));
@@ -227,17 +235,19 @@ TEST(FileLogger, DropsAndCountsBeyondItsCaps)
     };
     std::vector<std::size_t> full(100, 1024), over = full;  // 102400 bytes, and one more
     over.back()++;
-    const std::vector<std::size_t> small = {500, 500}, larger = {500, 501};
+    const std::vector<std::size_t> small = {500, 500}, larger = {500, 501}, megabytes(10240, 1024);
     const Row rows[] = {{0, 9, full, "QoS WRITE"},
                         {0, 9, over, "QoS WRITE"},
                         {1, 9, over, "QoS WRITE"},
+                        {2, 10485760, megabytes, "VOICE DUMP WRITE"},  // the default
                         {2, 1000, small, "VOICE DUMP WRITE"},
                         {2, 1000, larger, "VOICE DUMP WRITE"},
                         {2, 0, {200}, "VOICE DUMP WRITE"},
                         {2, -1, {}, "VOICE DUMP WRITE"}};
     LogCapture log("log.default=1");
     for (const Row& row : rows) {
-        IdleFileLogger idle("max_length_per_sec_rtp=" + std::to_string(row.cap));
+        const std::string cap = "max_length_per_sec_rtp=" + std::to_string(row.cap);
+        IdleFileLogger idle(row.queued.size() == megabytes.size() ? "" : cap);
         std::size_t total = 0;
         for (const std::size_t size : row.queued) {
             EXPECT_EQ(size, queue(idle.logger, row.file, size));
@@ -284,11 +294,14 @@ TEST(FileLogger, PausesFollowTheVoiceTraffic)
         faults.skip_pauses = true;
         faults.short_pauses = 0;
         FileLogger logger(&config);
-        EXPECT_EQ(logging[0] == '0' ? 0 : 200, queue(logger, 2, 200));
-        EXPECT_EQ(logging[0] != '0', eventually([] { return faults.short_pauses >= 500; },
-                                                logging[0] == '0' ? 1 : 20));
+        const bool off = logging[0] == '0';
+        for (const int pauses : {500, 1000}) {                  // as many after each record
+            EXPECT_EQ(off ? 0 : 1024, queue(logger, 2, 1024));  // a whole block
+            EXPECT_EQ(!off,
+                      eventually([pauses] { return faults.short_pauses >= pauses; }, off ? 1 : 20));
+        }
         logger.fl_stop();
-        EXPECT_EQ(logging[0] == '0' ? 0 : 500, faults.short_pauses);
+        EXPECT_EQ(off ? 0 : 1000, faults.short_pauses);
     }
 }
 

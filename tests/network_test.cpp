@@ -41,7 +41,7 @@ TEST(Receiver, ReadsEveryDatagramAndSaysSo)
     };
     EXPECT_EQ(0, receive(true));  // before any wait
     send_udp(port, std::string(40000, 'L'));
-    send_udp(port, "short");
+    send_udp(port, "short", 2);  // every address of the machine
     send_udp(port, "");
     send_udp(port, "behind");
     send_udp(port + 1, std::string("v\0w", 3));
@@ -80,6 +80,12 @@ TEST(Receiver, ReadsEveryDatagramAndSaysSo)
                   voice + "\n",
               log.take());
     EXPECT_THROW(NetReceiver(nullptr), std::invalid_argument);
+    try {
+        ConfigFile defaults = config_of("log.network=4");
+        const NetReceiver standard(&defaults);
+    } catch (const std::invalid_argument&) {  // somebody has the port
+    }
+    EXPECT_THAT(log.take(), testing::ContainsRegex(" port:? 49999"));
 }
 
 // A report whose JSON line has so many bytes.

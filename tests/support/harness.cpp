@@ -102,10 +102,11 @@ int free_port_pair()
     }
 }
 
-void send_udp(int port, const std::string& datagram)
+void send_udp(int port, const std::string& datagram, unsigned host)
 {
     static const int fd = bound_socket(SOCK_DGRAM, 0);
-    const sockaddr_in address = loopback(port);
+    sockaddr_in address = loopback(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK - 1 + host);
     sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
            sizeof address);
 }

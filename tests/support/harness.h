@@ -1,5 +1,7 @@
 // What the tests stand on: temporary directories, the log, the daemon as a process of its own,
 // and a web server that records and misbehaves. Every wait ends at an event or at its deadline.
+// The log, the clock and the faults belong to the process and are not put back: each test runs in
+// a process of its own, as ctest starts them.
 #pragma once
 
 #include <atomic>
@@ -29,7 +31,8 @@ ConfigFile config_of(const std::string& text, char separator = '=');
 bool eventually(const std::function<bool()>& condition, int seconds = 20);
 
 int free_port_pair();  // a free UDP port whose successor is free too, unless somebody comes first
-void send_udp(int port, const std::string& datagram);
+// To 127.0.0.<host>.
+void send_udp(int port, const std::string& datagram, unsigned host = 1);
 // A voice record; its length word is the truth unless it is given.
 std::string voice_record(const std::string& payload, std::size_t length = std::string::npos);
 
