@@ -41,10 +41,9 @@ die() {
     exit 1
 }
 
-# The optimised daemon and its tools; two runs at once build one after the other.
+# The optimised daemon and its tools.
 build_release() {
-    mkdir -p build
-    flock build/.release.lock scripts/build >"$SCRATCH/build.log" 2>&1 || {
+    scripts/build >"$SCRATCH/build.log" 2>&1 || {
         cat "$SCRATCH/build.log" >&2
         die "the build failed"
     }
@@ -90,9 +89,10 @@ queues_empty() { queue_empty "$PORT" && queue_empty $((PORT + 1)); }
 
 # True when a process holds the socket of a UDP port.
 holds_port() { # holds_port PID PORT
-    local inode
-    inode=$(socket_line "$2" | awk '{ print $10 }')
-    [ -n "$inode" ] && find "/proc/$1/fd" -lname "socket:\[$inode\]" 2>/dev/null | grep -q .
+    holds_socket "$1" "$(socket_line "$2" | awk '{ print $10 }')"
+}
+holds_socket() { # holds_socket PID INODE
+    [ -n "$2" ] && find "/proc/$1/fd" -lname "socket:\[$2\]" 2>/dev/null | grep -q .
 }
 listening() { holds_port "$DAEMON" "$PORT" && holds_port "$DAEMON" $((PORT + 1)); }
 up_or_gone() { gone "$DAEMON" || listening; }

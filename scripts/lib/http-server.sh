@@ -41,4 +41,12 @@ start_server() {
     done
     die "no HTTP server"
 }
-server_up_or_gone() { gone "$SERVER" || (: <"/dev/tcp/127.0.0.1/$SERVER_PORT") 2>/dev/null; }
+server_up_or_gone() { gone "$SERVER" || holds_socket "$SERVER" "$(listening_inode "$SERVER_PORT")"; }
+
+# The inode of the socket that listens on a TCP port. The port alone says nothing: somebody else's
+# server may answer there while nginx still tries to bind.
+listening_inode() { # listening_inode PORT
+    local port
+    printf -v port '%04X' "$1"
+    awk -v port=":$port" '$4 == "0A" && substr($2, length($2) - 4) == port { print $10 }' /proc/net/tcp
+}
