@@ -59,9 +59,10 @@ public:
     // Destroys the three file objects. The writer thread must have ended.
     void fl_cleanup();
 
-    // One write step for one file: moves the whole 1024-byte blocks of its buffer, or all of it when
-    // the tail is old, the file is to rotate or force is set. sync makes the file object flush it to disk. Throws what FileObject::fobj_write
-    // throws; the block is lost then. Writer thread only.
+    // One write step for one file: moves the whole 1024-byte blocks of its buffer, or all of it
+    // when the tail is old, the file is to rotate or force is set. sync makes the file object flush
+    // it to disk. Throws what FileObject::fobj_write throws; the block is lost then. Writer thread
+    // only.
     void fl_write_file(Qos_Stat_Type type, bool sync, bool force);
 
     // The same for the voice dump; also adapts the writer's pause to the voice traffic.

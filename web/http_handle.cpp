@@ -41,8 +41,8 @@ bool HttpHanle::set_option(CURLoption option, Value value) const
     return curl_easy_setopt(curl_handle, option, value) == CURLE_OK;
 }
 
-// The first that fails is reported and ends the construction. A failure of the first four, which set
-// up what feeds the log, is said on standard output instead.
+// The first that fails is reported and ends the construction. A failure of the first four, which
+// set up what feeds the log, is said on standard output instead.
 bool HttpHanle::set_options()
 {
     const char* failed = nullptr;
