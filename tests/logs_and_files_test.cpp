@@ -207,19 +207,19 @@ TEST(FileLogger, WritesWholeBlocksAndOldTails)
     };
     static const Row rows[] = {
         {0, "", 30}, {1, "", 60}, {2, "", 30}, {2, "max_buf_timeout_rtp=7", 7}};
-    for (const auto& [file, config, timeout] : rows) {
-        IdleFileLogger idle(config);
-        std::size_t size = idle.headers[file];
+    for (const Row& row : rows) {
+        IdleFileLogger idle(row.config);
+        std::size_t size = idle.headers[row.file];
         long last_write = faults.clock_shift;
         for (const Step& step : steps) {
             if (step.queued > 0) {
-                EXPECT_EQ(step.queued, queue(idle.logger, file, step.queued));
+                EXPECT_EQ(step.queued, queue(idle.logger, row.file, step.queued));
             }
-            faults.clock_shift = last_write + std::max(0L, timeout + step.overdue);
+            faults.clock_shift = last_write + std::max(0L, row.timeout + step.overdue);
             faults.arm("fsync", 0, 0);
-            write_step(idle.logger, file, step.force);
+            write_step(idle.logger, row.file, step.force);
             EXPECT_EQ(step.force && step.written > 0 ? 1 : 0, faults.calls("fsync"));
-            EXPECT_EQ(size += step.written, idle.size(file)) << file << " " << step.queued;
+            EXPECT_EQ(size += step.written, idle.size(row.file)) << row.file << " " << step.queued;
             if (step.written > 0)
                 last_write = faults.clock_shift;
         }
