@@ -263,7 +263,6 @@ void QoSPacket::build_lines()
 {
     if (fmt_log_string() < 0) {
         DBG->Log(DBG_ERROR, "Failed to allocate _log_string event for QoS packet...");
-        _log_string = nullptr;  // undefined after a failed asprintf
         return;
     }
     if (asprintf(&_http_log_string, "%s%s%s", R"({"message": ")", _log_string, R"("})") < 0) {
@@ -275,15 +274,17 @@ void QoSPacket::build_lines()
 int QoSPacket::fmt_log_string()
 {
     std::free(_log_string);
-    _log_string = nullptr;
+    int length = -1;
     if (is_not_eos())
-        return format_session_line();
-    if (is_eos())
-        return format_eos_line();
-    if (DBG->log_passes(DBG_INFO))
+        length = format_session_line();
+    else if (is_eos())
+        length = format_eos_line();
+    else if (DBG->log_passes(DBG_INFO))
         DBG->Log(DBG_INFO, std::string("QoSPacket::fmt_log_string() Ignoring unknown event: ") +
                                text_of(TYPE));
-    return -1;
+    if (length < 0)
+        _log_string = nullptr;  // undefined after a failed asprintf
+    return length;
 }
 
 int QoSPacket::format_session_line()
