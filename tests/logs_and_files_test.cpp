@@ -122,14 +122,14 @@ TEST(FileObject, RemovesTheOldestOfItsOwnArchivesOnly)
     const TempDir dir;
     create_directory(dir / "S_2020-01-01_00-00-00.txt");
     // Names and ages in hours: the first three must go, in this order, and all others stay.
-    std::istringstream files(
-        "S_2026-03-09_14-05-09.txt 90 S_2026-03-03_14-05-09.txt 50 S_2026-03-03_14-05-09_002.txt "
-        "50 "
-        "S_2026-03-03_14-05-09_1000.txt 50 S_2026-03-01_14-05-09.txt 10 S.txt 99 S_Sum.txt 99 "
-        "S_Sum_2026-03-03_14-05-09.txt 99 S_2026-03-03_14-05-09.log 99 "
-        "S_2026-03-03_14-05-09_02.txt 99 "
-        "xS_2026-03-03_14-05-09.txt 99 S_2026-03-03_14-05-0.txt 99 S_2026-03-03_14-05-09_0x2.txt "
-        "99");
+    std::istringstream files(R"(
+        S_2026-03-09_14-05-09.txt 90        S_2026-03-03_14-05-09.txt 50
+        S_2026-03-03_14-05-09_002.txt 50    S_2026-03-03_14-05-09_1000.txt 50
+        S_2026-03-01_14-05-09.txt 10        S.txt 99
+        S_Sum.txt 99                        S_Sum_2026-03-03_14-05-09.txt 99
+        S_2026-03-03_14-05-09.log 99        S_2026-03-03_14-05-09_02.txt 99
+        xS_2026-03-03_14-05-09.txt 99       S_2026-03-03_14-05-0.txt 99
+        S_2026-03-03_14-05-09_0x2.txt 99)");
     const auto now = file_time_type::clock::now();
     std::string name, removed;
     int number = 0;
@@ -286,6 +286,30 @@ TEST(FileLogger, ADueFileTakesTheWholeBufferAndRotates)
     EXPECT_EQ(24U + 76, old.size(2));
 }
 
+TEST(FileLogger, BoundsItsFiles)
+{
+    struct Row {
+        int file;
+        std::size_t limit;  // bytes
+        long kept;          // archives
+    };
+    for (const Row& row : {Row{0, 20971520, 4}, Row{1, 5242880, 2}, Row{2, 52428800, 20}}) {
+        IdleFileLogger idle("");
+        const std::filesystem::path live = idle.dir / idle.names[row.file];
+        for (int i = 10; i < 35; i++)
+            write_file(idle.dir / (live.stem().string() + "_2020-01-01_00-00-" + std::to_string(i) +
+                                   live.extension().string()),
+                       "");
+        write_file(live, "");
+        std::filesystem::resize_file(live, row.limit - 200);
+        for (const long files : {1 + 25L, row.kept}) {  // full, then rotated
+            queue(idle.logger, row.file, 200);
+            write_step(idle.logger, row.file, true);
+            EXPECT_EQ(files, std::distance(std::filesystem::directory_iterator(idle.dir.path), {}));
+        }
+    }
+}
+
 TEST(FileLogger, PausesFollowTheVoiceTraffic)
 {
     const TempDir dir;
@@ -389,59 +413,4 @@ TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
     log(100);
     DBG->dbg_write_file(true, true);
     EXPECT_THAT(read_file(dir / "d.log"), EndsWith("] LOG FILE WRITE OVERFLOW: 1messages lost\n"));
-}
-
-TEST(Logger, SaysOnStandardOutputThatItHasNoDirectory)
-{
-    const TempDir dir;
-    faults.map_log_directory(dir / "missing/log");
-    ConfigFile config = config_of("log.file=d\nlog.default=2");
-    CaptureStdout();
-    DBG->init(&config);
-    DBG->Log(DBG_WARN, "a line that is lost");
-    DBG->dbg_stop();
-    EXPECT_THAT(
-        GetCapturedStdout(),
-        MatchesRegex(
-            "Failed to create directory /var/log/current/ \\(2: No such file or directory\\)\n"
-            "Initialized logging. File name: /var/log/current/d.log\n"
-            "(Failed to open /var/log/current/d.log\n)+"));
-}
-
-TEST(Limits, OfSizesAndArchives)
-{
-    const TempDir logs;
-    faults.map_log_directory(logs.path);
-    ConfigFile config = config_of("log.file=d\nlog.default=1");
-    DBG->init(&config);
-    DBG->dbg_stop();
-    IdleFileLogger idle("");
-    const auto write_200_bytes = [&idle](int file) {
-        if (file < 3)
-            queue(idle.logger, file, 200);
-        else
-            DBG->Log(DBG_ERROR, std::string(200 - dbg_format_line(DBG_ERROR, "").size(), 'x'));
-        file < 3 ? write_step(idle.logger, file, true) : DBG->dbg_write_file(true, true);
-    };
-    const std::size_t limits[] = {20971520, 5242880, 52428800, 20971520}, kept[] = {4, 2, 20, 1};
-    for (const int file : {0, 1, 2, 3}) {
-        const TempDir& dir = file < 3 ? idle.dir : logs;
-        const std::filesystem::path live = dir / (file < 3 ? idle.names[file] : "d.log");
-        const std::string stem = live.stem().string() + "_20";
-        for (int i = 10; i < 35; i++)
-            write_file(
-                dir / (stem + "20-01-01_00-00-" + std::to_string(i) + live.extension().string()),
-                "");
-        write_file(live, "");
-        std::filesystem::resize_file(live, limits[file] - 200);
-        for (const std::size_t archives : {std::size_t{25}, kept[file]}) {  // full, then rotated
-            write_200_bytes(file);
-            const auto sizes = sizes_of(dir);
-            EXPECT_EQ(
-                static_cast<long>(archives),
-                std::count_if(sizes.begin(), sizes.end(),
-                              [&](const auto& entry) { return entry.first.starts_with(stem); }))
-                << live;
-        }
-    }
 }

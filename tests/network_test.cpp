@@ -174,23 +174,28 @@ TEST(WebClient, FillsItsBufferAndCountsWhatIsLost)
         HasSubstr(" [INFO] Skipping http transmission - no available idle curl handles!\n"));
 }
 
-TEST(HttpHandle, TracesAndCounts)
+TEST(WebClient, OutlivesItsServersFaults)
 {
     LogCapture log;
-    DebugGroup group(DBG_DEBUG, "HTTP");
-    DBG->register_dbg_group(&group);
-    EXPECT_FALSE(HttpHanle(std::string(9000000, 'u'), &group).is_idle());  // libcurl refuses it
-    EXPECT_EQ("[ERROR] curl_easy_setopt(CURLOPT_URL) failed...\n", log.take());
-    HttpHanle handle("http://h/", &group);
-    EXPECT_TRUE(handle.is_idle());
-    for (const HANDLE_STATE state : {HANDLE_BUSY, HANDLE_BUSY, HANDLE_IDLE})
-        handle.set_state(state);
-    char text[] = "Connected\r\n\n", feeds[] = "\n\n";
-    EXPECT_EQ(0, HttpHanle::curl_debug_callback(nullptr, CURLINFO_TEXT, text, 12, &handle));
-    EXPECT_EQ(0, HttpHanle::curl_debug_callback(nullptr, CURLINFO_TEXT, feeds, 2, &handle));
-    EXPECT_EQ(0, HttpHanle::curl_debug_callback(nullptr, CURLINFO_TEXT, text, 12, nullptr));
-    EXPECT_EQ(12U, HttpHanle::curl_write_resp_clbk(text, 3, 4, &handle));
-    EXPECT_EQ(0U, HttpHanle::curl_write_resp_clbk(text, 3, 4, nullptr));
-    const std::string idle = "[TRACE] Total idle curl handles: ";
-    EXPECT_EQ(idle + "0\n" + idle + "0\n" + idle + "1\n[TRACE] Connected\r\n", log.take());
+    auto server = std::make_unique<HttpServer>();
+    ConfigFile config = config_of("log.http=2\nelastic_url=" + server->url);
+    WebClient client(&config);
+    QoSPacket line = report(200);
+    std::string text;
+    const auto post = [&](const std::string& message, std::size_t times) {
+        faults.clock_shift += 6;
+        EXPECT_EQ(200, client.WC_Write(&line));
+        EXPECT_TRUE(eventually([&] { return count(text += log.take(), message) == times; }))
+            << text;
+    };
+    post("Finished", 1);
+    server->answer = HttpServer::ERROR_500;
+    post("Finished", 2);
+    server->answer = HttpServer::HALF;
+    post("curl_easy_perform failed: 18\n", 1);
+    server->answer = HttpServer::OK;
+    post("Finished", 3);
+    server.reset();
+    for (const std::size_t times : {1U, 2U})  // six posts: each handle is idle again
+        post("curl_easy_perform failed: 7\n", times);
 }

@@ -261,7 +261,6 @@ void HttpServer::serve(int fd)
             _requests.push_back({data.substr(0, end), data.substr(end + END.size(), length)});
         }
         data.clear();
-        eventually([this] { return answer != NEVER || _stopping; }, 60);
         std::string text = answer == ERROR_500 ? "HTTP/1.1 500 No" : "HTTP/1.1 200 OK";
         text += "\r\n" + LENGTH + (answer == HALF ? "9" : "4") + END + "half";
         send(fd, text.data(), text.size(), MSG_NOSIGNAL);

@@ -84,7 +84,7 @@ private:
 // A web server on loopback that records every request and answers as it is told.
 class HttpServer {
 public:
-    enum Answer { OK, ERROR_500, HALF, NEVER };  // NEVER: until another answer is set
+    enum Answer { OK, ERROR_500, HALF };
     struct Request {
         std::string head, body;
     };
