@@ -1,0 +1,36 @@
+// Telephony mode: plays a unit with several calls, faster than real time, up to about now.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <random>
+#include <string>
+
+#include "tools/sim/call.h"
+#include "tools/sim/sim_options.h"
+#include "tools/sim/udp_sender.h"
+
+class TelephonyUnit {
+public:
+    // Plans the calls. Throws std::system_error when there is no socket to be had.
+    explicit TelephonyUnit(const SimOptions& options);
+
+    // Plays them and prints what was sent. True when all was sent.
+    bool run();
+
+private:
+    void plan_calls();
+    CallPlan plan_call(unsigned number);
+    void play();
+    void send_reports(Call& call, SimTime now);
+    void send_silence(Call& call, SimTime now);
+    void print_summary(double seconds) const;
+
+    SimOptions _options;
+    SimTime _duration;
+    WallTime _start;  // of the simulated time
+    std::mt19937 _random;
+    std::deque<Call> _calls;  // which cannot be moved
+    UdpSender _report_sender, _voice_sender;
+    std::uint64_t _session_reports = 0, _end_of_session_reports = 0, _voice_records = 0;
+};
