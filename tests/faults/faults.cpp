@@ -1,4 +1,4 @@
-#include "support/faults.h"
+#include "faults/faults.h"
 
 #include <curl/curl.h>
 #include <dirent.h>

@@ -8,7 +8,7 @@
 #include "records/qos_packet.h"
 #include "records/voice_datagram.h"
 #include "records/voice_packet.h"
-#include "support/harness.h"
+#include "unit/harness.h"
 
 using testing::EndsWith;
 using testing::HasSubstr;

@@ -4,7 +4,7 @@
 #include "log/simple_logger.h"
 #include "net/net_receiver.h"
 #include "records/qos_packet.h"
-#include "support/harness.h"
+#include "unit/harness.h"
 #include "web/web_client.h"
 
 using testing::EndsWith;

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <set>
 
-#include "support/harness.h"
+#include "faults/daemon.h"
 
 namespace {
 

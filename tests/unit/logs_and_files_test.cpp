@@ -13,7 +13,7 @@
 #include "log/simple_logger.h"
 #include "records/qos_packet.h"
 #include "records/voice_packet.h"
-#include "support/harness.h"
+#include "unit/harness.h"
 
 using testing::EndsWith;
 using testing::HasSubstr;

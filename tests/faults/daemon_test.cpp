@@ -6,7 +6,7 @@
 #include <numeric>
 #include <regex>
 
-#include "support/harness.h"
+#include "faults/daemon.h"
 
 using testing::EndsWith;
 using testing::HasSubstr;
