@@ -1,0 +1,383 @@
+"""The daemon as its users run it, a web server that notes what is posted, and a model of its formats.
+
+The model computes what a report or a voice record should look like in the files. It shares no code with
+the daemon. Everything runs on free ports and below a temporary directory that goes with the test.
+"""
+import glob
+import json
+import os
+import random
+import re
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("VOXSTAT_BUILD", ROOT / "build/debug"))
+VOXSTAT = BUILD / "voxstat"
+SANITIZERS = os.environ.get("VOXSTAT_SANITIZE", "")
+
+# An offset that no machine has by chance, so that local time cannot be taken for universal time.
+os.environ["TZ"] = "TST-5:30"
+time.tzset()
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "long: takes more than a few seconds; run by scripts/test --long")
+
+
+def pytest_sessionfinish(session):
+    """Ends with 77, which ctest takes for "skipped", when every case was."""
+    reporter = session.config.pluginmanager.getplugin("terminalreporter")
+    stats = reporter.stats if reporter else {}
+    if stats.get("skipped") and not any(stats.get(key) for key in ("passed", "failed", "error")):
+        session.exitstatus = 77
+
+
+@pytest.fixture
+def tmp_path():
+    """A directory that is gone after the test, unlike pytest's own."""
+    with tempfile.TemporaryDirectory(prefix="voxstat.") as name:
+        yield Path(name)
+
+
+def wait_for(condition, seconds=30, what=""):
+    """Returns what the condition gives as soon as it is true; fails after that many seconds."""
+    deadline = time.monotonic() + seconds
+    while not (result := condition()):
+        assert time.monotonic() < deadline, f"waited {seconds} s in vain {what}"
+        time.sleep(0.01)
+    return result
+
+
+# --- the formats --------------------------------------------------------------------------------
+
+HEADERS = {
+    "QoS_Stat.txt":
+        "       Date         Time    TZ      GCID         TID     Type      Far_End_IP  Port Packets "
+        "Lost Lost% Jitter   RTT       SSRC    SN RTCP_CNAME\n",
+    "QoS_Stat_Sessions_Summary.txt":
+        "       Date         Time    TZ      GCID         TID     Type      Far_End_IP  Port  Span "
+        "Packets Lost Lost% JTRAvg JTRMax RTTAvg RTTMax First Packet Last  Packet       SSRC    SN "
+        "RTCP_CNAME\n",
+}
+PCAP_HEADER = struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1)
+
+
+def report(event="QOS_NEAREND", **fields):
+    """A report datagram: report(RTCP_CNAME="x") has the two lines QOS_EV_TYPE and QOS_EV_RTCP_CNAME."""
+    return "\n".join(f"QOS_EV_{key}={value}" for key, value in {"TYPE": event, **fields}.items())
+
+
+def clock_text(seconds, microseconds, form):
+    return time.strftime(form, time.localtime(int(seconds))) + f".{int(microseconds) // 1000:03d}"
+
+
+def line(event="QOS_NEAREND", **fields):
+    """The statistics line of such a report, with its line feed; SERIAL_NUM stands for the unit's too."""
+    def text(key):
+        return fields.get(key, "")
+
+    def number(key):
+        return int(fields.get(key, 0))
+
+    def moment(key, form):
+        return clock_text(number(f"{key}_SEC"), number(f"{key}_USEC"), form)
+
+    summary = event.startswith("QOS_EOS_")
+    loss = "LOST" if summary else "LOST_SINCE_LAST_REPORT"
+    percent = "LOST_PERCENT" if summary else "LOST_LOST_SINCE_LAST_REPORT_PERCENT"
+    offset = time.strftime(" %z", time.localtime(number("TIME_STAMP_SEC")))
+    near = event in ("QOS_NEAREND", "QOS_EOS_FAREND")   # a summary names the other end
+    columns = ["%30.30s" % (moment("TIME_STAMP", "%Y-%b-%d %H:%M:%S") + offset),
+               "%9.9s" % text("GCID"), "%11.11s" % text("TID"), "near_end" if near else " far_end",
+               "%15.15s" % text("FAR_END_IP"), "%5d" % number("PORT")]
+    if summary:
+        columns.append("%5d" % number("DURATION"))
+    columns += ["%7d" % number("PACKETS"), "%4d" % number(loss), "%5.1f" % float(fields.get(percent, 0)),
+                "%6d" % number("JITTER_AVG")]
+    if summary:
+        columns += ["%6d" % number(key) for key in ("JITTER_MAX", "RTT_AVG", "RTT_MAX")]
+        columns += [moment(key, "%H:%M:%S") for key in ("FIRST_PACKET", "LAST_PACKET")]
+    else:
+        columns.append("%5d" % number("RTT_AVG"))
+    columns += ["%10s" % text("SSRC"), "%5.5s" % (text("SERIAL_NUM") or "0"), text("RTCP_CNAME")]
+    return " ".join(columns) + "\n"
+
+
+def voice_record(payload=b"", length=None, source=("192.0.2.10", 5004), target=("198.51.100.10", 5006),
+                 seconds=1700000000, microseconds=123456):
+    """A voice record as the telephony unit sends it; another length than the payload's on demand."""
+    length = len(payload) if length is None else length
+    addresses = socket.inet_aton(source[0]) + socket.inet_aton(target[0])
+    return (struct.pack(">I4s4sHHII", length, addresses[:4], addresses[4:], source[1], target[1],
+                        seconds, microseconds) + payload)
+
+
+def pcap_record(record):
+    """What the dump holds of such a voice record."""
+    length, source, target, ports, seconds, microseconds = struct.unpack(">I4s4s4sII", record[:24])
+    length = 2023 if length > 2024 else length
+    payload = record[24:24 + length] if length <= 1989 else b""
+    return (struct.pack("<IIII", seconds, microseconds, 42 + len(payload), 42 + length)
+            + b"\xaa" * 6 + b"\xbb" * 6 + b"\x08\x00"
+            + struct.pack(">BBHHHBBH4s4s", 0x45, 0, length + 28, 0, 0x4000, 64, 17, 0, source, target)
+            + ports + struct.pack(">HH", length + 8, 0) + payload)
+
+
+# --- the web server -----------------------------------------------------------------------------
+
+class Recorder:
+    """A web server that notes every request. Its answers can be changed at any time."""
+
+    def __init__(self):
+        recorder = self
+
+        class Handler(BaseHTTPRequestHandler):
+            protocol_version = "HTTP/1.1"
+
+            def do_POST(self):
+                body = self.rfile.read(int(self.headers["Content-Length"])).decode()
+                recorder.requests.append((self.path, self.headers, body))
+                recorder.speaks.wait(60)
+                if recorder.closing:
+                    self.close_connection = True
+                    return
+                self.send_response(recorder.status)
+                self.send_header("Content-Length", "2")
+                self.end_headers()
+                self.wfile.write(b"{}")
+
+            def log_message(self, *_):
+                pass
+
+        self.requests = []              # (path, headers, body)
+        self.status = 200
+        self.closing = False            # ends the connection without an answer
+        self.speaks = threading.Event()     # cleared, it takes requests and is silent
+        self.speaks.set()
+        self.server = ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.server.daemon_threads = True
+        self.server.block_on_close = False
+        self.server.handle_error = lambda *_: None      # the daemon was killed
+        self.url = f"http://127.0.0.1:{self.server.server_port}/qos"
+        threading.Thread(target=self.server.serve_forever, args=(0.05,), daemon=True).start()
+
+    def lines(self):
+        """Each statistics line posted, with a line feed as in the files."""
+        return [item["message"] + "\n" for _, _, body in list(self.requests) for item in json.loads(body)]
+
+    def close(self):
+        self.speaks.set()
+        self.server.shutdown()
+        self.server.server_close()
+
+
+@pytest.fixture
+def web():
+    recorder = Recorder()
+    yield recorder
+    recorder.close()
+
+
+# --- the clock ----------------------------------------------------------------------------------
+
+class Clock:
+    """The time of day that a daemon sees which was started with launch=clock.launch."""
+
+    def __init__(self, library, path):
+        self.path = path
+        self.launch = ["env", f"LD_PRELOAD={library}", f"FAKETIME_TIMESTAMP_FILE={path}", "FAKETIME_NO_CACHE=1",
+                       "FAKETIME_DONT_FAKE_MONOTONIC=1", "NO_FAKE_STAT=1"]
+        self.set("+0")
+
+    def set(self, moment):
+        """Such as "+300" (seconds ahead), or "+0 x60" for a clock that runs sixty times as fast."""
+        self.path.with_suffix(".new").write_text(moment + "\n")
+        os.replace(self.path.with_suffix(".new"), self.path)
+
+
+@pytest.fixture
+def clock(tmp_path):
+    libraries = glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
+    if SANITIZERS or not libraries:
+        pytest.skip("the sanitizers and libfaketime exclude each other" if SANITIZERS else "no libfaketime")
+    return Clock(libraries[0], tmp_path / "clock")
+
+
+# --- the daemon ---------------------------------------------------------------------------------
+
+LOG_LINE = re.compile(r"[A-Z][a-z]{2}-\d\d \d\d:\d\d:\d\d\.\d{3}  "
+                      r"(\[ERROR\]|\[TRACE\]|\[DEBUG\]| \[WARN\]| \[INFO\]) \[0x[0-9a-f]{1,6}\] (.*)")
+
+
+def free_ports():
+    """Two ports in a row that nobody has now, below the range that the kernel gives to clients."""
+    while True:
+        port = random.randrange(10000, 32000, 2)
+        try:
+            with socket.socket(type=socket.SOCK_DGRAM) as one, socket.socket(type=socket.SOCK_DGRAM) as two:
+                one.bind(("", port))
+                two.bind(("", port + 1))
+            return port
+        except OSError:
+            continue
+
+
+class Daemon:
+    """One run of the daemon. Its statistics stand in directory/stat, its output in directory/out.
+
+    A setting's "__" stands for the point of its key: log__default=2. None leaves a setting out.
+    """
+
+    def __init__(self, directory, launch=(), serial=None, arguments=None, **settings):
+        self.directory = directory
+        self.stat = directory / "stat"
+        self.port = free_ports()
+        if serial is not None:
+            (directory / "sn").write_text(f"serial: {serial}\n")
+        settings = {"qos_port": self.port, "qos_stat_dir": self.stat, "sn_file_path": directory / "sn", **settings}
+        (directory / "voxstat.cfg").write_text("".join(
+            f"{key.replace('__', '.')} = {value}\n" for key, value in settings.items() if value is not None))
+        arguments = ["-f", directory / "voxstat.cfg"] if arguments is None else arguments
+        with open(directory / "out", "wb") as out, open(directory / "err", "wb") as err:
+            self.process = subprocess.Popen([*launch, VOXSTAT, *arguments], cwd=directory, stdout=out, stderr=err,
+                                            stdin=subprocess.DEVNULL)
+
+    # Starting and stopping.
+
+    def sockets(self):
+        """(inode, bytes waiting, datagrams dropped) of the report and the voice socket, when both are open."""
+        table = [row.split() for row in Path(f"/proc/{self.process.pid}/net/udp").read_text().splitlines()[1:]]
+        rows = {int(row[1].split(":")[1], 16): (row[9], int(row[4].split(":")[1], 16), int(row[12])) for row in table}
+        return [rows[port] for port in (self.port, self.port + 1) if port in rows]
+
+    def listening(self):
+        try:
+            held = {os.readlink(fd) for fd in glob.glob(f"/proc/{self.process.pid}/fd/*")}
+            return sum(f"socket:[{row[0]}]" in held for row in self.sockets()) == 2
+        except OSError:     # it has just ended, or closed one of its files
+            return False
+
+    def drained(self):
+        """True when the daemon has read every datagram that was sent to it."""
+        return all(row[1] == 0 for row in self.sockets())
+
+    def wait_ready(self):
+        """Waits until the main loop reads. False when the daemon has ended instead."""
+        wait_for(lambda: self.listening() or self.process.poll() is not None, 60, "for its ports")
+        if self.process.poll() is not None:
+            return False
+        self.send_voice(b"")        # leaves no trace but in the queue
+        wait_for(self.drained, 60, "for the main loop")
+        return True
+
+    def stop(self, number=signal.SIGTERM):
+        """Ends it as its users do, all datagrams read. It must follow, with status 0 and nothing on stderr."""
+        wait_for(self.drained, 30, "for the last datagram to be read")
+        self.process.send_signal(number)
+        try:
+            self.process.wait(10)
+        except subprocess.TimeoutExpired:
+            self.process.send_signal(number)    # the first one came between the look at the flag and the wait
+        self.wait()
+
+    def wait(self, seconds=60):
+        """Waits for an end that needs no signal, with the same demands."""
+        assert self.process.wait(seconds) == 0, self.output()
+        assert (self.directory / "err").read_text() == ""
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+    # What it is sent.
+
+    def send_to(self, port, data):
+        with socket.socket(type=socket.SOCK_DGRAM) as sender:
+            sender.sendto(data.encode() if isinstance(data, str) else data, ("127.0.0.1", port))
+
+    def send(self, *reports):
+        for text in reports:
+            self.send_to(self.port, text)
+
+    def send_voice(self, *records):
+        """One datagram of these records."""
+        self.send_to(self.port + 1, b"".join(records))
+
+    # What it shows.
+
+    def output(self):
+        return (self.directory / "out").read_text(errors="replace")
+
+    def log(self, *tags, text=None):
+        """The log as "[INFO] text", of some tags only if given. Lines without stamp stand as they are, empty ones
+        do not. DIR, QOS and VOICE stand for what differs from run to run: the directory and the ports."""
+        entries = []
+        for row in (self.output() if text is None else text).splitlines():
+            match = LOG_LINE.fullmatch(row)
+            if match:
+                entries.append(f"{match[1].strip()} {match[2]}")
+            elif row and entries and entries[-1].startswith("[DEBUG]"):
+                entries[-1] += "\n" + row
+            elif row:
+                entries.append(row)
+        for value, name in ((self.directory, "DIR"), (self.port, "QOS"), (self.port + 1, "VOICE")):
+            entries = [re.sub(rf"(?<!\d){value}(?!\d)", name, entry) for entry in entries]
+        return [entry for entry in entries if not tags or entry.split("]")[0][1:] in tags]
+
+    def logged(self, entry, seconds=30):
+        """Waits until this text stands in the output."""
+        wait_for(lambda: entry in "\n".join(self.log()), seconds, f"for {entry!r} in\n" + self.output()[-3000:])
+
+    def read(self, name):
+        """A file of its statistics directory; empty when it is not there."""
+        path = self.stat / name
+        return path.read_bytes() if path.exists() else b""
+
+    def text(self, name="QoS_Stat.txt"):
+        return self.read(name).decode()
+
+    def dump(self):
+        return self.read("RTP_Streams_No_Voice.pcap")
+
+    def threads(self):
+        """The names of its threads, sorted."""
+        return sorted(Path(path).read_text().strip() for path in glob.glob(f"/proc/{self.process.pid}/task/*/comm"))
+
+
+@pytest.fixture
+def start(tmp_path):
+    """start(log__default=2, ...) runs a daemon and returns it when its main loop reads. Several may run at once,
+    each in a directory of its own unless directory=... says where an earlier one has been."""
+    daemons = []
+
+    def run(directory=None, **options):
+        for _ in range(20):
+            place = directory or tmp_path / str(len(daemons))
+            place.mkdir(exist_ok=True)
+            daemon = Daemon(place, **options)
+            daemons.append(daemon)
+            if daemon.wait_ready():
+                return daemon
+            if "unable to bind" not in daemon.output():     # else somebody has taken the port meanwhile
+                break
+        pytest.fail("the daemon does not start:\n" + daemon.output())
+
+    yield run
+    for daemon in daemons:
+        daemon.kill()
+
+
+@pytest.fixture
+def daemon(start):
+    """A daemon that says all it does but the datagrams themselves."""
+    return start(log__default=2, log__network=2, log__http=2)
