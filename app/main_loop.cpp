@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "config/config_file.h"
+#include "config/keys.h"
 #include "log/simple_logger.h"
 #include "records/voice_datagram.h"
 
@@ -16,7 +17,6 @@ namespace {
 
 constexpr unsigned WAIT_MS = 60000;
 constexpr std::int32_t SERVICE_INTERVAL_SECONDS = 300;
-constexpr const char* DEFAULT_SN_FILE = "/etc/zk-T/activation/sn";
 
 int service_report(char* buffer, const char* far_end, const char* loss_percent)
 {
@@ -91,7 +91,7 @@ void MainLoop::build_components()
 void MainLoop::read_serial_number()
 {
     try {
-        const ConfigFile file(config->getStringValue("sn_file_path", DEFAULT_SN_FILE), ':');
+        const ConfigFile file(keys::SN_FILE_PATH.text_in(*config), ':');
         serial_number = file.getStringValue("serial", "");
     } catch (const std::invalid_argument& error) {
         serial_number.clear();

@@ -8,20 +8,14 @@
 #include <string_view>
 
 #include "config/config_file.h"
+#include "config/keys.h"
+#include "config/limits.h"
 #include "log/scoped_lock.h"
 #include "log/simple_logger.h"
 #include "records/qos_packet.h"
 #include "records/voice_packet.h"
 
 namespace {
-
-constexpr const char* DEFAULT_HOME = "/home/build/zkhome";
-constexpr const char* DEFAULT_SUBDIRECTORY = "/QoS/";
-constexpr const char* DEFAULT_STAT_NAME = "QoS_Stat";
-constexpr const char* DEFAULT_EOS_NAME = "QoS_Stat_Sessions_Summary";
-constexpr const char* DEFAULT_RTP_NAME = "RTP_Streams_No_Voice";
-constexpr const char* TEXT_EXTENSION = ".txt";
-constexpr const char* PCAP_EXTENSION = ".pcap";
 
 // Column headers: each label ends where its column of the lines below ends.
 constexpr char QOS_STAT_HEADER[] =
@@ -49,14 +43,6 @@ static_assert(sizeof PCAP_FILE_HEADER == 24);
 constexpr time_t STAT_TAIL_TIMEOUT_SECONDS = 30;
 constexpr time_t EOS_TAIL_TIMEOUT_SECONDS = 60;
 constexpr std::size_t MAX_QOS_BUFFERED = 102400;
-constexpr unsigned STAT_FILE_SIZE = 20971520;
-constexpr unsigned EOS_FILE_SIZE = 5242880;
-constexpr unsigned STAT_ARCHIVES = 4;
-constexpr unsigned EOS_ARCHIVES = 2;
-constexpr int DEFAULT_RTP_TIMEOUT_SECONDS = 30;
-constexpr int DEFAULT_RTP_BUFFERED = 10485760;
-constexpr int DEFAULT_RTP_FILE_SIZE = 52428800;
-constexpr int DEFAULT_RTP_ARCHIVES = 20;
 constexpr unsigned LONG_PAUSE_US = 100000;  // while no voice data flows
 constexpr unsigned SHORT_PAUSE_US = 10000;
 constexpr int IDLE_PASSES_LIMIT = 499;
@@ -128,19 +114,17 @@ FileLogger::~FileLogger()
 
 void FileLogger::fl_read_config(const ConfigFile& config)
 {
-    stat_dir = config.getStringValue("qos_stat_dir", "");
-    if (stat_dir.empty())
-        stat_dir = std::string(DEFAULT_HOME) + DEFAULT_SUBDIRECTORY;
+    stat_dir = keys::QOS_STAT_DIR.text_in(config);
     if (!stat_dir.ends_with('/'))
         stat_dir += '/';
-    qos_file_name = config.getStringValue("qos_file_name", DEFAULT_STAT_NAME);
-    qos_file_name_eos = config.getStringValue("qos_file_name_eos", DEFAULT_EOS_NAME);
-    rtp_dump_file_name = config.getStringValue("rtp_dump_file_name", DEFAULT_RTP_NAME);
-    rtp_logging = config.getIntValue("rtp_logging", 1) != 0;
-    max_buf_timeout_rtp = config.getIntValue("max_buf_timeout_rtp", DEFAULT_RTP_TIMEOUT_SECONDS);
-    max_length_per_sec_rtp = config.getIntValue("max_length_per_sec_rtp", DEFAULT_RTP_BUFFERED);
-    max_file_size_rtp = config.getIntValue("max_file_size_rtp", DEFAULT_RTP_FILE_SIZE);
-    max_archived_files_rtp = config.getIntValue("max_archived_files_rtp", DEFAULT_RTP_ARCHIVES);
+    qos_file_name = keys::QOS_FILE_NAME.text_in(config);
+    qos_file_name_eos = keys::QOS_FILE_NAME_EOS.text_in(config);
+    rtp_dump_file_name = keys::RTP_DUMP_FILE_NAME.text_in(config);
+    rtp_logging = keys::RTP_LOGGING.number_in(config) != 0;
+    max_buf_timeout_rtp = keys::MAX_BUF_TIMEOUT_RTP.number_in(config);
+    max_length_per_sec_rtp = keys::MAX_LENGTH_PER_SEC_RTP.number_in(config);
+    max_file_size_rtp = keys::MAX_FILE_SIZE_RTP.number_in(config);
+    max_archived_files_rtp = keys::MAX_ARCHIVED_FILES_RTP.number_in(config);
 }
 
 struct FileLogger::OutputFile {
@@ -158,22 +142,22 @@ void FileLogger::fl_create_files()
     fl_create_file(STAT_SLOT, {.header = QOS_STAT_HEADER,
                                .header_length = QOS_STAT_HEADER_LENGTH,
                                .name = qos_file_name,
-                               .default_name = DEFAULT_STAT_NAME,
-                               .extension = TEXT_EXTENSION,
-                               .max_size = STAT_FILE_SIZE,
-                               .max_archives = STAT_ARCHIVES});
+                               .default_name = keys::QOS_FILE_NAME.text,
+                               .extension = limits::TEXT_EXTENSION,
+                               .max_size = limits::STAT_FILE_SIZE,
+                               .max_archives = limits::STAT_ARCHIVES});
     fl_create_file(EOS_SLOT, {.header = QOS_EOS_HEADER,
                               .header_length = QOS_EOS_HEADER_LENGTH,
                               .name = qos_file_name_eos,
-                              .default_name = DEFAULT_EOS_NAME,
-                              .extension = TEXT_EXTENSION,
-                              .max_size = EOS_FILE_SIZE,
-                              .max_archives = EOS_ARCHIVES});
+                              .default_name = keys::QOS_FILE_NAME_EOS.text,
+                              .extension = limits::TEXT_EXTENSION,
+                              .max_size = limits::SUMMARY_FILE_SIZE,
+                              .max_archives = limits::SUMMARY_ARCHIVES});
     fl_create_file(VOICE_SLOT, {.header = PCAP_FILE_HEADER,
                                 .header_length = sizeof PCAP_FILE_HEADER,
                                 .name = rtp_dump_file_name,
-                                .default_name = DEFAULT_RTP_NAME,
-                                .extension = PCAP_EXTENSION,
+                                .default_name = keys::RTP_DUMP_FILE_NAME.text,
+                                .extension = limits::DUMP_EXTENSION,
                                 .max_size = static_cast<unsigned>(max_file_size_rtp),
                                 .max_archives = static_cast<unsigned>(max_archived_files_rtp)});
 }

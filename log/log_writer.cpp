@@ -6,15 +6,12 @@
 #include <exception>
 
 #include "config/config_file.h"
+#include "config/keys.h"
+#include "config/limits.h"
 #include "files/file_object.h"
 #include "log/scoped_lock.h"
 
 namespace {
-
-constexpr const char* LOG_DIRECTORY = "/var/log/current";
-constexpr const char* LOG_EXTENSION = ".log";
-constexpr unsigned MAX_LOG_FILE_SIZE = 20971520;
-constexpr unsigned MAX_LOG_ARCHIVES = 1;
 
 constexpr std::size_t BUFFER_RESERVATION = 10240;
 constexpr time_t TAIL_TIMEOUT_SECONDS = 5;
@@ -29,10 +26,10 @@ void SimpleLogger::init(ConfigFile* config)
 {
     if (_initialized || config == nullptr)
         return;
-    _file_name = config->getStringValue("log.file", "");
-    _extension = LOG_EXTENSION;
-    register_dbg_group(new DebugGroup(
-        dbg_level_from_config(config->getIntValue("log.default", DBG_WARN)), "DEFAULT"));
+    _file_name = keys::LOG_FILE.text_in(*config);
+    _extension = limits::LOG_EXTENSION;
+    register_dbg_group(
+        new DebugGroup(dbg_level_from_config(keys::LOG_DEFAULT.number_in(*config)), "DEFAULT"));
     _buffer.reserve(BUFFER_RESERVATION);
     _last_write_time = 0;
     if (!dbg_start_writer())
@@ -67,12 +64,12 @@ FileObject* SimpleLogger::dbg_create_file()
 {
     if (_file_name.empty())
         return nullptr;
-    _directory = LOG_DIRECTORY;
+    _directory = limits::LOG_DIRECTORY;
     if (!_directory.ends_with('/'))
         _directory += '/';
     try {
-        return new FileObject(nullptr, 0, _directory, _file_name, _extension, MAX_LOG_FILE_SIZE,
-                              MAX_LOG_ARCHIVES);
+        return new FileObject(nullptr, 0, _directory, _file_name, _extension, limits::LOG_FILE_SIZE,
+                              limits::LOG_ARCHIVES);
     } catch (const std::exception& error) {
         dbg_print_line("Unable to open log file " + _directory + _file_name + _extension +
                        "for writing (" + error.what() + "). Using stdout instead.");

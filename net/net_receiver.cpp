@@ -10,11 +10,10 @@
 #include <string>
 
 #include "config/config_file.h"
+#include "config/keys.h"
 #include "log/simple_logger.h"
 
 namespace {
-
-constexpr int DEFAULT_QOS_PORT = 49999;
 
 std::string errno_suffix(unsigned short port, int err)
 {
@@ -27,8 +26,8 @@ NetReceiver::NetReceiver(ConfigFile* config)
 {
     if (config == nullptr)
         throw std::invalid_argument("NetReceiver() invalid config file value");
-    create_group(config->getIntValue("log.network", DBG_WARN), "NET");
-    qos_port = static_cast<unsigned short>(config->getIntValue("qos_port", DEFAULT_QOS_PORT));
+    create_group(keys::LOG_NETWORK.number_in(*config), "NET");
+    qos_port = static_cast<unsigned short>(keys::QOS_PORT.number_in(*config));
     voice_port = static_cast<unsigned short>(qos_port + 1);
     init_listen_port(qos_port, qos_sock);
     init_listen_port(voice_port, voice_sock);

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "config/config_file.h"
+#include "config/keys.h"
 #include "log/scoped_lock.h"
 #include "log/simple_logger.h"
 #include "records/qos_packet.h"
@@ -38,9 +39,9 @@ std::string batch_text(const void* easy, const std::string& body)
 
 bool WebClient::zklibcurl_global_init = false;
 
-WebClient::WebClient(ConfigFile* config) : url(config->getStringValue("elastic_url", ""))
+WebClient::WebClient(ConfigFile* config) : url(keys::ELASTIC_URL.text_in(*config))
 {
-    create_group(config->getIntValue("log.http", DBG_WARN), "HTTP");
+    create_group(keys::LOG_HTTP.number_in(*config), "HTTP");
     if (url.empty()) {
         LogStr(DBG_WARN, "Empty URL value for WebClient. HTTP reporting is unavailable.");
         return;
