@@ -1,10 +1,9 @@
 // Floors of the daemon's receive path: waits and drains as the daemon does, and only counts, or
-// does no more than the design asks of any daemon.
+// also queues and writes as much, at the same pauses.
 //
-//   bare-drain PORT                             counts
-//   bare-drain PORT lines                       makes the C library's calls for a session report
-//   bare-drain PORT queue BYTES PAUSE_MS FILE   queues that many bytes for each datagram; a thread
-//                                               writes them into the file after each pause
+//   bare-drain PORT                       counts
+//   bare-drain PORT BYTES PAUSE_MS FILE   queues that many bytes for each datagram; a thread
+//                                         writes them into the file after each pause
 //
 // Two non-blocking UDP sockets, on PORT and PORT + 1, a 32768-byte buffer, each socket drained
 // after every wait. Prints the number of datagrams at SIGTERM.
@@ -18,12 +17,10 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
 
-#include "bench/bare_process.h"
-#include "bench/library_calls.h"
+#include "bench/until_sigterm.h"
 #include "log/scoped_lock.h"
 
 namespace {
@@ -98,15 +95,6 @@ int open_socket(int port)
     return sock;
 }
 
-void make_lines()
-{
-    const ReportTexts texts;
-    const std::string report_time = print_report_time(texts);
-    char* const line = print_session_line(report_time.c_str(), texts);
-    std::free(print_json_line(line));
-    std::free(line);
-}
-
 template <typename Work>
 unsigned long drain(int sock, Work work)
 {
@@ -146,14 +134,12 @@ int main(int argc, char** argv)
     stop_at_sigterm();
     if (argc == 2) {
         run(std::atoi(argv[1]), [] {});
-    } else if (argc == 3 && std::strcmp(argv[2], "lines") == 0) {
-        run(std::atoi(argv[1]), make_lines);
-    } else if (argc == 6 && std::strcmp(argv[2], "queue") == 0) {
-        Queue queue(static_cast<std::size_t>(std::atoi(argv[3])),
-                    static_cast<useconds_t>(std::atoi(argv[4])) * US_PER_MS, argv[5]);
+    } else if (argc == 5) {
+        Queue queue(static_cast<std::size_t>(std::atoi(argv[2])),
+                    static_cast<useconds_t>(std::atoi(argv[3])) * US_PER_MS, argv[4]);
         run(std::atoi(argv[1]), [&queue] { queue.append(); });
     } else {
-        std::fputs("Usage: bare-drain PORT [lines | queue BYTES PAUSE_MS FILE]\n", stderr);
+        std::fputs("Usage: bare-drain PORT [BYTES PAUSE_MS FILE]\n", stderr);
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;

@@ -1,0 +1,228 @@
+"""Measures what the daemon costs, beside bare programs of its shape, and prints ratios.
+
+    compare.py BUILD          everything; about three minutes, and worth little on a busy machine
+    compare.py BUILD --once   each measurement once and briefly, to see that it works
+
+BUILD is a build directory with the daemon, its tools and bench/. Processor time is the kernel's account
+of all threads of a process, in nanoseconds. The programs to be compared run side by side and get the
+same load in turn; the figures are medians of the turns.
+"""
+
+import contextlib
+import glob
+import json
+import os
+import pathlib
+import random
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+BUILD = pathlib.Path(sys.argv[1]).resolve()
+ONCE = "--once" in sys.argv[2:]
+ROUNDS = 1 if ONCE else 9
+PACED = ("--rate", "5000", "--burst", "20")
+SCRATCH = pathlib.Path(tempfile.mkdtemp(prefix="voxstat-bench-"))
+PROGRAMS = []  # all that were started
+
+
+def scaled(count):
+    return count // 10 if ONCE else count
+
+
+def wait_for(what, condition, seconds=30):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            sys.exit(f"waited {seconds} s in vain for {what}")
+        time.sleep(0.01)
+
+
+def table(title, *columns):
+    print(f"\n{title}\n\n| {' | '.join(columns)} |\n|{'---|' * len(columns)}", flush=True)
+
+
+def row(*cells):
+    print(f"| {' | '.join(f'{c:.2f}' if isinstance(c, float) else str(c) for c in cells)} |", flush=True)
+
+
+# --- programs under load ---
+
+
+def sockets(port):
+    """The kernel's lines for the pair of UDP ports: waiting bytes and dropped datagrams of each."""
+    wanted = (f":{port:04X}", f":{port + 1:04X}")
+    with open("/proc/net/udp", encoding="ascii") as lines:
+        cells = [line.split() for line in lines]
+    return [(int(cell[4].split(":")[1], 16), int(cell[12])) for cell in cells if cell[1].endswith(wanted)]
+
+
+class Program:
+    """A running program, the daemon or a bare one, with its pair of ports if it has one."""
+
+    def __init__(self, command, port=None):
+        self.port = port
+        self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL)
+        PROGRAMS.append(self)
+        if port is not None:
+            wait_for("open ports", lambda: len(sockets(port)) == 2 or self.process.poll() is not None)
+
+    def running(self):
+        return self.process.poll() is None
+
+    def end(self):
+        self.process.terminate()
+        if self.process.wait(70) not in (0, -signal.SIGTERM):
+            sys.exit(f"{self.process.args} failed")
+
+    def cpu_ns(self):
+        files = glob.glob(f"/proc/{self.process.pid}/task/*/schedstat")
+        return sum(int(pathlib.Path(file).read_text(encoding="ascii").split()[0]) for file in files)
+
+    def peak_kb(self):
+        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text(encoding="ascii")
+        return int(status.split("VmHWM:")[1].split()[0])
+
+    def drops(self):
+        return sum(dropped for _, dropped in sockets(self.port))
+
+    def load(self, kind, count, *options):
+        """Sends datagrams and waits until they are received. The pause pays for two writer passes."""
+        subprocess.run(
+            [BUILD / "tools" / "voxstat-sim", "--port", str(self.port), "--load", kind, "--count", str(count), *options],
+            stdout=subprocess.DEVNULL, check=True)
+        wait_for("an empty receive queue", lambda: not any(waiting for waiting, _ in sockets(self.port)))
+        time.sleep(0.25)
+
+    def cost(self, kind, count, *options):
+        """Nanoseconds of processor time per datagram that was received."""
+        before, dropped = self.cpu_ns(), self.drops()
+        self.load(kind, count, *options)
+        return (self.cpu_ns() - before) / (count - self.drops() + dropped)
+
+
+def start_on_ports(make_command):
+    """Tries pairs of ports below those that the kernel gives to clients until one is free."""
+    for _ in range(20):
+        port = 10000 + 2 * random.randrange(11000)
+        if sockets(port):
+            continue
+        program = Program(make_command(port), port)
+        if program.running():
+            return program
+    sys.exit("no program starts")
+
+
+def bare_drain(*queue):
+    """The floor; with BYTES and PAUSE_MS it also queues and writes that much."""
+    if queue:
+        queue = (*map(str, queue), str(SCRATCH / f"queued-{random.random()}"))
+    return start_on_ports(lambda port: [BUILD / "bench" / "bare-drain", str(port), *queue])
+
+
+def daemon(**settings):
+    directory = pathlib.Path(tempfile.mkdtemp(dir=SCRATCH))
+
+    def command(port):
+        settings.update(qos_port=port, qos_stat_dir=directory)
+        config = directory / "voxstat.cfg"
+        config.write_text("".join(f"{key} = {value}\n" for key, value in settings.items()), encoding="ascii")
+        return [BUILD / "voxstat", "-f", config]
+
+    program = start_on_ports(command)
+    program.directory = directory
+    return program
+
+
+@contextlib.contextmanager
+def together(*programs):
+    yield programs
+    for program in programs:
+        program.end()
+
+
+# --- measurements ---
+
+
+def compare_report():
+    """From the text of a report to both lines queued, beside the C library's calls in it."""
+    options = ["--benchmark_enable_random_interleaving=true"]
+    options += ["--benchmark_min_time=0.01"] if ONCE else ["--benchmark_min_time=0.2", f"--benchmark_repetitions={ROUNDS}"]
+    output = subprocess.run([BUILD / "bench" / "report-bench", *options], stdout=subprocess.PIPE, check=True).stdout
+    times = {}
+    for run in json.loads(output)["benchmarks"]:
+        if run["run_type"] == "iteration":
+            times.setdefault(run["run_name"], []).append(run["cpu_time"])
+    bare, own = (statistics.median(times[name]) for name in ("c_library_of_one_report", "text_to_both_lines_queued"))
+    table("From the text of a report to both lines queued", "beside", "ns", "daemon, ns", "ratio")
+    row("the C library's calls for it", round(bare), round(own), own / bare)
+
+
+def compare_datagrams():
+    table("Processor time per datagram, at 5,000/s in bursts of 20 unless unpaced",
+          "load", "bare drain, ns", "drain that queues and writes, ns", "daemon, ns", "daemon / drain", "daemon / queueing drain")
+    # A statistics line and its line feed, a pcap record, and the writer's pause under each load.
+    for kind, size, pause_ms in (("reports", 140, 100), ("voice", 218, 10)):
+        with together(bare_drain(), bare_drain(size, pause_ms), daemon()) as programs:
+            for what, count, pace in (("", 10000, PACED), (" unpaced", 100000, ())):
+                if kind == "reports" and not pace:
+                    continue  # the receive queue is what this would measure
+                turns = [[p.cost(kind, scaled(count), *pace) for p in programs] for _ in range(ROUNDS + 1)]
+                floor, queueing, own = map(statistics.median, zip(*turns[1:]))  # the first turn warms up
+                row(kind + what, round(floor), round(queueing), round(own), own / floor, own / queueing)
+
+
+def found(program):
+    """The numbers of the reports in the daemon's statistics file."""
+    lines = (program.directory / "QoS_Stat.txt").read_text(encoding="ascii").splitlines()[1:]
+    return {int(line.split()[-1]) for line in lines}
+
+
+def check_losses():
+    table("Losses", "load", "reports", "lost", "of these in the socket's queue")
+    for rate in (5000, 7000):
+        count = scaled(10 * rate)
+        program = daemon(rtp_logging=0)
+        program.load("reports", count, "--rate", str(rate), "--burst", "20")
+        drops = program.drops()
+        program.end()
+        row(f"{rate}/s in bursts of 20", count, count - len(found(program)), drops)
+    for burst in (150, 400):
+        program = daemon(rtp_logging=0)
+        firsts = range(1, 5 * burst, burst)
+        for first in firsts:
+            program.load("reports", burst, "--first", str(first))
+        drops = program.drops()
+        program.end()
+        whole = sum(found(program).issuperset(range(first, first + burst)) for first in firsts)
+        row(f"{burst} back to back, five times", 5 * burst, f"{5 - whole} of 5 bursts not whole", drops)
+
+
+def compare_rest():
+    table("At rest and in memory", "what", "bare program", "daemon", "ratio")
+    for what, arguments, settings in (
+            ("files only", ("2", "0"), {}), ("with a server", ("7", "5"), {"elastic_url": "http://127.0.0.1:9/"})):
+        with together(Program([BUILD / "bench" / "bare-pool", *arguments]), daemon(**settings)) as (bare, own):
+            time.sleep(1)  # the start is no rest
+            before = bare.cpu_ns(), own.cpu_ns()
+            seconds = 1 if ONCE else 20
+            time.sleep(seconds)
+            bare_us, own_us = ((p.cpu_ns() - b) / seconds / 1000 for p, b in zip((bare, own), before))
+            row(f"processor time a second, {what}, µs", round(bare_us), round(own_us), own_us / bare_us)
+            own.load("reports", scaled(25000), *PACED)
+            row(f"peak memory under load, {what}, kB", bare.peak_kb(), own.peak_kb(), own.peak_kb() / bare.peak_kb())
+
+
+print(f"{os.cpu_count()} processors, load average {os.getloadavg()[0]:.2f}, {ROUNDS} rounds")
+try:
+    compare_report()
+    compare_datagrams()
+    check_losses()
+    compare_rest()
+finally:
+    for program in filter(Program.running, PROGRAMS):
+        program.process.kill()
+    subprocess.run(["rm", "-rf", SCRATCH], check=True)
