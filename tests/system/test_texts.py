@@ -63,9 +63,9 @@ def test_named_files_exist():
     missing = []
     for document in DOCUMENTS:
         text = document.read_text()
-        links = [document.parent / link for link in re.findall(r"\]\((?!https?:)([^)#]+)", text)]
+        links = [document.parent / link for link in re.findall(r"\]\((?!https?:)([^)#\s]+)[^)\s]*\)", text)]
         named = [ROOT / name for name in re.findall(
-            r"`(?:\./)?((?:app|bench|config|docs|fleet|fuzz|log|packaging|scripts|tests|tools|\.ci)/[\w./-]*)", text)]
+            r"(?<![\w/.-])(?:\./)?((?:bench|docs|fleet|fuzz|packaging|scripts|tests|tools|\.ci)/[\w./-]*\w)", text)]
         missing += [f"{document.name}: {path}" for path in links + named if not path.exists()]
     assert missing == []
 
