@@ -113,6 +113,11 @@ def line(event="QOS_NEAREND", **fields):
     return " ".join(columns) + "\n"
 
 
+def batch(lines):
+    """The body that posts these lines."""
+    return "[\n" + ",\n".join('{"message": "' + row.rstrip("\n") + '"}' for row in lines) + "\n]"
+
+
 def voice_record(payload=b"", length=None, source=("192.0.2.10", 5004), target=("198.51.100.10", 5006),
                  seconds=1700000000, microseconds=123456):
     """A voice record as the telephony unit sends it; another length than the payload's on demand."""
@@ -238,10 +243,10 @@ class Daemon:
     A setting's "__" stands for the point of its key: log__default=2. None leaves a setting out.
     """
 
-    def __init__(self, directory, launch=(), serial=None, arguments=None, **settings):
+    def __init__(self, directory, launch=(), serial=None, arguments=None, port=None, **settings):
         self.directory = directory
         self.stat = directory / "stat"
-        self.port = free_ports()
+        self.port = port or free_ports()
         if serial is not None:
             (directory / "sn").write_text(f"serial: {serial}\n")
         settings = {"qos_port": self.port, "qos_stat_dir": self.stat, "sn_file_path": directory / "sn", **settings}
@@ -320,7 +325,8 @@ class Daemon:
 
     def log(self, *tags, text=None):
         """The log as "[INFO] text", of some tags only if given. Lines without stamp stand as they are, empty ones
-        do not. DIR, QOS and VOICE stand for what differs from run to run: the directory and the ports."""
+        do not, nor does the wait that a stop interrupts or not. DIR, QOS and VOICE stand for what differs from run to
+        run: the directory and the ports."""
         entries = []
         for row in (self.output() if text is None else text).splitlines():
             match = LOG_LINE.fullmatch(row)
@@ -332,7 +338,8 @@ class Daemon:
                 entries.append(row)
         for value, name in ((self.directory, "DIR"), (self.port, "QOS"), (self.port + 1, "VOICE")):
             entries = [re.sub(rf"(?<!\d){value}(?!\d)", name, entry) for entry in entries]
-        return [entry for entry in entries if not tags or entry.split("]")[0][1:] in tags]
+        return [entry for entry in entries if "NetReceiver select() failed" not in entry and (
+            not tags or entry.split("]")[0][1:] in tags)]
 
     def logged(self, entry, seconds=30):
         """Waits until this text stands in the output."""
@@ -349,9 +356,13 @@ class Daemon:
     def dump(self):
         return self.read("RTP_Streams_No_Voice.pcap")
 
-    def threads(self):
-        """The names of its threads, sorted."""
-        return sorted(Path(path).read_text().strip() for path in glob.glob(f"/proc/{self.process.pid}/task/*/comm"))
+    def pauses(self):
+        """How often each thread has waited since its start, by its name."""
+        found = {}
+        for task in glob.glob(f"/proc/{self.process.pid}/task/*"):
+            waits = re.search(r"\nvoluntary_ctxt_switches:\s*(\d+)", Path(task, "status").read_text())
+            found[Path(task, "comm").read_text().strip()] = int(waits[1])
+        return found
 
 
 @pytest.fixture

@@ -1,0 +1,144 @@
+"""The batches that are posted, and what becomes of them when the server does not play along."""
+import json
+import re
+import socket
+
+import pytest
+
+from conftest import batch, line, report, wait_for
+
+NOON = "2023-11-14 12:00:"
+
+
+def row(name, size=0):
+    """A line's name with which its JSON takes so many bytes."""
+    return name + "-" * max(0, size - len(batch([line(RTCP_CNAME=name)])) + 4)
+
+
+def web_log(daemon):
+    """What the web client says by itself, without libcurl's trace and the addresses of handles."""
+    own = ("[INFO]", "[WARN]", "[ERROR]", "[TRACE] Starting", "[TRACE] Total", "[DEBUG] ")
+    return [re.sub("0x[0-9a-f]+", "HANDLE", entry) for entry in daemon.log() if entry.startswith(own)]
+
+
+def looks(daemon, count=3):
+    """Waits until each worker has looked at the buffer so many times."""
+    names = [f"QoS_Web_{i}" for i in range(5)]
+    before = daemon.pauses()
+    wait_for(lambda: all(daemon.pauses()[name] >= before[name] + count for name in names))
+
+
+def test_first_line_goes_at_once(start, web):
+    daemon = start(elastic_url=web.url + "?a=b", log__http=4, log__network=1)
+    daemon.send(report("QOS_EOS_NEAREND"), report("QOS"), report(RTCP_CNAME="first"))
+    daemon.logged("Total idle curl handles: 5")
+    daemon.stop()
+    body = batch([line(RTCP_CNAME="first")])
+    (path, headers, posted), = web.requests
+    assert (path, headers["Content-Type"], posted) == ("/qos?a=b", "application/json", body)
+    assert web_log(daemon) == [
+        "[WARN] Caught an exception: Failed to open config file: DIR/sn",
+        "[ERROR] Failed to allocate _log_string event for QoS packet...",
+        "[DEBUG] WebClient::WC_Write() new event: " + body[2:-2],
+        "[TRACE] Total idle curl handles: 4",
+        f"[TRACE] Starting http transmission of {len(body)} bytes for the curl handle HANDLE",
+        "[DEBUG] HTTP buffer sent for the handle: HANDLE\n" + body,
+        f"[INFO] Finished http transmission of {len(body)} bytes for the curl handle HANDLE",
+        "[TRACE] Total idle curl handles: 5",
+        *["[INFO] Terminating WebClient thread..."] * 5,
+        f"[INFO] WebClient stat: Lines Sent=1; Bytes Sent={len(body)}"]
+
+
+def test_when_a_batch_is_due(start, web, clock):
+    clock.set(NOON + "00")
+    daemon = start(elastic_url=web.url, launch=clock.launch)
+    ten = [row(f"{i}", 920) for i in range(10)]
+    lines = [[row("first")], [row("a"), row("b")], [*ten, row("c", 1019)], [*ten, row("d", 1020)]]
+    for number, names in enumerate(lines):
+        daemon.send(*(report(RTCP_CNAME=name) for name in names))
+        if number in (1, 2):    # too few bytes, and too early for them
+            clock.set(NOON + f"{6 * number - 1:02}")
+            wait_for(daemon.drained)
+            looks(daemon)
+            assert len(web.requests) == number
+            clock.set(NOON + f"{6 * number:02}")
+        wait_for(lambda: len(web.requests) > number)
+    assert [body for _, _, body in web.requests] == [
+        batch(line(RTCP_CNAME=name) for name in names) for names in lines]
+    assert len(batch(line(RTCP_CNAME=name) for name in lines[3])) == 10240 + 4
+    daemon.stop()
+
+
+UNABLE = r"\[ERROR\] Unable to transmitt http - curl_easy_perform failed: "
+FAILURES = [    # what the server does, what is said at level 1
+    ("refuses", UNABLE + "7$"),
+    ("closes", UNABLE + "52$"),
+    ("status 500", None),
+]
+
+
+@pytest.mark.parametrize("how, said", FAILURES)
+def test_server_fails(start, web, how, said):
+    """What it did not take is not sent again, and the handle serves on."""
+    with socket.socket() as unused:
+        unused.bind(("127.0.0.1", 0))       # taken, but nobody listens
+        url = f"http://127.0.0.1:{unused.getsockname()[1]}" if how == "refuses" else web.url
+        web.closing = how == "closes"
+        web.status = 500
+        daemon = start(elastic_url=url, serial="1", log__http=0 if said else 1)
+        for number in range(2):
+            daemon.send(*(report(RTCP_CNAME=row(str(i), 1000)) for i in range(12)))
+            wait_for(lambda: len(daemon.log() if said else web.requests) > number)
+        daemon.stop()
+    assert all(re.match(said or "nothing", entry) for entry in daemon.log())
+
+
+def test_url_that_libcurl_refuses(start):
+    daemon = start(elastic_url="http://" + "x" * 8000000, log__http=2)
+    daemon.send(report())
+    daemon.logged("[INFO] Skipping http transmission - no available idle curl handles!")
+    daemon.stop()
+    assert daemon.log()[:5] == ["[ERROR] curl_easy_setopt(CURLOPT_URL) failed..."] * 5
+
+
+def test_silent_server(start, web):
+    """Five batches are on their way at a time, and 100 KiB more wait; then lines are lost, and counted."""
+    daemon = start(elastic_url=web.url, log__http=2)
+    web.speaks.clear()
+    names = []
+
+    def fill():
+        names.append(row(f"{len(names)}-", 1000))
+        daemon.send(report(RTCP_CNAME=names[-1]))
+        wait_for(daemon.drained)
+        return " WebClient OVERFLOW" in daemon.log()
+
+    wait_for(fill)
+    for _ in range(5):
+        fill()
+    assert len(web.requests) == 5
+    web.speaks.set()
+    wait_for(lambda: len(web.requests) == 6)
+    for name in ("one", "two"):
+        daemon.send(report(RTCP_CNAME=name))
+    lost = daemon.log().count(" WebClient OVERFLOW")
+    daemon.logged(f"[WARN] WebClient OVERFLOW: {lost}")
+    daemon.stop()
+    assert daemon.log("WARN")[1:] == [f"[WARN] WebClient OVERFLOW: {lost}"]
+    kept = len(names) - lost
+    posted = [text.split()[-1] for text in web.lines()]
+    assert sorted(posted[:kept], key=names.index) == names[:kept] and len(json.loads(web.requests[5][2])) > 100
+
+
+def test_everything_once_and_in_order(start, web):
+    daemon = start(elastic_url=web.url)
+    names = [f"n{i}" for i in range(2000)]
+    for i in range(0, len(names), 50):
+        daemon.send(*(report(RTCP_CNAME=name) for name in names[i:i + 50]))
+        wait_for(lambda: len(web.lines()) > i - 100)
+    wait_for(lambda: len(web.lines()) > len(names) - 100)
+    daemon.stop()
+    assert daemon.text().splitlines()[1:] == [line(RTCP_CNAME=name).rstrip() for name in names]
+    batches = [[int(text.split("n")[-1]) for text in re.findall(" 0 n[0-9]+", body)] for _, _, body in web.requests]
+    assert all(numbers == sorted(numbers) for numbers in batches)
+    assert sorted(sum(batches, [])) == list(range(sum(map(len, batches))))
