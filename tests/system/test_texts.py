@@ -8,8 +8,7 @@ import pytest
 from conftest import ROOT
 
 ROOMS = "app config log files net records filelog web"
-PAGES = sorted((ROOT / "packaging").glob("voxstat*.[1-8]"))
-DOCUMENTS = [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")]
+FOLDERS = r"bench|docs|fleet|fuzz|packaging|scripts|tests|tools|\.ci"
 
 STRING = r'"(?:\\.|[^"\\])*"'
 STATEMENT = rf"(?:[^;\"]|{STRING})*?"
@@ -42,35 +41,27 @@ def explains(entry, level, expression):
 
 
 def test_manual_explains_every_message():
-    page = (ROOT / "packaging/voxstat.8").read_text().partition(".Sh DIAGNOSTICS")[2].replace(r"\&", "")
+    page = (ROOT / "packaging/voxstat.8").read_text().replace(r"\&", "")
     entries = [row[4:] for row in page.splitlines() if row.startswith(".It ")]
-    missing = []
-    count = 0
-    for code in sources():
-        for level, expression in SAID.findall(code):
-            if '"' in expression and not any(explains(entry, level, expression) for entry in entries):
-                missing.append(f"{level} {' '.join(expression.split())}")
-        for text in map(words, re.findall(STRING, code)):
-            if re.search("[A-Za-z]{2}.* .*[A-Za-z]{2}", text) and not NO_MESSAGE.search(text):
-                count += 1
-                if not any(text in entry for entry in entries):
-                    missing.append(text)
-    assert not missing, "\n".join(missing)
-    assert count > 80
+    said = [found for code in sources() for found in SAID.findall(code) if '"' in found[1]]
+    texts = [words(literal) for code in sources() for literal in re.findall(STRING, code)]
+    texts = [text for text in texts if re.search("[A-Za-z]{2}.* .*[A-Za-z]{2}", text) and not NO_MESSAGE.search(text)]
+    missing = [found for found in said if not any(explains(entry, *found) for entry in entries)]
+    missing += [text for text in texts if not any(text in entry for entry in entries)]
+    assert missing == [] and len(texts) > 80
 
 
 def test_named_files_exist():
-    missing = []
-    for document in DOCUMENTS:
+    for document in [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")]:
         text = document.read_text()
-        links = [document.parent / link for link in re.findall(r"\]\((?!https?:)([^)#\s]+)[^)\s]*\)", text)]
-        named = [ROOT / name for name in re.findall(
-            r"(?<![\w/.-])(?:\./)?((?:bench|docs|fleet|fuzz|packaging|scripts|tests|tools|\.ci)/[\w./-]*\w)", text)]
-        missing += [f"{document.name}: {path}" for path in links + named if not path.exists()]
-    assert missing == []
+        for link in re.findall(r"\]\((?!https?:)([^)#\s]+)[^)\s]*\)", text):
+            assert (document.parent / link).exists(), document
+        for name in re.findall(rf"(?<![\w/.-])(?:\./)?((?:{FOLDERS})/[\w./-]*\w)", text):
+            assert (ROOT / name).exists(), document
 
 
 @pytest.mark.skipif(not shutil.which("mandoc"), reason="no mandoc")
 def test_manual_pages_are_clean():
-    remarks = subprocess.run(["mandoc", "-Tlint", *PAGES], capture_output=True, text=True).stdout
+    pages = sorted((ROOT / "packaging").glob("*.[1-8]"))
+    remarks = subprocess.run(["mandoc", "-Tlint", *pages], capture_output=True, text=True).stdout
     assert [row for row in remarks.splitlines() if "outdated mandoc.db" not in row] == []
