@@ -8,7 +8,7 @@ CallIdentity identity_of(unsigned number)
 {
     return {.gcid = "3-" + std::to_string(1016 + number),
             .tid = "2." + std::to_string(117 + number),
-            .far_end_address = FAR_END_NETWORK + 5 + number,
+            .far_end_address = FAR_END_NETWORK + 5 + number % 250,
             .far_end_port = static_cast<std::uint16_t>(5004 + 2 * number),
             .unit_port = static_cast<std::uint16_t>(16384 + 2 * number)};
 }

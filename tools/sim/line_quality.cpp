@@ -13,7 +13,7 @@ constexpr double WORST_ROUND_TRIP_MS = 310;
 }  // namespace
 
 LineQuality::LineQuality(std::mt19937& random, const Trouble& trouble)
-    : _random(&random), _trouble(trouble), _mean_loss_percent(uniform(0.1, 0.6)),
+    : _random(&random), _trouble(trouble), _mean_loss_percent(uniform(0.05, 0.25)),
       _mean_jitter_ms(uniform(4, 10)), _mean_round_trip_ms(uniform(25, 70)),
       _phase(uniform(0, 2 * std::numbers::pi)), _period_s(uniform(60, 180))
 {

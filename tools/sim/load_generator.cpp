@@ -5,7 +5,6 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "tools/sim/load_marks.h"
 #include "tools/sim/pacer.h"
 #include "tools/sim/progress.h"
 #include "tools/sim/report_text.h"
@@ -15,10 +14,17 @@ namespace {
 
 using Clock = std::chrono::system_clock;
 
-constexpr std::uint32_t REPORT_SIZE = 500;
-constexpr std::uint32_t RTP_PACKET_SIZE = 160;
-constexpr unsigned SESSION_FIELDS = 17;  // as many as the session line shows
-constexpr unsigned EOS_FIELDS = 25;
+constexpr std::size_t REPORT_SIZE = 500;    // a longer report stays as it is
+constexpr std::size_t SESSION_FIELDS = 11;  // those of a session report; a summary has them all
+
+// With this many digits the lines of small numbers have one length, and a line that was put
+// together from two is noticed.
+constexpr int NAME_DIGITS = 5;
+
+// The RTP stream of the voice records. Sequence number and time stamp follow from the number.
+constexpr std::uint32_t SSRC = 0x4C4F4144;  // "LOAD"
+constexpr std::uint32_t SAMPLES_PER_PACKET = 160;
+constexpr std::size_t SOUND_SIZE = 148;
 constexpr std::size_t NUMBER_SIZE = 4;
 constexpr char PCMU_SILENCE = '\xFF';
 
@@ -39,8 +45,8 @@ struct Field {
     const char* value;
 };
 
-// What a report carries besides its type and its number, the most usual first; RTT_MIN, which no
-// output line shows, comes last of all and takes the padding.
+// What a report carries besides its type, number and time, first those of a session report.
+// RTT_MIN, which no output line shows, follows and takes the padding.
 constexpr Field FIELDS[] = {
     {"GCID", "3-1016"},
     {"TID", "2.117"},
@@ -62,22 +68,14 @@ constexpr Field FIELDS[] = {
     {"LAST_PACKET_SEC", "1700000094"},
     {"LAST_PACKET_USEC", "980000"},
 };
-constexpr unsigned OTHER_FIELDS = 6;  // type, number twice, two of the time, RTT_MIN
-static_assert(std::size(FIELDS) + OTHER_FIELDS == 25);
 
 }  // namespace
 
 LoadGenerator::LoadGenerator(const SimOptions& options)
     : _options(options),
-      _sender(options.mode == SimOptions::Mode::LOAD_VOICE ? options.voice_port() : options.port)
+      _sender(options.mode == SimOptions::Mode::LOAD_VOICE ? options.voice_port() : options.port),
+      _sound(SOUND_SIZE, PCMU_SILENCE)
 {
-    const bool voice = _options.mode == SimOptions::Mode::LOAD_VOICE;
-    if (_options.fields == 0)
-        _options.fields = _options.mode == SimOptions::Mode::LOAD_EOS ? EOS_FIELDS : SESSION_FIELDS;
-    if (_options.size == 0)
-        _options.size = voice ? RTP_PACKET_SIZE : REPORT_SIZE;
-    if (voice)
-        _sound.assign(_options.size - VoiceRecord::RTP_HEADER_SIZE, PCMU_SILENCE);
 }
 
 bool LoadGenerator::run()
@@ -119,18 +117,17 @@ void LoadGenerator::send_report(std::uint32_t number)
 {
     const bool eos = _options.mode == SimOptions::Mode::LOAD_EOS;
     char name[16];
-    const int name_length =
-        std::snprintf(name, sizeof name, "%0*" PRIu32, LOAD_NAME_DIGITS, number);
+    const int name_length = std::snprintf(name, sizeof name, "%0*" PRIu32, NAME_DIGITS, number);
 
     ReportText report;
     report.add("TYPE", eos ? "QOS_EOS_NEAREND" : "QOS_NEAREND");
     report.add("SSRC", static_cast<long>(number));
     report.add("RTCP_CNAME", std::string_view(name, static_cast<std::size_t>(name_length)));
     report.add_time("TIME_STAMP", Clock::now());
-    for (unsigned i = 0; i < _options.fields - OTHER_FIELDS; i++)
+    for (std::size_t i = 0; i < (eos ? std::size(FIELDS) : SESSION_FIELDS); i++)
         report.add(FIELDS[i].key, FIELDS[i].value);
     report.add("RTT_MIN", 20);
-    report.pad_last_number(_options.size);
+    report.pad_last_number(REPORT_SIZE);
     _sender.send(report.text());
 }
 
@@ -148,8 +145,8 @@ void LoadGenerator::send_voice_record(std::uint32_t number)
                                 .destination_port = RTP_PORT,
                                 .captured = Clock::now(),
                                 .sequence = static_cast<std::uint16_t>(number),
-                                .timestamp = number * LOAD_SAMPLES_PER_PACKET,
-                                .ssrc = LOAD_SSRC};
+                                .timestamp = number * SAMPLES_PER_PACKET,
+                                .ssrc = SSRC};
     _datagram.clear();
     record.append_to(_datagram, _sound);
     _sender.send(_datagram);

@@ -2,11 +2,12 @@
 
 #include <getopt.h>
 
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+
+#include "tools/common/numbers.h"
 
 namespace {
 
@@ -18,19 +19,21 @@ Plays a telephony unit on loopback: sends QoS reports and voice records to a vox
 
   --port N        port for QoS reports; voice records go to N + 1 (49999)
   --help          print this text
+  --version       print the version
 
-Telephony mode: a number of calls, reported in both directions, one of them bad for a while.
+Telephony mode: a number of calls, reported in both directions, some of them bad for a while.
 Time runs faster than in reality and ends about now.
 
-  --calls N       number of calls (6)
+  --calls N       number of calls, up to 1000 (6)
+  --bad N         how many of them are bad for a while (1)
   --duration S    simulated seconds (300)
   --interval S    simulated seconds between the reports of a direction (5)
   --speed F       simulated seconds per second (60)
   --seed N        seed of the random variation (1)
 
-Load mode: numbered datagrams, so that each can be found again. A report
-carries its number as SSRC and, with five digits or more, as RTCP name; a voice record as the
-first four bytes behind its RTP header.
+Load mode: numbered datagrams, so that each can be found again. A report carries its number as
+SSRC and, with five digits or more, as RTCP name; a voice record carries it as the first four
+bytes behind its RTP header.
 
   --load KIND     reports (session reports), eos (end-of-session reports) or voice (one record
                   in a datagram)
@@ -38,40 +41,11 @@ first four bytes behind its RTP header.
   --count N       number of datagrams (1000)
   --rate N        datagrams a second, 0 for as fast as possible (0)
   --burst N       datagrams sent back to back (1)
-  --size BYTES    length of a report (500), or of a voice record's RTP packet (160); a report
-                  that is longer without padding is left as it is
-  --fields N      key lines in a report, 6 to 25 (17; 25 in an end-of-session report)
+
+The exit status is 0 when all was sent, 1 when not, 2 for a wrong command line.
 )";
 
 constexpr std::uint32_t NO_LIMIT = std::numeric_limits<std::uint32_t>::max();
-
-constexpr std::uint32_t MAX_DATAGRAM = 32767;  // the daemon's buffer takes no more
-constexpr std::uint32_t VOICE_RECORD_HEADER = 24;
-
-// The smallest and the largest value that an option takes.
-struct Range {
-    std::uint32_t least, most;
-};
-
-// Stores the number if the text is one and lies in the range.
-template <typename Number>
-bool read_number(const char* text, Range range, Number& number)
-{
-    std::uint32_t value = 0;
-    const char* const end = text + std::strlen(text);
-    const auto [stop, error] = std::from_chars(text, end, value);
-    if (error != std::errc() || stop != end || value < range.least || value > range.most)
-        return false;
-    number = static_cast<Number>(value);
-    return true;
-}
-
-bool read_speed(const char* text, double& speed)
-{
-    const char* const end = text + std::strlen(text);
-    const auto [stop, error] = std::from_chars(text, end, speed);
-    return error == std::errc() && stop == end && speed >= 0.1 && speed <= 10000;
-}
 
 bool read_load_kind(const char* text, SimOptions::Mode& mode)
 {
@@ -88,8 +62,10 @@ bool read_load_kind(const char* text, SimOptions::Mode& mode)
 
 const option LONG_OPTIONS[] = {
     {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'v'},
     {"port", required_argument, nullptr, 'p'},
     {"calls", required_argument, nullptr, 'c'},
+    {"bad", required_argument, nullptr, 'a'},
     {"duration", required_argument, nullptr, 'd'},
     {"interval", required_argument, nullptr, 'i'},
     {"speed", required_argument, nullptr, 'x'},
@@ -99,8 +75,6 @@ const option LONG_OPTIONS[] = {
     {"count", required_argument, nullptr, 'n'},
     {"rate", required_argument, nullptr, 'r'},
     {"burst", required_argument, nullptr, 'b'},
-    {"size", required_argument, nullptr, 's'},
-    {"fields", required_argument, nullptr, 'k'},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -108,31 +82,29 @@ bool store(SimOptions& options, int option, const char* text)
 {
     switch (option) {
     case 'p':
-        return read_number(text, {1, 65534}, options.port);
+        return to_number<std::uint16_t>(text, options.port, 1, 65534);
     case 'c':
-        return read_number(text, {1, 200}, options.calls);
+        return to_number(text, options.calls, 1U, 1000U);
+    case 'a':
+        return to_number(text, options.bad, 0U, 1000U);
     case 'd':
-        return read_number(text, {1, 86400}, options.duration_s);
+        return to_number(text, options.duration_s, 1U, 86400U);
     case 'i':
-        return read_number(text, {1, 3600}, options.interval_s);
+        return to_number(text, options.interval_s, 1U, 3600U);
     case 'x':
-        return read_speed(text, options.speed);
+        return to_number(text, options.speed, 0.1, 10000.0);
     case 'e':
-        return read_number(text, {0, NO_LIMIT}, options.seed);
+        return to_number(text, options.seed);
     case 'l':
         return read_load_kind(text, options.mode);
     case 'f':
-        return read_number(text, {0, NO_LIMIT}, options.first);
+        return to_number(text, options.first);
     case 'n':
-        return read_number(text, {1, NO_LIMIT}, options.count);
+        return to_number(text, options.count, 1U);
     case 'r':
-        return read_number(text, {0, NO_LIMIT}, options.rate);
+        return to_number(text, options.rate);
     case 'b':
-        return read_number(text, {1, NO_LIMIT}, options.burst);
-    case 's':
-        return read_number(text, {16, MAX_DATAGRAM - VOICE_RECORD_HEADER}, options.size);
-    case 'k':
-        return read_number(text, {6, 25}, options.fields);
+        return to_number(text, options.burst, 1U);
     default:
         return false;
     }
@@ -148,6 +120,10 @@ std::optional<SimOptions> SimOptions::parse(int argc, char** argv)
     while ((option = getopt_long(argc, argv, "", LONG_OPTIONS, &index)) != -1) {
         if (option == 'h') {
             std::fputs(USAGE, stdout);
+            std::exit(0);
+        }
+        if (option == 'v') {
+            std::puts("voxstat-sim " VOXSTAT_VERSION);
             std::exit(0);
         }
         if (option == '?')  // getopt_long has said why

@@ -12,6 +12,7 @@ struct SimOptions {
 
     // Telephony mode; times are simulated ones.
     unsigned calls = 6;
+    unsigned bad = 1;  // so many of the calls are bad for a while
     unsigned duration_s = 300;
     unsigned interval_s = 5;
     double speed = 60;  // simulated seconds per second
@@ -22,12 +23,10 @@ struct SimOptions {
     std::uint32_t count = 1000;
     std::uint32_t rate = 0;   // datagrams a second; 0 means unpaced
     std::uint32_t burst = 1;  // datagrams sent back to back
-    std::uint32_t size = 0;   // bytes; 0 means the usual size of the kind of load
-    unsigned fields = 0;      // key lines in a report; 0 means the usual ones of its kind
 
     std::uint16_t voice_port() const { return static_cast<std::uint16_t>(port + 1); }
 
     // What the command line asks for; nothing when it is wrong, which is said on standard error.
-    // --help prints the usage text and ends the process.
+    // --help and --version print their text and end the process.
     static std::optional<SimOptions> parse(int argc, char** argv);
 };

@@ -32,7 +32,8 @@ void TelephonyUnit::plan_calls()
 }
 
 // The calls begin in the first third of the time and end, one after the other, in the last third.
-// The middle one is troubled for half of the time that all calls share.
+// The bad ones lie as evenly among them as can be and are bad for half of the time that all calls
+// share.
 CallPlan TelephonyUnit::plan_call(unsigned number)
 {
     const SimTime third = _duration / 3;
@@ -42,12 +43,21 @@ CallPlan TelephonyUnit::plan_call(unsigned number)
                      .interval = std::chrono::seconds(_options.interval_s),
                      .silence = number % SILENT_CALL == 0 ? SILENCE : SimTime::zero(),
                      .trouble = {}};
-    if (number == _options.calls / 2) {
+    if (is_bad(number)) {
         const double duration_s = std::chrono::duration<double>(_duration).count();
         plan.trouble = {
             .begin_s = duration_s * 5 / 12, .end_s = duration_s * 8 / 12, .severity = 1};
     }
     return plan;
+}
+
+// Of 6 calls with 1 bad one it is number 3, from 0 on; with 2 bad ones, 1 and 4.
+bool TelephonyUnit::is_bad(unsigned number) const
+{
+    const auto bad_before = [this](unsigned calls) {
+        return (2 * _options.bad * calls + _options.calls - 1) / (2 * _options.calls);
+    };
+    return bad_before(number + 1) > bad_before(number);
 }
 
 bool TelephonyUnit::run()

@@ -21,6 +21,7 @@ public:
 private:
     void plan_calls();
     CallPlan plan_call(unsigned number);
+    bool is_bad(unsigned number) const;
     void play();
     void send_reports(Call& call, SimTime now);
     void send_silence(Call& call, SimTime now);
