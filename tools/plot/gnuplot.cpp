@@ -23,7 +23,8 @@ int start_gnuplot(pid_t& child, int& script_fd)
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
     char name[] = "gnuplot";
-    char* arguments[] = {name, nullptr};
+    char no_start_up_files[] = "-d";  // the caller's own settings could change the picture
+    char* arguments[] = {name, no_start_up_files, nullptr};
     const int error = posix_spawnp(&child, name, &actions, nullptr, arguments, environ);
     posix_spawn_file_actions_destroy(&actions);
     close(ends[0]);
@@ -64,7 +65,9 @@ bool run_gnuplot(std::string_view script)
     pid_t child = 0;
     int script_fd = -1;
     if (const int error = start_gnuplot(child, script_fd); error != 0) {
-        (void)std::fprintf(stderr, "gnuplot: %s\n", std::strerror(error));
+        (void)std::fprintf(stderr, "voxstat-plot: cannot start gnuplot: %s%s\n",
+                           std::strerror(error),
+                           error == ENOENT ? "; install gnuplot-nox, or use --list" : "");
         return false;
     }
     const bool all_written = write_all(script_fd, script);

@@ -3,78 +3,69 @@
 #include <algorithm>
 #include <array>
 #include <iomanip>
-#include <map>
 #include <sstream>
-#include <utility>
 
 #include "tools/plot/gnuplot.h"
 
-// One of the three diagrams, one below the other.
+// One of the diagrams, one below the other.
 struct SessionPlot::Panel {
-    const char* title;
-    const char* unit;
-    double StatisticsLine::*value;
-    double QualityPeaks::*peak;
+    std::string title, unit;
+    int decimals;
+    double (*value)(const StatisticsLine&);
     int column;  // of the data blocks
-    double top;  // as a part of the canvas
-    bool first, last;
+    std::string range;
+    double threshold;  // 0 if there is none
+    bool lowest_is_worst;
 };
 
 namespace {
 
-constexpr double PANEL_HEIGHT = 0.255;
-constexpr double LEFT = 0.065, RIGHT = 0.79;
+constexpr int TOP_PIXELS = 105, PANEL_PIXELS = 215, GAP_PIXELS = 16, BOTTOM_PIXELS = 90;
+constexpr int MOST_TICS = 7;
+constexpr double LEFT = 0.075, RIGHT = 0.785;  // parts of the width
 
-// The worst call, and the next ones; all others are grey.
-constexpr std::array<const char*, 6> COLOURS = {"#d62728", "#1f77b4", "#2ca02c",
-                                                "#9467bd", "#ff7f0e", "#17becf"};
+// Of the worst call, if it is not bad, and of the next ones; all others are grey.
+constexpr std::array<const char*, 6> COLOURS = {PLAIN_COLOUR, "#1f77b4", "#2ca02c",
+                                                "#9467bd",    "#ff7f0e", "#17becf"};
 constexpr const char* GREY = "#b8b8b8";
+constexpr const char* THRESHOLD_STYLE = " with lines lw 1 dt (3,5) lc rgb '#555555'";
 
-bool is_near_end(const StatisticsLine& line)
+double loss_of(const StatisticsLine& report)
 {
-    return line.type == "near_end";
+    return report.loss_percent;
 }
 
-TimeAxis axis_of(const std::vector<StatisticsLine>& lines)
+double jitter_of(const StatisticsLine& report)
 {
-    const auto [first, last] =
-        std::minmax_element(lines.begin(), lines.end(),
-                            [](const auto& a, const auto& b) { return a.time_s < b.time_s; });
-    return {lines.front(), first->time_s, last->time_s};
+    return report.jitter;
 }
 
-// How the call of this rank is drawn; the first one is the worst.
-std::string style_of(std::size_t rank)
+double round_trip_of(const StatisticsLine& report)
 {
-    return (rank == 0 ? " lw 2.5 lc rgb '" : " lw 1.2 lc rgb '") + std::string(COLOURS[rank]) + "'";
+    return report.round_trip;
+}
+
+double score_of(const StatisticsLine& report)
+{
+    return opinion_score(report.rating);
+}
+
+// From 0, with room for a text above the highest value and above the threshold.
+std::string range_for(double highest, double threshold)
+{
+    constexpr double LONG_NUMBER = 100000;  // whose tics need a letter like "M" to be short
+    std::ostringstream range;
+    range << "[0:" << std::max(1.25 * highest, 1.1 * threshold) << "]\nset ytics autofreq format '"
+          << (highest < LONG_NUMBER ? "%h" : "%.1s%c") << "'";
+    return range.str();
 }
 
 }  // namespace
 
-SessionPlot::SessionPlot(const std::vector<StatisticsLine>& lines) : _axis(axis_of(lines))
+SessionPlot::SessionPlot(const std::vector<Call>& calls, const Caption& caption)
+    : _calls(calls), _caption(caption), _axis(calls)
 {
-    collect_calls(lines);
     find_longest_gap();
-}
-
-void SessionPlot::collect_calls(const std::vector<StatisticsLine>& lines)
-{
-    std::map<std::pair<std::string, std::string>, Call> calls;
-    for (const StatisticsLine& line : lines) {
-        Call& call = calls[{line.gcid, line.tid}];
-        (is_near_end(line) ? call.near_end : call.far_end).push_back(&line);
-        call.peaks.take(line);
-        _highest.take(line);
-    }
-    const auto earlier = [](const auto* a, const auto* b) { return a->time_s < b->time_s; };
-    for (auto& [identity, call] : calls) {
-        std::stable_sort(call.near_end.begin(), call.near_end.end(), earlier);
-        std::stable_sort(call.far_end.begin(), call.far_end.end(), earlier);
-        _calls.push_back(std::move(call));
-    }
-    std::stable_sort(_calls.begin(), _calls.end(), [this](const Call& a, const Call& b) {
-        return a.peaks.severity(_highest) > b.peaks.severity(_highest);
-    });
 }
 
 // Three times the usual interval between reports.
@@ -82,9 +73,9 @@ void SessionPlot::find_longest_gap()
 {
     std::vector<double> gaps;
     for (const Call& call : _calls)
-        for (const Samples* samples : {&call.near_end, &call.far_end})
-            for (std::size_t i = 1; i < samples->size(); i++)
-                gaps.push_back((*samples)[i]->time_s - (*samples)[i - 1]->time_s);
+        for (const Call::Reports* reports : {&call.near_end, &call.far_end})
+            for (std::size_t i = 1; i < reports->size(); i++)
+                gaps.push_back((*reports)[i]->time_s - (*reports)[i - 1]->time_s);
     if (gaps.empty())
         return;
     const auto middle = gaps.begin() + static_cast<std::ptrdiff_t>(gaps.size() / 2);
@@ -92,34 +83,58 @@ void SessionPlot::find_longest_gap()
     _longest_gap_s = 3 * *middle;
 }
 
-std::string SessionPlot::gnuplot_script(const std::string& title) const
+std::vector<SessionPlot::Panel> SessionPlot::panels() const
 {
-    static const std::array<Panel, 3> panels = {{
-        {"Loss, %", " %", &StatisticsLine::loss_percent, &QualityPeaks::loss_percent, 2, 0.90, true,
-         false},
-        {"Jitter", "", &StatisticsLine::jitter, &QualityPeaks::jitter, 3, 0.61, false, false},
-        {"Round-trip time", "", &StatisticsLine::round_trip, &QualityPeaks::round_trip, 4, 0.32,
-         false, true},
-    }};
-    std::string script = data_blocks();
-    script += "set multiplot\n" + titles(title) + _axis.gnuplot_script();
-    for (const Panel& each : panels)
-        script += diagram(each);
+    Quality worst;
+    for (const Call& call : _calls)
+        for (const StatisticsLine* report : call.reports())
+            worst.take(*report);
+    const Thresholds& limits = _caption.thresholds;
+    const std::string unit = _caption.unit(), axis_unit = _caption.axis_unit();
+    std::vector<Panel> panels = {
+        {"Loss, %", " %", 1, loss_of, 2, range_for(worst.loss_percent, limits.loss_percent),
+         limits.loss_percent, false},
+        {"Jitter" + axis_unit, unit, 0, jitter_of, 3, range_for(worst.jitter, limits.jitter),
+         limits.jitter, false},
+        {"Round trip" + axis_unit, unit, 0, round_trip_of, 4,
+         range_for(worst.round_trip, limits.round_trip), limits.round_trip, false}};
+    if (_caption.in_ms)  // the room below 1, which no score is, is for a text
+        panels.push_back({"MOS, estimated", "", 1, score_of, 5,
+                          "[0.4:4.7]\nset ytics 1,1,4 format '%h'", 0, true});
+    return panels;
+}
+
+int SessionPlot::height() const
+{
+    const int count = static_cast<int>(panels().size());
+    return TOP_PIXELS + count * PANEL_PIXELS + (count - 1) * GAP_PIXELS + BOTTOM_PIXELS;
+}
+
+std::string SessionPlot::gnuplot_script() const
+{
+    const std::vector<Panel> all = panels();
+    std::string script = data_blocks() + "set multiplot\n" + titles();
+    int top = TOP_PIXELS;
+    for (const Panel& each : all) {
+        script += diagram(each, top, &each == &all.back());
+        top += PANEL_PIXELS + GAP_PIXELS;
+    }
     return script + "unset multiplot\n";
 }
 
-// Lines of time, loss, jitter and round-trip time; an empty line breaks the curve.
-std::string SessionPlot::rows(const Samples& samples) const
+// Lines of time, loss, jitter, round-trip time and score; an empty line breaks the curve.
+std::string SessionPlot::rows(const Call::Reports& reports) const
 {
     std::ostringstream text;
     text << std::fixed << std::setprecision(3);
-    double previous_s = samples.empty() ? 0 : samples.front()->time_s;
-    for (const StatisticsLine* sample : samples) {
-        if (sample->time_s - previous_s > _longest_gap_s)
+    double previous_s = reports.empty() ? 0 : reports.front()->time_s;
+    for (const StatisticsLine* report : reports) {
+        if (report->time_s - previous_s > _longest_gap_s)
             text << "\n";
-        previous_s = sample->time_s;
-        text << _axis.place_of(sample->time_s) << " " << sample->loss_percent << " "
-             << sample->jitter << " " << sample->round_trip << "\n";
+        previous_s = report->time_s;
+        text << _axis.place_of(report->time_s) << " " << loss_of(*report) << " "
+             << jitter_of(*report) << " " << round_trip_of(*report) << " " << score_of(*report)
+             << "\n";
     }
     return text.str();
 }
@@ -143,83 +158,101 @@ std::string SessionPlot::data_blocks() const
     return blocks.str();
 }
 
-std::string SessionPlot::titles(const std::string& title) const
+std::string SessionPlot::titles() const
 {
     const Call& worst = _calls.front();
-    const StatisticsLine& line = any_line(worst);
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(1) << "worst call: " << line.gcid << "  " << line.tid
-         << "  to " << line.far_end << ", loss up to " << worst.peaks.loss_percent
-         << " %, jitter up to " << std::setprecision(0) << worst.peaks.jitter
-         << ", round trip up to " << worst.peaks.round_trip;
-    std::ostringstream script;
-    script << "set label 1 " << gnuplot_string(title + "   " + _axis.span_text()) << " at screen "
-           << LEFT << ",0.965 font ',14'\n"
-           << "set label 2 " << gnuplot_string(text.str()) << " at screen " << LEFT
-           << ",0.93 textcolor rgb '" << COLOURS[0] << "'\n";
-    return script.str();
+    const Quality& quality = worst.quality;
+    const StatisticsLine& report = worst.any_report();
+    std::string text = "worst call: " + report.gcid + "  " + report.tid + "  to " + report.far_end +
+                       ", loss up to " + figure(quality.loss_percent, 1) + " %, jitter up to " +
+                       figure(quality.jitter) + _caption.unit() + ", round trip up to " +
+                       figure(quality.round_trip) + _caption.unit();
+    if (_caption.in_ms)
+        text += ", R down to " + figure(quality.rating, 1);
+    const auto line = [this](const std::string& words, int pixels, const std::string& look) {
+        return "set label " + gnuplot_string(words) + " at screen " + std::to_string(LEFT) + "," +
+               std::to_string(1 - static_cast<double>(pixels) / height()) + look + "\n";
+    };
+    return line(_caption.title + "   " + _axis.span_text(), 30, " font ',14'") +
+           line(text, 60,
+                " textcolor rgb '" + std::string(worst.is_bad() ? BAD_COLOUR : PLAIN_COLOUR) +
+                    "'") +
+           line(bad_calls_text(_calls, _caption.thresholds, _caption.unit()), 84, "") +
+           line(_caption.left_out, height() - 14, "");
 }
 
-std::string SessionPlot::diagram(const Panel& panel) const
+std::string SessionPlot::diagram(const Panel& panel, int top, bool last) const
 {
+    const double pixels = height();
+    const bool first = top == TOP_PIXELS;
     std::ostringstream script;
     script << "set lmargin at screen " << LEFT << "\nset rmargin at screen " << RIGHT
-           << "\nset tmargin at screen " << panel.top << "\nset bmargin at screen "
-           << panel.top - PANEL_HEIGHT << "\nset grid\nset ylabel " << gnuplot_string(panel.title)
-           << "\nset yrange [0:" << std::max(1.0, 1.25 * _highest.*panel.peak) << "]\n";
-    if (panel.first)
-        script << "set key at screen " << RIGHT + 0.015 << "," << panel.top
+           << "\nset tmargin at screen " << 1 - top / pixels << "\nset bmargin at screen "
+           << 1 - (top + PANEL_PIXELS) / pixels << "\nset grid\nset ylabel "
+           << gnuplot_string(panel.title) << "\nset yrange " << panel.range << "\n"
+           << _axis.gnuplot_script(MOST_TICS, last);
+    if (first)
+        script << "set key at screen " << RIGHT + 0.015 << "," << 1 - top / pixels
                << " left top reverse Left samplen 2 title 'worst calls first (GCID TID)' left\n";
     else
         script << "unset key\nunset label\n";
-    script << (panel.last ? "set xlabel 'time of the report'\n" : "");
-    return script.str() + peak_label(panel) + "plot " + key_entries() + curves(panel) + "\n";
+    if (last)
+        script << "set xlabel 'time of the report, " << _axis.zone_text() << "'\n";
+    return script.str() + worst_label(panel) + "plot " + key_entries(panel) + curves(panel) + "\n";
 }
 
-// Marks the highest point of the worst call.
-std::string SessionPlot::peak_label(const Panel& panel) const
+// Marks the worst point of the worst call.
+std::string SessionPlot::worst_label(const Panel& panel) const
 {
-    Samples samples = _calls.front().near_end;
-    samples.insert(samples.end(), _calls.front().far_end.begin(), _calls.front().far_end.end());
-    const StatisticsLine* const highest =
-        *std::max_element(samples.begin(), samples.end(), [&panel](const auto* a, const auto* b) {
-            return a->*panel.value < b->*panel.value;
+    const Call& call = _calls.front();
+    const Call::Reports reports = call.reports();
+    const StatisticsLine* const worst =
+        *std::max_element(reports.begin(), reports.end(), [&panel](const auto* a, const auto* b) {
+            return panel.lowest_is_worst ? panel.value(*a) > panel.value(*b)
+                                         : panel.value(*a) < panel.value(*b);
         });
-    const double place = _axis.place_of(highest->time_s);
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(panel.first ? 1 : 0) << highest->*panel.value
-         << panel.unit << " at " << _axis.clock_text(highest->time_s) << ", " << highest->gcid
-         << " " << highest->type;
+    const double place = _axis.place_of(worst->time_s);
+    const std::string text = figure(panel.value(*worst), panel.decimals) + panel.unit + " at " +
+                             _axis.moment_text(worst->time_s) + ", " + worst->gcid +
+                             (worst->near_end ? " near end" : " far end");
+    const char* const colour = call.is_bad() ? BAD_COLOUR : PLAIN_COLOUR;
     std::ostringstream script;
-    script << std::fixed << std::setprecision(3) << "set label 4 " << gnuplot_string(text.str())
-           << " at first " << place << "," << highest->*panel.value
-           << (place < _axis.middle() ? " left offset 0.8,0.6" : " right offset -0.8,0.6")
-           << " textcolor rgb '" << COLOURS[0] << "' point pt 7 lc rgb '" << COLOURS[0]
-           << "' front\n";
+    script << std::fixed << std::setprecision(3) << "set label 9 " << gnuplot_string(text)
+           << " at first " << place << "," << panel.value(*worst)
+           << (place < _axis.middle() ? " left offset 0.8," : " right offset -0.8,")
+           << (panel.lowest_is_worst ? -0.7 : 0.6) << " textcolor rgb '" << colour
+           << "' point pt 7 lc rgb '" << colour << "' front\n";
     return script.str();
 }
 
-const StatisticsLine& SessionPlot::any_line(const Call& call)
+// How the call of this rank is drawn; the first one is the worst.
+std::string SessionPlot::style_of(std::size_t rank) const
 {
-    return call.near_end.empty() ? *call.far_end.front() : *call.near_end.front();
+    const bool stands_out = rank == 0 && _calls.front().is_bad();
+    return std::string(stands_out ? " lw 2.5" : " lw 1.2") + " lc rgb '" +
+           (stands_out ? BAD_COLOUR : COLOURS[rank]) + "'";
 }
 
 // Curves without points, so that the key has its own order: the worst call, which is drawn last,
 // comes first.
-std::string SessionPlot::key_entries() const
+std::string SessionPlot::key_entries(const Panel& panel) const
 {
     std::string entries;
     const std::size_t coloured = std::min(_calls.size(), COLOURS.size());
     for (std::size_t rank = 0; rank < coloured; rank++) {
-        const StatisticsLine& line = any_line(_calls[rank]);
+        const StatisticsLine& report = _calls[rank].any_report();
         entries += "NaN with lines" + style_of(rank) + " title " +
-                   gnuplot_string(line.gcid + "  " + line.tid) + ", ";
+                   gnuplot_string(report.gcid + "  " + report.tid) + ", ";
     }
     if (_calls.size() > coloured)
         entries += std::string("NaN with lines lc rgb '") + GREY + "' title '" +
                    std::to_string(_calls.size() - coloured) + " more calls', ";
-    return entries + "NaN with lines lc 'black' title 'near end', "
-                     "NaN with lines lc 'black' dt (12,6) title 'far end'";
+    entries += "NaN with lines lc 'black' title 'near end', "
+               "NaN with lines lc 'black' dt (12,6) title 'far end'";
+    if (panel.threshold > 0)
+        entries +=
+            ", " + std::to_string(panel.threshold) + THRESHOLD_STYLE + " title 'bad from here on'";
+    return entries;
 }
 
 // The worst call comes last, over the others.

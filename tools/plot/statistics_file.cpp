@@ -4,8 +4,12 @@ StatisticsFile::StatisticsFile(std::string_view text)
 {
     for (std::size_t number = 1; !text.empty(); number++) {
         const std::size_t line_feed = text.find('\n');
+        if (line_feed == std::string_view::npos) {
+            keep_unread(number, "not complete yet");
+            return;
+        }
         read_line(text.substr(0, line_feed), number);
-        text.remove_prefix(line_feed == std::string_view::npos ? text.size() : line_feed + 1);
+        text.remove_prefix(line_feed + 1);
     }
 }
 
@@ -27,7 +31,7 @@ void StatisticsFile::read_line(std::string_view text, std::size_t number)
     if (line->kind == *_kind)
         _lines.push_back(*std::move(line));
     else
-        keep_unread(number, "belongs into the other kind of file");
+        keep_unread(number, "belongs in the other kind of file");
 }
 
 void StatisticsFile::keep_unread(std::size_t number, const char* reason)

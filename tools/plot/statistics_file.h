@@ -18,10 +18,12 @@ struct UnreadLines {
 class StatisticsFile {
 public:
     // Column headers, wherever they are, are skipped. The first header or, without one, the first
-    // line that can be read decides which kind of file it is.
+    // line that can be read decides which kind of file it is. The daemon may still be writing the
+    // last line: without its line feed it counts as unread.
     explicit StatisticsFile(std::string_view text);
 
-    StatisticsKind kind() const { return _kind.value_or(StatisticsKind::SESSION); }
+    // Nothing when the file has neither a header nor a line that can be read.
+    std::optional<StatisticsKind> kind() const { return _kind; }
     const std::vector<StatisticsLine>& lines() const { return _lines; }
     const std::vector<UnreadLines>& unread() const { return _unread; }
 

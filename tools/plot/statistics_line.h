@@ -5,17 +5,25 @@
 #include <string>
 #include <string_view>
 
+#include "tools/plot/speech_quality.h"
+
 enum class StatisticsKind { SESSION, SUMMARY };
 
 struct StatisticsLine {
     StatisticsKind kind = StatisticsKind::SESSION;
-    double time_s = 0;       // since the epoch
+    double time_s = 0;       // of the report, since the epoch
+    double begin_s = 0;      // of the packets that it is about; a session line does not tell
+    double end_s = 0;        // it, so both are the time of the report there
     long zone_offset_s = 0;  // of the zone that the line is written in
-    std::string gcid, tid, type, far_end;
+    bool near_end = false;   // of the stream: a session line says so, a summary the opposite
+    std::string gcid, tid, far_end;
     double loss_percent = 0;
     double jitter = 0, round_trip = 0;          // averages
-    double jitter_max = 0, round_trip_max = 0;  // 0 in a session line, as the next one
-    double span_s = 0;
+    double jitter_max = 0, round_trip_max = 0;  // 0 in a session line
+    double rating = BEST_RATING;                // for who knows the units of the above
+
+    // False when the report had no time stamp: then it is of 1970.
+    bool is_dated() const;
 
     // Reads a line without its line end. The first five columns have fixed places; behind them any
     // number may push the rest to the right. Nothing when the line cannot be read, with the reason.

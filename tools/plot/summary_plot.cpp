@@ -1,39 +1,24 @@
 #include "tools/plot/summary_plot.h"
 
 #include <algorithm>
-#include <cmath>
 #include <iomanip>
 #include <sstream>
-#include <tuple>
 
 #include "tools/plot/gnuplot.h"
 
 namespace {
 
-constexpr int TOP_PIXELS = 80, BOTTOM_PIXELS = 120;
-constexpr int ROW_PIXELS = 22, LEAST_ROW_PIXELS = 3;
-constexpr int MOST_PIXELS = 3000;
-constexpr std::size_t MOST_LABELLED = 120;  // when all bars have their labels
-constexpr std::size_t WORST_LABELLED = 25;  // when not
-constexpr double LEFT = 0.295, RIGHT = 0.775;
-constexpr const char* WORST_COLOUR = "#d62728";
-constexpr const char* COLOUR = "black";
+constexpr int TOP_PIXELS = 105, BOTTOM_PIXELS = 120;
+constexpr int ROW_PIXELS = 22, LEAST_ROW_PIXELS = 17;
+constexpr int MOST_PIXELS = 1600;
+constexpr std::size_t MOST_CALLS = 40;
+constexpr std::size_t MOST_BARS = (MOST_PIXELS - TOP_PIXELS - BOTTOM_PIXELS) / LEAST_ROW_PIXELS;
+static_assert(MOST_BARS >= 2 * MOST_CALLS);
 
-double begin_of(const StatisticsLine& line)
-{
-    return line.time_s - line.span_s;
-}
-
-TimeAxis axis_of(const std::vector<StatisticsLine>& lines)
-{
-    double begin = begin_of(lines.front());
-    double end = lines.front().time_s;
-    for (const StatisticsLine& line : lines) {
-        begin = std::min(begin, begin_of(line));
-        end = std::max(end, line.time_s);
-    }
-    return {lines.front(), begin, end};
-}
+constexpr int MOST_TICS = 4;
+constexpr double LEFT = 0.295;  // part of the width
+constexpr double CHARACTER_PIXELS = 7.3;
+constexpr int FIGURES = 32, FIGURES_WITH_SCORE = 45;  // characters
 
 // Both keep their columns below each other in a font of one width.
 std::string call_columns(const std::string& gcid, const std::string& tid,
@@ -49,19 +34,15 @@ std::string figure_columns(const std::string& loss, const std::string& jitter,
                            const std::string& round_trip)
 {
     std::ostringstream text;
-    text << std::setw(7) << loss << std::setw(10) << jitter << std::setw(12) << round_trip;
+    text << std::setw(8) << loss << std::setw(12) << jitter << std::setw(12) << round_trip;
     return text.str();
 }
 
-std::string figure_columns(const StatisticsLine& line)
+std::string score_columns(const std::string& rating, const std::string& score)
 {
-    std::ostringstream loss;
-    loss << std::fixed << std::setprecision(1) << line.loss_percent << "%";
-    const auto pair = [](double average, double maximum) {
-        return std::to_string(std::lround(average)) + "/" + std::to_string(std::lround(maximum));
-    };
-    return figure_columns(loss.str(), pair(line.jitter, line.jitter_max),
-                          pair(line.round_trip, line.round_trip_max));
+    std::ostringstream text;
+    text << std::setw(8) << rating << std::setw(5) << score;
+    return text.str();
 }
 
 // A pair of texts to the left and to the right of the bars, at a height in gnuplot's words.
@@ -76,63 +57,57 @@ std::string side_labels(const std::string& call, const std::string& figures,
 
 }  // namespace
 
-SummaryPlot::SummaryPlot(const std::vector<StatisticsLine>& lines) : _axis(axis_of(lines))
+SummaryPlot::SummaryPlot(const std::vector<Call>& calls, const Caption& caption)
+    : _calls(calls), _caption(caption), _axis(calls)
 {
-    QualityPeaks highest;
-    for (const StatisticsLine& line : lines)
-        highest.take(line);
-    for (const StatisticsLine& line : lines) {
-        QualityPeaks peaks;
-        peaks.take(line);
-        _bars.push_back({&line, peaks.severity(highest), false, false});
-    }
-    std::stable_sort(_bars.begin(), _bars.end(), [](const Bar& a, const Bar& b) {
-        return std::tuple(begin_of(*a.line), a.line->gcid, a.line->tid) <
-               std::tuple(begin_of(*b.line), b.line->gcid, b.line->tid);
-    });
-    choose_labelled();
+    choose_bars();
 }
 
-// All bars, if there is room, else the worst ones.
-void SummaryPlot::choose_labelled()
+// Whole calls, but for one that does not fit by itself.
+void SummaryPlot::choose_bars()
 {
-    std::vector<Bar*> order(_bars.size());
-    std::transform(_bars.begin(), _bars.end(), order.begin(), [](Bar& bar) { return &bar; });
-    std::stable_sort(order.begin(), order.end(),
-                     [](const Bar* a, const Bar* b) { return a->severity > b->severity; });
-    order.front()->worst = true;
-    if (order.size() > MOST_LABELLED)
-        order.resize(WORST_LABELLED);
-    for (Bar* bar : order)
-        bar->labelled = true;
+    for (const Call& call : _calls) {
+        const Call::Reports reports = call.reports();
+        if (_shown == MOST_CALLS || (_shown > 0 && _bars.size() + reports.size() > MOST_BARS))
+            break;
+        _bars.insert(_bars.end(), reports.begin(), reports.end());
+        _shown++;
+    }
+    _bars.resize(std::min(_bars.size(), MOST_BARS));
 }
 
 int SummaryPlot::height() const
 {
     const int room = MOST_PIXELS - TOP_PIXELS - BOTTOM_PIXELS;
-    const int bars = static_cast<int>(std::min<std::size_t>(_bars.size(), 100000));
-    const int row = std::clamp(room / bars, LEAST_ROW_PIXELS, ROW_PIXELS);
-    return TOP_PIXELS + BOTTOM_PIXELS + std::min(room, row * std::max(bars, 4));
+    const int rows = std::max(static_cast<int>(_bars.size()), 4);
+    return TOP_PIXELS + BOTTOM_PIXELS + std::min(ROW_PIXELS, room / rows) * rows;
 }
 
-std::string SummaryPlot::gnuplot_script(const std::string& title) const
+// Where the bars end, as a part of the width.
+double SummaryPlot::right() const
+{
+    return 0.985 - (_caption.in_ms ? FIGURES_WITH_SCORE : FIGURES) * CHARACTER_PIXELS / WIDTH;
+}
+
+std::string SummaryPlot::gnuplot_script() const
 {
     const double pixels = height();
     std::ostringstream script;
     script << "$bars << EOD\n"
            << bar_rows() << "EOD\n"
-           << labels(title) << _axis.gnuplot_script() << "set lmargin at screen " << LEFT
-           << "\nset rmargin at screen " << RIGHT << "\nset tmargin at screen "
+           << labels() << _axis.gnuplot_script(MOST_TICS, true) << "set lmargin at screen " << LEFT
+           << "\nset rmargin at screen " << right() << "\nset tmargin at screen "
            << 1 - TOP_PIXELS / pixels << "\nset bmargin at screen " << BOTTOM_PIXELS / pixels
            << "\nset yrange [" << _bars.size()
            << ".5:0.5]\nunset ytics\nunset key\nset grid xtics\n"
-           << "set xlabel 'time'\nset style fill solid 0.9 border rgb '#555555'\n"
+           << "set xlabel 'time from the first packet to the last one, " << _axis.zone_text()
+           << "'\nset style fill solid 0.9 border rgb '#555555'\n"
            // Few listeners hear a loss below one per cent, all are annoyed by more than five.
            << "set palette defined (0 '#4daf4a', 1 '#d9ef8b', 2.5 '#fdae61', 5 '#d62728')\n"
-           << "set cbrange [0:5]\nset cblabel 'loss in per cent, 5 and more in red'\n"
-           << "set colorbox horizontal user origin screen " << RIGHT + 0.01 << ","
-           << 0.5 * BOTTOM_PIXELS / pixels << " size screen " << 0.97 - RIGHT << "," << 14 / pixels
-           << "\nplot $bars using 1:2:3:4:5:6:7 with boxxyerror fc palette\n";
+           << "set cbrange [0:5]\nset cblabel 'loss in %, 5 and more in red'\n"
+           << "set colorbox horizontal user origin screen " << right() + 0.02 << ","
+           << 0.5 * BOTTOM_PIXELS / pixels << " size screen " << 0.95 - right() << ","
+           << 14 / pixels << "\nplot $bars using 1:2:3:4:5:6:7 with boxxyerror fc palette\n";
     return script.str();
 }
 
@@ -142,33 +117,58 @@ std::string SummaryPlot::bar_rows() const
     std::ostringstream rows;
     rows << std::fixed << std::setprecision(3);
     for (std::size_t i = 0; i < _bars.size(); i++) {
-        const StatisticsLine& line = *_bars[i].line;
-        const double begin = _axis.place_of(begin_of(line));
-        const double end = _axis.place_of(line.time_s);
+        const double begin = _axis.place_of(_bars[i]->begin_s);
+        const double end = _axis.place_of(_bars[i]->end_s);
         const auto row = static_cast<double>(i + 1);
         rows << (begin + end) / 2 << " " << row << " " << begin << " " << end << " " << row - 0.38
-             << " " << row + 0.38 << " " << line.loss_percent << "\n";
+             << " " << row + 0.38 << " " << _bars[i]->loss_percent << "\n";
     }
     return rows.str();
 }
 
-std::string SummaryPlot::labels(const std::string& title) const
+std::string SummaryPlot::labels() const
 {
     const double pixels = height();
-    std::ostringstream script;
-    script << "set label " << gnuplot_string(title + "   " + _axis.span_text())
-           << " at screen 0.02, screen " << 1 - 26 / pixels << " font ',14'\n"
-           << side_labels(call_columns("GCID", "TID", "type", "far end"),
-                          figure_columns("loss", "jitter", "round trip"),
-                          "screen " + std::to_string(1 - 64 / pixels), COLOUR);
-    script << "set label 'jitter and round trip: average/maximum' at screen 0.02, screen "
-           << 0.35 * BOTTOM_PIXELS / pixels << "\n";
+    std::string counts = bad_calls_text(_calls, _caption.thresholds, _caption.unit());
+    if (_shown < _calls.size())
+        counts += "; the worst " + std::to_string(_shown) + " are shown, " +
+                  std::to_string(_calls.size() - _shown) + " more are not";
+    const auto line = [pixels](const std::string& words, int top, const char* look) {
+        return "set label " + gnuplot_string(words) + " at screen 0.02, screen " +
+               std::to_string(1 - top / pixels) + look + "\n";
+    };
+    const std::string headings = figure_columns("loss", "jitter", "round trip") +
+                                 (_caption.in_ms ? score_columns("R", "MOS") : "");
+    std::string script = line(_caption.title + "   " + _axis.span_text(), 26, " font ',14'") +
+                         line(counts, 54, "") +
+                         line("jitter and round trip" + _caption.axis_unit() + ": average/maximum",
+                              height() - 40, "") +
+                         line(_caption.left_out, height() - 16, "") +
+                         side_labels(call_columns("GCID", "TID", "stream", "far end"), headings,
+                                     "screen " + std::to_string(1 - 90 / pixels), PLAIN_COLOUR);
     for (std::size_t i = 0; i < _bars.size(); i++) {
-        const StatisticsLine& line = *_bars[i].line;
-        if (_bars[i].labelled)
-            script << side_labels(call_columns(line.gcid, line.tid, line.type, line.far_end),
-                                  figure_columns(line), "first " + std::to_string(i + 1),
-                                  _bars[i].worst ? WORST_COLOUR : COLOUR);
+        const StatisticsLine& report = *_bars[i];
+        Quality quality;
+        quality.take(report);
+        script +=
+            side_labels(call_columns(report.gcid, report.tid,
+                                     report.near_end ? "near end" : "far end", report.far_end),
+                        figures_of(report), "first " + std::to_string(i + 1),
+                        quality.severity(_caption.thresholds) < 1 ? PLAIN_COLOUR : BAD_COLOUR);
     }
-    return script.str();
+    return script;
+}
+
+std::string SummaryPlot::figures_of(const StatisticsLine& report) const
+{
+    const auto pair = [](double average, double maximum) {
+        return figure(average) + "/" + figure(maximum);
+    };
+    std::string figures =
+        figure_columns(figure(report.loss_percent, 1) + "%", pair(report.jitter, report.jitter_max),
+                       pair(report.round_trip, report.round_trip_max));
+    if (!_caption.in_ms)
+        return figures;
+    return figures +
+           score_columns(figure(report.rating, 1), figure(opinion_score(report.rating), 1));
 }

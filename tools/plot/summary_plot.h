@@ -1,38 +1,38 @@
-// Draws a session-summary file: each end-of-session report as a bar over its call's span, coloured
-// by its loss, the figures beside it.
+// Draws session-summary files: each end-of-session report as a bar from its first packet to its
+// last one, coloured by its loss, the figures beside it.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "tools/plot/quality_peaks.h"
-#include "tools/plot/statistics_line.h"
+#include "tools/plot/calls.h"
+#include "tools/plot/caption.h"
 #include "tools/plot/time_axis.h"
 
 class SummaryPlot {
 public:
     static constexpr int WIDTH = 1200;
 
-    // The lines, one at least, must outlive the object.
-    explicit SummaryPlot(const std::vector<StatisticsLine>& lines);
+    // The calls, one at least and the worst one first, and the caption must outlive the object. So
+    // many calls are shown as fit.
+    SummaryPlot(const std::vector<Call>& calls, const Caption& caption);
 
-    // In pixels; grows with the number of bars.
+    // In pixels, 1,600 at most; grows with the number of bars.
     int height() const;
 
     // The gnuplot commands behind those that choose the terminal.
-    std::string gnuplot_script(const std::string& title) const;
+    std::string gnuplot_script() const;
 
 private:
-    struct Bar {
-        const StatisticsLine* line;
-        double severity;
-        bool worst, labelled;
-    };
-
-    void choose_labelled();
+    void choose_bars();
+    double right() const;
     std::string bar_rows() const;
-    std::string labels(const std::string& title) const;
+    std::string labels() const;
+    std::string figures_of(const StatisticsLine& report) const;
 
+    const std::vector<Call>& _calls;
+    const Caption& _caption;
     TimeAxis _axis;
-    std::vector<Bar> _bars;  // in the order of their begin, top first
+    Call::Reports _bars;     // top first
+    std::size_t _shown = 0;  // calls
 };

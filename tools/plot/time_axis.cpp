@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr int MOST_TICS = 10;
 constexpr double MARGIN = 0.01;  // on both sides, as a part of the span
 constexpr double MINUTE = 60, HOUR = 60 * MINUTE, DAY = 24 * HOUR;
 constexpr double TIC_STEPS[] = {
@@ -17,63 +16,79 @@ constexpr double TIC_STEPS[] = {
     2 * MINUTE, 5 * MINUTE, 10 * MINUTE, 15 * MINUTE, 30 * MINUTE, HOUR,    2 * HOUR,
     3 * HOUR,   6 * HOUR,   12 * HOUR,   DAY,         2 * DAY,     7 * DAY, 30 * DAY};
 
-double step_for(double span)
+double step_for(double span, int most_tics)
 {
     const auto* const step = std::find_if(std::begin(TIC_STEPS), std::end(TIC_STEPS),
-                                          [span](double each) { return span / each <= MOST_TICS; });
-    return step != std::end(TIC_STEPS) ? *step : std::ceil(span / MOST_TICS / DAY) * DAY;
+                                          [=](double each) { return span / each <= most_tics; });
+    return step != std::end(TIC_STEPS) ? *step : std::ceil(span / most_tics / DAY) * DAY;
 }
 
-const char* format_for(double step)
+std::string text_of(double place, const char* format)
 {
-    if (step < MINUTE)
-        return "%H:%M:%S";
-    return step < DAY ? "%H:%M" : "%b-%d";
-}
-
-}  // namespace
-
-TimeAxis::TimeAxis(const StatisticsLine& line, double begin_s, double end_s)
-    : _zone_offset_s(static_cast<double>(line.zone_offset_s)), _begin(place_of(begin_s)),
-      _end(place_of(end_s))
-{
-}
-
-std::string TimeAxis::text_of(double place, const char* format) const
-{
-    const auto seconds = static_cast<std::time_t>(place);
+    const auto seconds = static_cast<std::time_t>(std::floor(place));
     std::tm calendar{};
     gmtime_r(&seconds, &calendar);
     char text[64];
     return {text, std::strftime(text, sizeof text, format, &calendar)};
 }
 
-std::string TimeAxis::clock_text(double time_s) const
+}  // namespace
+
+TimeAxis::TimeAxis(const std::vector<Call>& calls)
+    : _zone_offset_s(static_cast<double>(calls.front().any_report().zone_offset_s)),
+      _begin(place_of(calls.front().any_report().begin_s)), _end(_begin)
 {
-    return text_of(place_of(time_s), "%H:%M:%S");
+    for (const Call& call : calls)
+        for (const StatisticsLine* report : call.reports()) {
+            _begin = std::min(_begin, place_of(report->begin_s));
+            _end = std::max({_end, place_of(report->time_s), place_of(report->end_s)});
+        }
+}
+
+bool TimeAxis::is_one_day() const
+{
+    return std::floor(_begin / DAY) == std::floor(_end / DAY);
+}
+
+std::string TimeAxis::moment_text(double time_s) const
+{
+    return text_of(place_of(time_s), is_one_day() ? "%H:%M:%S" : "%Y-%b-%d %H:%M:%S");
+}
+
+std::string TimeAxis::zone_text() const
+{
+    const long minutes = std::labs(std::lround(_zone_offset_s / MINUTE));
+    std::ostringstream text;
+    text << (_zone_offset_s < 0 ? '-' : '+') << std::setfill('0') << std::setw(2) << minutes / 60
+         << std::setw(2) << minutes % 60;
+    return text.str();
 }
 
 std::string TimeAxis::span_text() const
 {
-    const bool one_day = std::floor(_begin / DAY) == std::floor(_end / DAY);
-    const long zone_minutes = std::labs(std::lround(_zone_offset_s / MINUTE));
-    std::ostringstream text;
-    text << text_of(_begin, "%Y-%b-%d %H:%M:%S to ")
-         << text_of(_end, one_day ? "%H:%M:%S " : "%Y-%b-%d %H:%M:%S ")
-         << (_zone_offset_s < 0 ? '-' : '+') << std::setfill('0') << std::setw(2)
-         << zone_minutes / 60 << std::setw(2) << zone_minutes % 60;
-    return text.str();
+    return text_of(_begin, "%Y-%b-%d %H:%M:%S to ") +
+           text_of(_end, is_one_day() ? "%H:%M:%S " : "%Y-%b-%d %H:%M:%S ") + zone_text();
 }
 
-std::string TimeAxis::gnuplot_script() const
+std::string TimeAxis::gnuplot_script(int most_tics, bool with_texts) const
 {
     const double margin = std::fmax(0.5, (_end - _begin) * MARGIN);
     const double begin = _begin - margin;
     const double end = _end + margin;
-    const double step = step_for(end - begin);
+    const double step = step_for(end - begin, most_tics);
+    std::string format = step < MINUTE ? "%H:%M:%S" : "%H:%M";
+    if (step >= DAY)
+        format = "%Y-%b-%d";
+    else if (!is_one_day())
+        format += "\\n%Y-%b-%d";
     std::ostringstream script;
     script << std::fixed << std::setprecision(3) << "set xrange [" << begin << ":" << end
-           << "]\nset xtics time format '" << format_for(step) << "' "
+           << "]\nset xtics time format \"" << (with_texts ? format : "") << "\" "
            << std::ceil(begin / step) * step << "," << step << "\n";
     return script.str();
+}
+
+std::string date_text(double time_s, double zone_offset_s)
+{
+    return text_of(time_s + zone_offset_s, "%Y-%b-%d %H:%M:%S");
 }

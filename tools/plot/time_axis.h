@@ -2,27 +2,33 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
-#include "tools/plot/statistics_line.h"
+#include "tools/plot/calls.h"
 
 class TimeAxis {
 public:
-    // The zone is that of the line; begin and end are seconds since the epoch.
-    TimeAxis(const StatisticsLine& line, double begin_s, double end_s);
+    // From the first begin to the last end of the calls, one at least; the zone is that of the
+    // first.
+    explicit TimeAxis(const std::vector<Call>& calls);
 
     // A point of time as gnuplot is to draw it: its clock knows no zones.
     double place_of(double time_s) const { return time_s + _zone_offset_s; }
     double middle() const { return (_begin + _end) / 2; }
 
-    std::string clock_text(double time_s) const;  // "22:13:20"
-    std::string span_text() const;                // "2023-Nov-14 22:13:20 to 22:18:20 +0000"
+    std::string moment_text(double time_s) const;  // "22:13:20", with its day if there are several
+    std::string zone_text() const;                 // "+0000"
+    std::string span_text() const;                 // "2023-Nov-14 22:13:20 to 22:18:20 +0000"
 
-    // Range and tics, at round times.
-    std::string gnuplot_script() const;
+    // Range and tics, at round times, for the plots that follow. Without texts the tics are bare.
+    std::string gnuplot_script(int most_tics, bool with_texts) const;
 
 private:
-    std::string text_of(double place, const char* format) const;
+    bool is_one_day() const;
 
     double _zone_offset_s;
     double _begin, _end;  // places
 };
+
+// "2023-Nov-14 22:13:20", of seconds since the epoch in the zone.
+std::string date_text(double time_s, double zone_offset_s);

@@ -1,99 +1,130 @@
-// voxstat-plot: draws a statistics or session-summary file, so that a bad call is seen at a glance.
+// voxstat-plot: draws statistics and session-summary files, so that a bad call is seen at a glance.
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "tools/plot/call_table.h"
+#include "tools/plot/calls.h"
+#include "tools/plot/caption.h"
 #include "tools/plot/file_bytes.h"
 #include "tools/plot/gnuplot.h"
+#include "tools/plot/plot_options.h"
 #include "tools/plot/session_plot.h"
 #include "tools/plot/statistics_file.h"
 #include "tools/plot/summary_plot.h"
 
 namespace {
 
-constexpr const char* USAGE =
-    R"(Usage: voxstat-plot FILE.txt [-o OUT.png|OUT.svg]
-
-Draws a statistics file (loss, jitter and round-trip time over time, a line for each direction of
-each call) or a session-summary file (the calls as bars over their span). Without -o the picture
-goes beside the file, its extension replaced by .png. Needs gnuplot.
-
-Lines that cannot be read are named on standard error. The exit status is 0 when there is a
-picture, 1 when not, 2 for a wrong command line.
-)";
-
-struct Options {
-    std::string input, output;
+// What is looked at of all files.
+struct Reports {
+    std::optional<StatisticsKind> kind;
+    std::vector<StatisticsLine> lines;
+    std::size_t undated = 0;  // left out
 };
 
-std::optional<Options> parse(int argc, char** argv)
+const char* name_of(StatisticsKind kind)
 {
-    Options options;
-    for (int i = 1; i < argc; i++) {
-        if (std::strcmp(argv[i], "-o") == 0 && i + 1 < argc)
-            options.output = argv[++i];
-        else if (argv[i][0] != '-' && options.input.empty())
-            options.input = argv[i];
-        else
-            return std::nullopt;
-    }
-    if (options.input.empty())
-        return std::nullopt;
-    if (options.output.empty()) {
-        const bool has_extension = options.input.ends_with(".txt");
-        options.output =
-            options.input.substr(0, options.input.size() - (has_extension ? 4 : 0)) + ".png";
-    }
-    return options;
-}
-
-std::string base_name(const std::string& path)
-{
-    return path.substr(path.rfind('/') + 1);
+    return kind == StatisticsKind::SESSION ? "session reports" : "end-of-session reports";
 }
 
 void report_unread(const std::string& file_name, const StatisticsFile& file)
 {
     for (const UnreadLines& lines : file.unread()) {
-        if (lines.first == lines.last)
-            (void)std::fprintf(stderr, "%s: cannot read line %zu: %s\n", file_name.c_str(),
-                               lines.first, lines.reason.c_str());
-        else
-            (void)std::fprintf(stderr, "%s: cannot read lines %zu to %zu: %s\n", file_name.c_str(),
-                               lines.first, lines.last, lines.reason.c_str());
+        std::string where = file_name + ":" + std::to_string(lines.first);
+        if (lines.last != lines.first)
+            where += "-" + std::to_string(lines.last);
+        (void)std::fprintf(stderr, "%s: cannot be read: %s\n", where.c_str(), lines.reason.c_str());
     }
 }
 
-std::string script_for(const StatisticsFile& file, const Options& options)
+void take_file(const std::string& name, const PlotOptions& options, Reports& reports)
 {
-    const std::string title = base_name(options.input);
-    if (file.kind() == StatisticsKind::SESSION) {
-        const SessionPlot plot(file.lines());
-        return gnuplot_terminal(options.output, SessionPlot::WIDTH, SessionPlot::HEIGHT) +
-               plot.gnuplot_script(title);
+    const StatisticsFile file(read_file(name));
+    report_unread(name, file);
+    if (!file.kind())
+        return;
+    if (reports.kind && *reports.kind != *file.kind())
+        throw std::runtime_error(name + " has " + name_of(*file.kind()) +
+                                 ", the files before it have " + name_of(*reports.kind) +
+                                 "; give each kind a run of its own");
+    reports.kind = file.kind();
+    for (const StatisticsLine& line : file.lines()) {
+        if (!line.is_dated())
+            reports.undated++;
+        else if (options.chooses(line))
+            reports.lines.push_back(line);
     }
-    const SummaryPlot plot(file.lines());
-    return gnuplot_terminal(options.output, SummaryPlot::WIDTH, plot.height()) +
-           plot.gnuplot_script(title);
 }
 
-bool draw(const Options& options)
+Reports read_reports(const PlotOptions& options)
 {
-    const StatisticsFile file(read_file(options.input));
-    report_unread(options.input, file);
-    if (file.lines().empty()) {
-        (void)std::fprintf(stderr, "%s: no reports to draw\n", options.input.c_str());
+    Reports reports;
+    for (const std::string& name : options.files)
+        take_file(name, options, reports);
+    if (options.in_ms)
+        for (StatisticsLine& line : reports.lines)
+            line.rating =
+                rating(line.loss_percent, line.jitter, line.round_trip, options.concealment);
+    return reports;
+}
+
+Caption caption_for(const PlotOptions& options, const Reports& reports)
+{
+    constexpr std::size_t MOST_CHARACTERS = 50;
+    const std::string& path = options.files.front();
+    std::string title = path.substr(path.rfind('/') + 1);
+    if (title.size() > MOST_CHARACTERS)
+        title.replace(MOST_CHARACTERS, std::string::npos, "...");
+    if (options.files.size() > 1)
+        title += " + " + std::to_string(options.files.size() - 1);
+    Caption caption = {
+        .title = title, .left_out = {}, .thresholds = options.thresholds, .in_ms = options.in_ms};
+    if (reports.undated > 0)
+        caption.left_out =
+            "reports without a time stamp, left out: " + std::to_string(reports.undated);
+    return caption;
+}
+
+// The gnuplot commands of the picture.
+template <typename Plot>
+std::string script_of(const Plot& plot, const std::string& picture)
+{
+    return gnuplot_terminal(picture, Plot::WIDTH, plot.height()) + plot.gnuplot_script();
+}
+
+bool draw(const PlotOptions& options, const Reports& reports, const std::vector<Call>& calls,
+          const Caption& caption)
+{
+    create_file(options.picture);
+    const bool drawn = run_gnuplot(*reports.kind == StatisticsKind::SESSION
+                                       ? script_of(SessionPlot(calls, caption), options.picture)
+                                       : script_of(SummaryPlot(calls, caption), options.picture));
+    if (!drawn) {
+        (void)std::remove(options.picture.c_str());  // it is empty or not whole
         return false;
     }
-    create_file(options.output);
-    if (!run_gnuplot(script_for(file, options)))
+    std::printf("%s: %s: %zu, calls: %zu\n", options.picture.c_str(), name_of(*reports.kind),
+                reports.lines.size(), calls.size());
+    return true;
+}
+
+bool run(const PlotOptions& options)
+{
+    const Reports reports = read_reports(options);
+    const Caption caption = caption_for(options, reports);
+    if (!caption.left_out.empty())
+        (void)std::fprintf(stderr, "voxstat-plot: %s\n", caption.left_out.c_str());
+    if (reports.lines.empty()) {
+        (void)std::fputs("voxstat-plot: no such reports in these files\n", stderr);
         return false;
-    std::printf("%s: %zu %s drawn to %s\n", options.input.c_str(), file.lines().size(),
-                file.kind() == StatisticsKind::SESSION ? "session reports"
-                                                       : "end-of-session reports",
-                options.output.c_str());
+    }
+    const std::vector<Call> calls = worst_first(reports.lines, options.thresholds);
+    if (!options.list)
+        return draw(options, reports, calls, caption);
+    std::fputs(call_table(calls, caption).c_str(), stdout);
     return true;
 }
 
@@ -101,17 +132,11 @@ bool draw(const Options& options)
 
 int main(int argc, char** argv)
 {
-    if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
-        std::fputs(USAGE, stdout);
-        return 0;
-    }
-    const std::optional<Options> options = parse(argc, argv);
-    if (!options || !is_picture_name(options->output)) {
-        (void)std::fputs(USAGE, stderr);
+    const std::optional<PlotOptions> options = PlotOptions::parse(argc, argv);
+    if (!options)
         return 2;
-    }
     try {
-        return draw(*options) ? 0 : 1;
+        return run(*options) ? 0 : 1;
     } catch (const std::exception& error) {
         (void)std::fprintf(stderr, "voxstat-plot: %s\n", error.what());
         return 1;

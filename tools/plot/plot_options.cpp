@@ -1,0 +1,164 @@
+#include "tools/plot/plot_options.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "tools/common/numbers.h"
+#include "tools/plot/gnuplot.h"
+#include "tools/plot/time_text.h"
+
+namespace {
+
+constexpr const char* USAGE =
+    R"(Usage: voxstat-plot [options] FILE...
+
+Draws statistics files (loss, jitter and round-trip time over time, a line for each direction of
+each call) or session-summary files (a bar for each direction of each call). Several files of one
+kind, the live one and its archives, go into one picture. Needs gnuplot.
+
+  -o, --output FILE   picture to draw, .png or .svg (the first file's name with .png, in the
+                      working directory)
+  --list              print a table of the calls, worst first, instead; needs no gnuplot
+  --unit ms           jitter and round trip are reported in milliseconds: name the unit and
+                      estimate the speech quality (E-model: R and MOS)
+  --no-plc            the receivers do not conceal lost packets, for that estimate
+
+  --call GCID         only the reports of this call
+  --from TIME         only reports of TIME or later; TIME is "2026-11-24", "2026-11-24 19:35" or
+                      "2026-11-24 19:35:20", in the time zone of the file
+  --to TIME           only reports of TIME or earlier
+
+  --loss PERCENT      a call with this loss or more is bad (1)
+  --jitter N          the same for the jitter (30)
+  --round-trip N      the same for the round-trip time (300)
+
+  --help              print this text
+  --version           print the version
+
+Lines that cannot be read are named on standard error. The exit status is 0 when there is a
+picture or table, 1 when not, 2 for a wrong command line.
+)";
+
+const option LONG_OPTIONS[] = {
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'v'},
+    {"output", required_argument, nullptr, 'o'},
+    {"list", no_argument, nullptr, 'l'},
+    {"unit", required_argument, nullptr, 'u'},
+    {"no-plc", no_argument, nullptr, 'n'},
+    {"call", required_argument, nullptr, 'c'},
+    {"from", required_argument, nullptr, 'f'},
+    {"to", required_argument, nullptr, 't'},
+    {"loss", required_argument, nullptr, 'p'},
+    {"jitter", required_argument, nullptr, 'j'},
+    {"round-trip", required_argument, nullptr, 'r'},
+    {nullptr, 0, nullptr, 0},
+};
+
+constexpr std::size_t GCID_SIZE = 9;  // the statistics files hold no more of it
+
+bool read_threshold(const char* text, double& threshold)
+{
+    return to_number(text, threshold, 0.001);
+}
+
+bool read_time(const char* text, std::optional<double>& time)
+{
+    time = read_day_and_time(text);
+    return time.has_value();
+}
+
+bool store(PlotOptions& options, int option, const char* text)
+{
+    switch (option) {
+    case 'o':
+        options.picture = text;
+        return is_picture_name(options.picture);
+    case 'l':
+        return options.list = true;
+    case 'u':
+        return options.in_ms = std::strcmp(text, "ms") == 0;
+    case 'n':
+        options.concealment = false;
+        return true;
+    case 'c':
+        options.gcid = std::string(text).substr(0, GCID_SIZE);
+        return true;
+    case 'f':
+        return read_time(text, options.from);
+    case 't':
+        return read_time(text, options.to);
+    case 'p':
+        return read_threshold(text, options.thresholds.loss_percent);
+    case 'j':
+        return read_threshold(text, options.thresholds.jitter);
+    case 'r':
+        return read_threshold(text, options.thresholds.round_trip);
+    default:
+        return false;
+    }
+}
+
+// Beside nothing but the caller's own files: where the statistics are, few may write.
+std::string picture_for(const std::string& file)
+{
+    const std::string name = file.substr(file.rfind('/') + 1);
+    return name.substr(0, name.rfind('.')) + ".png";
+}
+
+const char* name_of(int letter)
+{
+    return std::find_if(std::begin(LONG_OPTIONS), std::end(LONG_OPTIONS),
+                        [letter](const option& each) { return each.val == letter; })
+        ->name;
+}
+
+}  // namespace
+
+std::optional<PlotOptions> PlotOptions::parse(int argc, char** argv)
+{
+    PlotOptions options;
+    int option = 0;
+    while ((option = getopt_long(argc, argv, "o:", LONG_OPTIONS, nullptr)) != -1) {
+        if (option == 'h') {
+            std::fputs(USAGE, stdout);
+            std::exit(0);
+        }
+        if (option == 'v') {
+            std::puts("voxstat-plot " VOXSTAT_VERSION);
+            std::exit(0);
+        }
+        if (option == '?')  // getopt_long has said why
+            return std::nullopt;
+        if (!store(options, option, optarg)) {
+            (void)std::fprintf(stderr, "voxstat-plot: --%s does not take \"%s\"; see --help\n",
+                               name_of(option), optarg);
+            return std::nullopt;
+        }
+    }
+    options.files.assign(argv + optind, argv + argc);
+    if (options.files.empty()) {
+        (void)std::fputs(USAGE, stderr);
+        return std::nullopt;
+    }
+    if (options.list && !options.picture.empty()) {
+        (void)std::fputs("voxstat-plot: --list draws no picture; see --help\n", stderr);
+        return std::nullopt;
+    }
+    if (options.picture.empty())
+        options.picture = picture_for(options.files.front());
+    return options;
+}
+
+bool PlotOptions::chooses(const StatisticsLine& line) const
+{
+    const auto place = [&line](double time_s) {
+        return time_s + static_cast<double>(line.zone_offset_s);
+    };
+    return (gcid.empty() || line.gcid == gcid) && (!from || place(line.end_s) >= *from) &&
+           (!to || place(line.begin_s) <= *to);
+}
