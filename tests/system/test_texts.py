@@ -19,7 +19,7 @@ NO_MESSAGE = re.compile("%|content-type")    # formats, column headers, a header
 def sources():
     for room in ROOMS.split():
         for path in set((ROOT / room).glob("*.*")) - {ROOT / "config/keys.h"}:      # its texts are units
-            code = re.sub(r"^\s*(?://|#include).*|\s//.*|R\"\(.*?\)\"", "", path.read_text(), flags=re.M)
+            code = re.sub(r"//.*|#include.*|R\"\(.*?\)\"|(?:sizeof|throw) \".*?\"", "", path.read_text())
             yield re.sub(r'"\s*\n\s*"', "", code)       # a literal that goes on in the next line
 
 
@@ -36,7 +36,7 @@ def explains(entry, level, expression):
         if part.startswith('"'):
             form += re.escape(words(part).replace(" ", ""))
         else:   # a call may compose more text, a variable stands for one
-            form += ".*" if "(" in part else "(?:PATH|TEXT)?"
+            form += ".*" if "(" in part else "(?:PATH|TEXT|N)?"
     return re.fullmatch(form, entry.replace(" ", ""))
 
 
