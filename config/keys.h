@@ -33,6 +33,13 @@ struct Key {
 
     constexpr bool is_number() const { return kind <= Kind::LEVEL; }
 
+    // The range of a number, as "0 to 4" or "1024 or more".
+    std::string range() const
+    {
+        return std::to_string(min) +
+               (max == INT_MAX ? std::string(" or more") : " to " + std::to_string(max));
+    }
+
     // The value of this key in a file that was read; its default when the file does not have it.
     int number_in(const KeyValueParser& file) const { return file.getIntValue(name, number); }
     std::string text_in(const KeyValueParser& file) const

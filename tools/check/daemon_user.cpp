@@ -1,0 +1,95 @@
+#include "tools/check/daemon_user.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <netinet/in.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+namespace {
+
+constexpr const char* PACKAGE_USER = "voxstat";
+constexpr int MOST_GROUPS = 256;
+
+const passwd* find_user(const std::optional<std::string>& name)
+{
+    if (name)
+        return getpwnam(name->c_str());
+    const passwd* packaged = getpwnam(PACKAGE_USER);
+    return packaged != nullptr ? packaged : getpwuid(geteuid());
+}
+
+}  // namespace
+
+// Takes over the effective identity only, so that root can have its own back.
+class DaemonUser::Being {
+public:
+    explicit Being(const DaemonUser& user) : _changed(geteuid() == 0 && user._uid != 0)
+    {
+        if (!_changed)
+            return;
+        _own_groups.resize(static_cast<std::size_t>(getgroups(0, nullptr)));
+        if (getgroups(static_cast<int>(_own_groups.size()), _own_groups.data()) < 0 ||
+            setgroups(user._groups.size(), user._groups.data()) != 0 || setegid(user._gid) != 0 ||
+            seteuid(user._uid) != 0)
+            throw std::runtime_error("cannot act as the user " + user._name);
+    }
+    ~Being()
+    {
+        if (_changed && (seteuid(0) != 0 || setegid(0) != 0 ||
+                         setgroups(_own_groups.size(), _own_groups.data()) != 0))
+            std::abort();  // going on as a mixture of two users would give wrong findings
+    }
+    Being(const Being&) = delete;
+    Being& operator=(const Being&) = delete;
+
+private:
+    bool _changed;
+    std::vector<gid_t> _own_groups;
+};
+
+DaemonUser::DaemonUser(const std::optional<std::string>& name)
+{
+    const passwd* entry = find_user(name);
+    if (entry == nullptr)
+        throw std::invalid_argument("there is no user " + name.value_or("of this process"));
+    _name = entry->pw_name;
+    _uid = entry->pw_uid;
+    _gid = entry->pw_gid;
+    int count = MOST_GROUPS;
+    _groups.resize(MOST_GROUPS);
+    if (getgrouplist(_name.c_str(), _gid, _groups.data(), &count) < 0)
+        count = MOST_GROUPS;
+    _groups.resize(static_cast<std::size_t>(count));
+}
+
+bool DaemonUser::can_be_asked() const
+{
+    return geteuid() == 0 || geteuid() == _uid;
+}
+
+int DaemonUser::access(const std::string& path, int mode) const
+{
+    const Being being(*this);
+    return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0 ? 0 : errno;
+}
+
+int DaemonUser::bind_udp(unsigned short port) const
+{
+    const Being being(*this);
+    const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    if (sock < 0)
+        return errno;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(port);
+    const int result =
+        bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
+    (void)close(sock);  // nothing was sent or received
+    return result;
+}

@@ -1,0 +1,35 @@
+// The user that the daemon runs as, and what this user may do.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+class DaemonUser {
+public:
+    // The user of that name; without one the package's user, or where there is none the caller.
+    // Throws std::invalid_argument for a name that the machine does not have.
+    explicit DaemonUser(const std::optional<std::string>& name);
+
+    const std::string& name() const { return _name; }
+
+    // Whether this process is that user or may become it. Else it can tell nothing of what the
+    // user may do.
+    bool can_be_asked() const;
+
+    // 0, or the error number of what stands against it. Mode as for access(2).
+    int access(const std::string& path, int mode) const;
+
+    // The same for opening a UDP port on all local IPv4 addresses; the port is closed again.
+    int bind_udp(unsigned short port) const;
+
+private:
+    class Being;  // as long as one lives, this process acts as the user
+
+    std::string _name;
+    uid_t _uid;
+    gid_t _gid;
+    std::vector<gid_t> _groups;
+};

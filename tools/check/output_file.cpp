@@ -1,0 +1,74 @@
+#include "tools/check/output_file.h"
+
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include "config/limits.h"
+#include "tools/check/settings.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::size_t STAMP_LENGTH = sizeof "_2026-01-31_23-59-59" - 1;
+
+std::uint64_t size_of(const std::string& path)
+{
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(path, error);
+    return error ? 0 : size;
+}
+
+}  // namespace
+
+std::vector<std::string> OutputFile::archives() const
+{
+    std::vector<std::string> paths;
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
+        const std::string file = entry.path().filename();
+        if (file.size() < name.size() + STAMP_LENGTH + extension.size() ||
+            !file.starts_with(name) || !file.ends_with(extension))
+            continue;
+        const std::string_view stamp(file.data() + name.size(),
+                                     file.size() - name.size() - extension.size());
+        if (stamp.find_first_not_of("0123456789-_") == std::string_view::npos)
+            paths.push_back(entry.path());
+    }
+    return paths;
+}
+
+std::uint64_t OutputFile::growth() const
+{
+    const std::uint64_t bound = (1 + std::uint64_t{max_archives}) * max_size;
+    std::uint64_t taken = size_of(path());
+    for (const std::string& archive : archives())
+        taken += size_of(archive);
+    return bound > taken ? bound - taken : 0;
+}
+
+std::vector<OutputFile> output_files(const Settings& settings)
+{
+    std::string directory = settings.text(keys::QOS_STAT_DIR);
+    if (!directory.ends_with('/'))
+        directory += '/';
+    const std::size_t line = settings.line(keys::QOS_STAT_DIR);
+    const auto number = [&](const keys::Key& key) {
+        return static_cast<unsigned>(settings.number(key));
+    };
+    std::vector<OutputFile> files = {
+        {directory, settings.text(keys::QOS_FILE_NAME), limits::TEXT_EXTENSION,
+         limits::STAT_FILE_SIZE, limits::STAT_ARCHIVES, line},
+        {directory, settings.text(keys::QOS_FILE_NAME_EOS), limits::TEXT_EXTENSION,
+         limits::SUMMARY_FILE_SIZE, limits::SUMMARY_ARCHIVES, line}};
+    if (settings.number(keys::RTP_LOGGING) != 0)
+        files.push_back({directory, settings.text(keys::RTP_DUMP_FILE_NAME), limits::DUMP_EXTENSION,
+                         number(keys::MAX_FILE_SIZE_RTP), number(keys::MAX_ARCHIVED_FILES_RTP),
+                         line});
+    if (settings.is_set(keys::LOG_FILE))
+        files.push_back({std::string(limits::LOG_DIRECTORY) + '/', settings.text(keys::LOG_FILE),
+                         limits::LOG_EXTENSION, limits::LOG_FILE_SIZE, limits::LOG_ARCHIVES,
+                         settings.line(keys::LOG_FILE)});
+    return files;
+}

@@ -1,0 +1,43 @@
+#include "tools/check/port_check.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "tools/check/daemon_user.h"
+#include "tools/check/findings.h"
+#include "tools/check/settings.h"
+#include "tools/check/udp_socket.h"
+
+namespace {
+
+// The port cannot be opened; the running daemon has a right to it.
+void find_holder(std::uint16_t port, int error, std::size_t line, Findings& findings)
+{
+    const std::optional<UdpSocket> socket = UdpSocket::at(port);
+    const std::optional<Process> owner = socket ? socket->owner() : std::nullopt;
+    if (owner && owner->is_daemon())
+        findings.note(line, "port ", port, " is held by the running daemon, process ", owner->id());
+    else
+        findings.error(line, "port ", port, " cannot be opened: ", std::strerror(error),
+                       owner ? " by " + owner->name() : "",
+                       ", and the daemon would end at once; "
+                       "stop what \"ss -lunp\" shows there, or change qos_port");
+}
+
+}  // namespace
+
+void check_ports(const Settings& settings, const DaemonUser& user, Findings& findings)
+{
+    const std::size_t line = settings.line(keys::QOS_PORT);
+    const auto first = static_cast<std::uint16_t>(settings.number(keys::QOS_PORT));
+    for (const std::uint16_t port : {first, static_cast<std::uint16_t>(first + 1)}) {
+        const int error = user.bind_udp(port);
+        if (error == EACCES)
+            findings.error(line, "port ", port, " is not allowed for the user ", user.name(),
+                           ", and the daemon would end at once; take a port above 1023, or allow "
+                           "it in the unit as its comments say");
+        else if (error != 0)
+            find_holder(port, error, line, findings);
+    }
+}

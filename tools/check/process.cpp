@@ -1,0 +1,99 @@
+#include "tools/check/process.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* DAEMON_NAME = "voxstat";
+constexpr long MS_PER_SECOND = 1000, NS_PER_MS = 1000000;
+constexpr int START_TIME = 19;  // of the words behind the name in "stat", counted from 0
+
+std::string directory(pid_t id)
+{
+    return "/proc/" + std::to_string(id) + '/';
+}
+
+long milliseconds(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return now.tv_sec * MS_PER_SECOND + now.tv_nsec / NS_PER_MS;
+}
+
+std::string link_target(const fs::path& link)
+{
+    std::error_code error;
+    return fs::read_symlink(link, error);
+}
+
+}  // namespace
+
+std::vector<Process> Process::all()
+{
+    std::vector<Process> found;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc"))
+        if (const int id = std::atoi(entry.path().filename().c_str()); id > 0)
+            found.emplace_back(id);
+    return found;
+}
+
+std::string Process::read(const std::string& file) const
+{
+    std::ifstream stream(directory(_id) + file);
+    std::string line;
+    std::getline(stream, line);
+    return line;
+}
+
+std::string Process::name() const
+{
+    return read("comm");
+}
+
+bool Process::is_daemon() const
+{
+    return name() == DAEMON_NAME;
+}
+
+uid_t Process::user() const
+{
+    struct stat info {};
+    return stat(directory(_id).c_str(), &info) == 0 ? info.st_uid : static_cast<uid_t>(-1);
+}
+
+time_t Process::started() const
+{
+    const std::string line = read("stat");
+    std::istringstream words(line.substr(line.rfind(')') + 1));
+    std::string word;
+    for (int i = 0; i <= START_TIME; i++)
+        words >> word;
+    const long ticks = std::atol(word.c_str());  // from the machine's start to the process's
+    return (milliseconds(CLOCK_REALTIME) - milliseconds(CLOCK_BOOTTIME) +
+            ticks * MS_PER_SECOND / sysconf(_SC_CLK_TCK)) /
+           MS_PER_SECOND;
+}
+
+std::vector<std::string> Process::open_files() const
+{
+    std::vector<std::string> targets;
+    std::error_code error;
+    for (fs::directory_iterator entry(directory(_id) + "fd", error), end; !error && entry != end;
+         entry.increment(error))
+        targets.push_back(link_target(entry->path()));
+    return targets;
+}
+
+std::string Process::standard_output() const
+{
+    return link_target(directory(_id) + "fd/1");
+}

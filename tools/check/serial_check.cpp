@@ -1,0 +1,58 @@
+#include "tools/check/serial_check.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "config/config_file.h"
+#include "tools/check/daemon_user.h"
+#include "tools/check/findings.h"
+#include "tools/check/settings.h"
+
+namespace {
+
+constexpr std::size_t SHOWN = 5;  // characters of the serial number that a line has room for
+constexpr const char* EFFECT = ", so reports without a serial number of their own get 0; ";
+
+// 0, or the error number of what keeps the daemon from reading the file.
+int obstacle(const std::string& path, const DaemonUser& user)
+{
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0)
+        return errno;
+    if (S_ISDIR(info.st_mode))
+        return EISDIR;
+    return user.can_be_asked() ? user.access(path, R_OK) : 0;
+}
+
+}  // namespace
+
+std::string check_serial_number(const Settings& settings, const DaemonUser& user,
+                                Findings& findings)
+{
+    const std::string path = settings.text(keys::SN_FILE_PATH);
+    const std::size_t line = settings.line(keys::SN_FILE_PATH);
+    const int error = obstacle(path, user);
+    if (error != 0)
+        findings.warning(line, path, " cannot be read by the user ", user.name(), ": ",
+                         std::strerror(error), EFFECT,
+                         "write the line \"serial: ABC12\" into it, "
+                         "and chmod a+r it");
+    if (error != 0 || access(path.c_str(), R_OK) != 0)
+        return "";
+    const std::string serial = ConfigFile(path, ':').getStringValue("serial", "");
+    if (serial.empty())
+        findings.warning(line, path, " has no serial number", EFFECT,
+                         "write it as \"serial: "
+                         "ABC12\", with a ':' and in lower case");
+    else if (serial.find_first_of("\"\\\r") != std::string::npos)
+        findings.error(line, path,
+                       " has a quote, a backslash or a carriage return in the serial "
+                       "number, which spoils every posted batch; write letters and digits only");
+    else if (serial.size() > SHOWN)
+        findings.warning(line, path, " has the serial number ", serial, ", of which lines show ",
+                         serial.substr(0, SHOWN), " only; write a shorter one if you can");
+    return serial;
+}

@@ -1,0 +1,12 @@
+// Judges the file with the unit's serial number.
+#pragma once
+
+#include <string>
+
+class DaemonUser;
+class Findings;
+class Settings;
+
+// Returns the serial number as the daemon puts it into reports; empty without one.
+std::string check_serial_number(const Settings& settings, const DaemonUser& user,
+                                Findings& findings);

@@ -1,0 +1,78 @@
+#include "tools/check/url_check.h"
+
+#include <curl/curl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "tools/check/findings.h"
+#include "tools/check/settings.h"
+
+namespace {
+
+constexpr int LEVEL_OF_DIALOGUE = 3;  // of log.http: from here on the log has what is sent
+
+// One part of the address; empty when it has none.
+std::string part(CURLU* address, CURLUPart which)
+{
+    char* text = nullptr;
+    if (curl_url_get(address, which, &text, 0) != CURLUE_OK)
+        return "";
+    const std::unique_ptr<char, void (*)(void*)> owner(text, curl_free);
+    return text;
+}
+
+void check_scheme(const std::string& scheme, std::size_t line, Findings& findings)
+{
+    if (scheme != "http" && scheme != "https")
+        findings.error(line, "elastic_url begins with ", scheme,
+                       "://, which takes no posts; begin "
+                       "it with http:// or https://");
+    const char* authorities = curl_version_info(CURLVERSION_NOW)->cainfo;
+    if (scheme == "https" && authorities != nullptr && access(authorities, R_OK) != 0)
+        findings.error(line, "no https server is trusted, since ", authorities,
+                       " is missing; apt "
+                       "install ca-certificates");
+}
+
+void check_secret(const Settings& settings, const std::string& config_path, Findings& findings)
+{
+    const std::size_t line = settings.line(keys::ELASTIC_URL);
+    struct stat info {};
+    if (settings.number(keys::LOG_HTTP) >= LEVEL_OF_DIALOGUE)
+        findings.warning(line, "the log shows the credentials of elastic_url; set log.http = 2 or "
+                               "less");
+    if (stat(config_path.c_str(), &info) == 0 && (info.st_mode & S_IROTH) != 0)
+        findings.warning(line, "everybody can read the credentials of elastic_url; chgrp voxstat ",
+                         config_path, " && chmod 640 ", config_path);
+}
+
+}  // namespace
+
+void check_url(const Settings& settings, const std::string& config_path, Findings& findings)
+{
+    const std::string url = settings.text(keys::ELASTIC_URL);
+    const std::size_t line = settings.line(keys::ELASTIC_URL);
+    if (url.empty())
+        return;
+    const std::unique_ptr<CURLU, void (*)(CURLU*)> address(curl_url(), curl_url_cleanup);
+    const CURLUcode result = curl_url_set(address.get(), CURLUPART_URL, url.c_str(),
+                                          CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME);
+    if (result != CURLUE_OK) {
+        findings.error(line, "elastic_url is no URL: ", curl_url_strerror(result),
+                       "; write it as http://HOST:PORT/PATH");
+        return;
+    }
+    if (url.find("://") == std::string::npos)
+        findings.warning(line, "elastic_url has no scheme, and libcurl guesses one; begin it with "
+                               "http:// or https://");
+    check_scheme(part(address.get(), CURLUPART_SCHEME), line, findings);
+    const std::string path = part(address.get(), CURLUPART_PATH);
+    if (path.ends_with("/_bulk") || path.ends_with("/_bulk/"))
+        findings.error(line, "elastic_url leads to a bulk interface, which refuses a JSON array; "
+                             "put a pipeline that takes JSON over HTTP in front of the server");
+    if (!part(address.get(), CURLUPART_USER).empty() ||
+        !part(address.get(), CURLUPART_PASSWORD).empty())
+        check_secret(settings, config_path, findings);
+}

@@ -1,0 +1,10 @@
+// Judges elastic_url as far as that can be done without the network. The path of the configuration
+// tells who can read credentials in the URL.
+#pragma once
+
+#include <string>
+
+class Findings;
+class Settings;
+
+void check_url(const Settings& settings, const std::string& config_path, Findings& findings);

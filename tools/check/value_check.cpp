@@ -1,0 +1,125 @@
+#include "tools/check/value_check.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "config/limits.h"
+#include "tools/check/findings.h"
+#include "tools/check/settings.h"
+
+namespace {
+
+constexpr int BLOCK_SIZE = 1024;  // the daemon writes whole blocks as soon as it has them
+constexpr std::string_view LEVELS[] = {"error", "warn", "info", "trace", "debug"};
+
+std::string port_text(int port)
+{
+    const auto kept = static_cast<std::uint16_t>(port);
+    return kept == 0 ? "any free port" : std::to_string(kept);
+}
+
+// What a number out of range does; empty when it is within.
+std::string consequence(const keys::Key& key, int value)
+{
+    const std::string_view name = key.name;
+    if ((value >= key.min && value <= key.max) || key.kind == keys::Kind::SWITCH)
+        return "";
+    if (key.kind == keys::Kind::LEVEL)
+        return "counts as 1";
+    if (name == keys::QOS_PORT.name)
+        return "makes the daemon listen on " + port_text(value) + " and " + port_text(value + 1);
+    if (name == keys::MAX_LENGTH_PER_SEC_RTP.name)
+        return "drops every voice record without a message";
+    if (name == keys::MAX_BUF_TIMEOUT_RTP.name)
+        return "writes the dump in many small pieces";
+    if (name == keys::MAX_ARCHIVED_FILES_RTP.name)
+        return "keeps every archive until the disk is full";
+    if (value >= 0)
+        return "makes an archive of every block or two";
+    return "lets the dump grow to " + std::to_string(static_cast<unsigned>(value)) +
+           " bytes or without end, so it never rotates";
+}
+
+// How the text of a number is read when that is not what it says; empty when it is.
+std::string misreading(const std::string& text, int value)
+{
+    char* end = nullptr;
+    const long number = std::strtol(text.c_str(), &end, 10);
+    if (end == text.c_str())
+        return "is no number and counts as 0";
+    if (*end != '\0' || number != value)
+        return "is read as " + std::to_string(value);
+    return "";
+}
+
+// The number that the name of a level stands for; otherwise what is allowed.
+std::string number_to_write(const keys::Key& key, const std::string& text)
+{
+    for (int level = 0; level <= key.max && key.kind == keys::Kind::LEVEL; level++)
+        if (text.starts_with(LEVELS[level]))
+            return std::to_string(level);
+    return "a number, " + key.range() + " (" + key.unit + ')';
+}
+
+void check_number(const keys::Key& key, const Settings& settings, Findings& findings)
+{
+    const std::string text = settings.text(key);
+    const int value = settings.number(key);
+    const std::string read = misreading(text, value);
+    const std::string effect = consequence(key, value);
+    if (!read.empty() || !effect.empty())
+        findings.error(settings.line(key), key.name, " = ", text, ' ', read,
+                       read.empty() || effect.empty() ? "" : ", which ", effect, "; write ",
+                       number_to_write(key, text));
+}
+
+void check_name(const keys::Key& key, const char* extension, const Settings& settings,
+                Findings& findings)
+{
+    const std::string name = settings.text(key);
+    if (name.find('/') != std::string::npos)
+        findings.error(settings.line(key), key.name, " = ", name,
+                       " holds a '/', so its archives "
+                       "are never deleted; write a name only: the directory is ",
+                       key.name == keys::LOG_FILE.name ? limits::LOG_DIRECTORY : "qos_stat_dir");
+    else if (name.ends_with(extension))
+        findings.warning(settings.line(key), "the file will be called ", name, extension,
+                         "; write the name without ", extension);
+}
+
+void check_path(const keys::Key& key, const Settings& settings, Findings& findings)
+{
+    const std::string path = settings.text(key);
+    if (!path.starts_with('/'))
+        findings.warning(settings.line(key), key.name, " = ", path,
+                         " depends on the directory in "
+                         "which the daemon is started; write a path that begins with '/'");
+}
+
+}  // namespace
+
+void check_values(const Settings& settings, Findings& findings)
+{
+    for (const keys::Key& key : keys::ALL)
+        if (key.is_number() && settings.is_set(key))
+            check_number(key, settings, findings);
+    const int buffer = settings.number(keys::MAX_LENGTH_PER_SEC_RTP);
+    if (buffer >= 0 && buffer < BLOCK_SIZE)
+        findings.warning(settings.line(keys::MAX_LENGTH_PER_SEC_RTP),
+                         "the buffer of the dump is "
+                         "full with one record, which waits up to max_buf_timeout_rtp seconds, "
+                         "and those behind it are dropped; write 1048576 or more");
+
+    check_name(keys::QOS_FILE_NAME, limits::TEXT_EXTENSION, settings, findings);
+    check_name(keys::QOS_FILE_NAME_EOS, limits::TEXT_EXTENSION, settings, findings);
+    check_name(keys::RTP_DUMP_FILE_NAME, limits::DUMP_EXTENSION, settings, findings);
+    check_name(keys::LOG_FILE, limits::LOG_EXTENSION, settings, findings);
+    if (settings.text(keys::QOS_FILE_NAME) == settings.text(keys::QOS_FILE_NAME_EOS))
+        findings.error(settings.line(keys::QOS_FILE_NAME_EOS),
+                       "reports and summaries would share "
+                       "one file; give qos_file_name_eos another name");
+    check_path(keys::QOS_STAT_DIR, settings, findings);
+    check_path(keys::SN_FILE_PATH, settings, findings);
+}

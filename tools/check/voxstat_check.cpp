@@ -1,0 +1,82 @@
+// voxstat-check: finds what is wrong in a configuration of the daemon, or would go wrong with it.
+#include <unistd.h>
+
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <system_error>
+
+#include "tools/check/daemon_user.h"
+#include "tools/check/disk_check.h"
+#include "tools/check/findings.h"
+#include "tools/check/live_view.h"
+#include "tools/check/options.h"
+#include "tools/check/port_check.h"
+#include "tools/check/serial_check.h"
+#include "tools/check/settings.h"
+#include "tools/check/trial_post.h"
+#include "tools/check/url_check.h"
+#include "tools/check/value_check.h"
+
+namespace {
+
+constexpr int ERROR_STATUS = 2;
+
+// False when the daemon would get no settings from the file, which is found then.
+bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& findings)
+{
+    std::error_code error;
+    const auto type = std::filesystem::status(file, error).type();
+    if (type == std::filesystem::file_type::directory)
+        findings.error(0, "this is a directory, and the daemon would run on its defaults; name the "
+                          "file in it");
+    else if (type != std::filesystem::file_type::regular)
+        findings.error(0, "there is no such file, and the daemon would end at once; name it with "
+                          "-f FILE");
+    else if (user.can_be_asked() && user.access(file, R_OK) != 0)
+        findings.error(0, "the user ", user.name(),
+                       " cannot read this, and the daemon would end at "
+                       "once; chgrp ",
+                       user.name(), ' ', file, " && chmod g+r ", file);
+    return findings.status() == 0;
+}
+
+void check(const Options& options, Findings& findings)
+{
+    const DaemonUser user(options.user);
+    if (!can_be_loaded(options.file, user, findings))
+        return;
+    const Settings settings(options.file, findings);
+    check_values(settings, findings);
+    check_url(settings, options.file, findings);
+    check_ports(settings, user, findings);
+    check_disks(settings, user, findings);
+    const std::string serial_number = check_serial_number(settings, user, findings);
+    if (!user.can_be_asked())
+        findings.note(0, "what the user ", user.name(),
+                      " may read and write was not looked at; "
+                      "sudo voxstat-check does");
+    findings.print();  // before what takes time
+    if (options.post)
+        post_once(settings, serial_number, findings);
+    findings.print();
+    if (options.live)
+        show_daemon(settings, options.file, findings);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const Options options = Options::read(argc, argv);
+    Findings findings(options.file);
+    try {
+        check(options, findings);
+    } catch (const std::exception& error) {
+        std::cerr << "voxstat-check: " << error.what() << '\n';
+        return ERROR_STATUS;
+    }
+    findings.print();
+    std::cout << options.file << ": " << findings.summary() << '\n';
+    return findings.status();
+}
