@@ -2,9 +2,9 @@
 
 #include "log/simple_logger.h"
 
-void LoggerHelper::LogStr(DbgLevel level, LogPieces pieces) const noexcept
+void LoggerHelper::LogStr(DbgLevel level, const std::string& text) const
 {
-    DBG->Log(group->index, level, pieces);
+    DBG->Log(group->index, level, text);
 }
 
 void LoggerHelper::create_group(int configured_level, const std::string& name)

@@ -382,7 +382,7 @@ TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
     EXPECT_EQ(1U, sizes_of(dir).size());  // one archive is kept
     const auto size = [&dir] { return read_file(dir / "d.log").size(); };
     const auto log = [](std::size_t bytes) {
-        const std::size_t decoration = dbg_format_line(DBG_WARN, {}).size();
+        const std::size_t decoration = dbg_format_line(DBG_WARN, "").size();
         DBG->Log(DBG_WARN, std::string(bytes - decoration, 'm'));
     };
     struct Step {
@@ -407,7 +407,7 @@ TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
     DBG->dbg_write_file(true, true);
     EXPECT_THAT(read_file(dir / "d.log"), EndsWith("] LOG FILE WRITE OVERFLOW: 3messages lost\n"));
     EXPECT_EQ(expected + 102500 +
-                  dbg_format_line(DBG_WARN, {"LOG FILE WRITE OVERFLOW: 3messages lost"}).size(),
+                  dbg_format_line(DBG_WARN, "LOG FILE WRITE OVERFLOW: 3messages lost").size(),
               size());
     log(102401);
     log(100);
