@@ -76,8 +76,10 @@ Caption caption_for(const PlotOptions& options, const Reports& reports)
     constexpr std::size_t MOST_CHARACTERS = 50;
     const std::string& path = options.files.front();
     std::string title = path.substr(path.rfind('/') + 1);
-    if (title.size() > MOST_CHARACTERS)
-        title.replace(MOST_CHARACTERS, std::string::npos, "...");
+    if (title.size() > MOST_CHARACTERS) {
+        title.erase(MOST_CHARACTERS);
+        title += "...";
+    }
     if (options.files.size() > 1)
         title += " + " + std::to_string(options.files.size() - 1);
     Caption caption = {
