@@ -10,6 +10,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <arpa/inet.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -17,16 +19,22 @@
 #include <cstdlib>
 #include <ctime>
 
-// A wrapper that fails when it is its turn and passes its arguments on otherwise. Functions with
-// optional arguments are declared with the one that they may have: it travels the same way.
-#define WRAP(result, name, parameters, failure, arguments)             \
-    extern "C" result __real_##name parameters;                        \
-    extern "C" result __wrap_##name parameters                         \
-    {                                                                  \
-        const int error = Faults::self().next_call(Faults::id(#name)); \
-        return error != 0 ? (failure) : __real_##name arguments;       \
+// A wrapper that fails when it is its turn and passes its arguments on otherwise; a watch is told
+// of the arguments that come last. Functions with optional arguments are declared with the one
+// that they may have: it travels the same way.
+#define WRAP(result, name, parameters, failure, arguments, ...)                                   \
+    extern "C" result __real_##name parameters;                                                   \
+    extern "C" result __wrap_##name parameters                                                    \
+    {                                                                                             \
+        const int error = Faults::self().next_call(Faults::id(#name) __VA_OPT__(, ) __VA_ARGS__); \
+        return error != 0 ? (failure) : __real_##name arguments;                                  \
     }
 #define MAPPED(path) Faults::self().mapped(path).c_str()
+
+static useconds_t cut_pause(useconds_t pause)
+{
+    return Faults::self().skip_pauses ? 1 : pause;
+}
 
 // clang-format off
 WRAP(int, open, (const char* path, int flags, mode_t mode), -1, (MAPPED(path), flags, mode))
@@ -37,24 +45,27 @@ WRAP(int, stat, (const char* path, struct stat* info), -1, (MAPPED(path), info))
 WRAP(int, rename, (const char* from, const char* to), -1, (MAPPED(from), MAPPED(to)))
 WRAP(int, remove, (const char* path), -1, (MAPPED(path)))
 WRAP(int, mkdir, (const char* path, mode_t mode), -1, (MAPPED(path), mode))
-WRAP(int, chown, (const char* path, uid_t user, gid_t group), -1, (MAPPED(path), user, group))
+WRAP(int, chown, (const char* path, uid_t user, gid_t group), -1, (MAPPED(path), user, group),
+     user, group)
 WRAP(DIR*, opendir, (const char* path), nullptr, (MAPPED(path)))
 WRAP(int, access, (const char* path, int mode), -1, (MAPPED(path), mode))
 WRAP(int, socket, (int domain, int type, int protocol), -1, (domain, type, protocol))
-WRAP(int, bind, (int fd, const sockaddr* address, socklen_t size), -1, (fd, address, size))
 WRAP(int, fcntl, (int fd, int command, long argument), -1, (fd, command, argument))
-WRAP(int, poll, (pollfd* set, nfds_t count, int timeout), -1, (set, count, timeout))
+WRAP(int, poll, (pollfd* set, nfds_t count, int timeout), -1,
+     (set, count, Faults::watch ? 0 : timeout), timeout)
 WRAP(ssize_t, recvfrom, (int fd, void* data, size_t size, int flags, sockaddr* from,
      socklen_t* length), -1, (fd, data, size, flags, from, length))
 WRAP(int, pthread_create, (pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
      void* argument), error, (thread, how, entry, argument))
 WRAP(int, pthread_mutex_init, (pthread_mutex_t* mutex, const pthread_mutexattr_t* how), error,
      (mutex, how))
+WRAP(CURLcode, curl_global_init, (long flags), static_cast<CURLcode>(error), (flags), flags)
 WRAP(CURL*, curl_easy_init, (), nullptr, ())
-WRAP(CURLcode, curl_easy_setopt, (CURL* handle, CURLoption option, void* value),
-     static_cast<CURLcode>(error), (handle, option, value))
+WRAP(CURLcode, curl_easy_setopt, (CURL* handle, CURLoption option, long value),
+     static_cast<CURLcode>(error), (handle, option, value), option, value)
 WRAP(CURLcode, curl_easy_perform, (CURL* handle), static_cast<CURLcode>(error), (handle))
 WRAP(sighandler_t, signal, (int number, sighandler_t handler), SIG_ERR, (number, handler))
+WRAP(int, usleep, (useconds_t pause), -1, (cut_pause(pause)), pause)
 // clang-format on
 
 static time_t moved(time_t now)
@@ -64,6 +75,24 @@ static time_t moved(time_t now)
 }
 
 extern "C" {
+
+int __real_bind(int fd, const sockaddr* address, socklen_t size);
+int __wrap_bind(int fd, const sockaddr* address, socklen_t size)
+{
+    Faults& faults = Faults::self();
+    if (faults.next_call(Faults::id("bind")) != 0)
+        return -1;
+    if (!faults.any_port)
+        return __real_bind(fd, address, size);
+    sockaddr_in free = *reinterpret_cast<const sockaddr_in*>(address);
+    const std::size_t second = faults.calls("bind") % 2 == 0;
+    faults.asked_ports[second] = ntohs(free.sin_port);
+    free.sin_port = 0;
+    const int result = __real_bind(fd, reinterpret_cast<sockaddr*>(&free), size);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&free), &size);
+    faults.ports[second] = ntohs(free.sin_port);
+    return result;
+}
 
 int __wrap_asprintf(char** text, const char* format, ...)
 {
@@ -82,6 +111,9 @@ int __wrap_gettimeofday(timeval* now, void* zone)
 {
     const int result = __real_gettimeofday(now, zone);
     now->tv_sec = moved(now->tv_sec);
+    if (Faults::self().clock_stands_at != 0)
+        now->tv_usec = 250000;
+    errno = EDOM;  // as any call may: who wants the error of an earlier one has taken it by now
     return result;
 }
 
@@ -91,14 +123,9 @@ time_t __wrap_time(time_t* /*result, null in all of the program*/)
     return moved(__real_time(nullptr));
 }
 
-int __real_usleep(useconds_t pause);
-int __wrap_usleep(useconds_t pause)
-{
-    Faults::self().short_pauses += pause == 10000;
-    return __real_usleep(Faults::self().skip_pauses ? 1 : pause);
-}
-
 }  // extern "C"
+
+Faults::Watch Faults::watch;
 
 Faults& Faults::self()
 {
@@ -123,47 +150,40 @@ Faults& Faults::shared(const std::string& path)
 
 void Faults::arm(std::string_view function, int n, int error, bool onwards)
 {
-    disarm();
-    restart();
-    _armed = id(function);
-    _error = error;
-    _onwards = onwards;
-    _n = n;
+    Calls& calls = _calls[id(function)];
+    calls.n = 0;
+    calls.made = 0;
+    calls.error = error;
+    calls.onwards = onwards;
+    calls.n = n;
 }
 
-void Faults::restart()
+void Faults::disarm()
 {
-    for (auto& calls : _calls)
-        calls.store(0);
-    _reached = false;
+    for (const std::string_view function : FUNCTIONS)
+        arm(function, 0, 0);
 }
 
-bool Faults::disarm()
+int Faults::next_call(std::size_t function, long argument, long second)
 {
-    _n = 0;
-    return _reached;
-}
-
-int Faults::next_call(std::size_t function)
-{
-    const int call = ++_calls[function];
-    const int n = _n;
-    if (n == 0 || function != _armed || (_onwards ? call < n : call != n))
+    if (watch)
+        watch(FUNCTIONS[function], argument, second);
+    Calls& calls = _calls[function];
+    const int call = ++calls.made;
+    const int n = calls.n;
+    if (n == 0 || (calls.onwards ? call < n : call != n))
         return 0;
-    _reached = true;
-    return errno = _error;
+    return errno = calls.error;
 }
 
-void Faults::map_log_directory(const std::string& directory)
+void Faults::set_root(const std::string& directory)
 {
-    _log_directory.at(directory.copy(_log_directory.data(), _log_directory.size() - 1)) = '\0';
+    _root.at(directory.copy(_root.data(), _root.size() - 1)) = '\0';
 }
 
 std::string Faults::mapped(const char* path) const
 {
-    static constexpr std::string_view LOG_DIRECTORY = "/var/log/current";
-    std::string result = path;
-    if (_log_directory[0] != '\0' && result.starts_with(LOG_DIRECTORY))
-        result.replace(0, LOG_DIRECTORY.size(), _log_directory.data());
-    return result;
+    const std::string_view given = path;
+    const bool fixed = given.starts_with("/var/log/") || given.starts_with("/home/build/");
+    return std::string(fixed ? _root.data() : "").append(given);
 }

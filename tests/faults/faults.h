@@ -1,6 +1,6 @@
-// Makes C-library calls fail on demand, moves the log directory and moves the clock, by link-time
-// wrappers (-Wl,--wrap=...). They see the calls that this link's own objects make, those of the
-// test framework included, but not the calls made inside shared libraries.
+// Makes C-library calls fail on demand, and sets the clock, the ports and the directories, by
+// link-time wrappers (-Wl,--wrap=...). They see the calls that this link's own objects make, those
+// of the test framework included, but not the calls made inside shared libraries.
 //
 // The switches lie in plain memory where zeros mean "nothing special": usable before any
 // initialiser has run. A test sets its own with Faults::self(); voxstat-faulty shares them with
@@ -9,16 +9,17 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 #include <string>
 #include <string_view>
 
 struct Faults {
     // clang-format off
-    static constexpr std::array<std::string_view, 22> FUNCTIONS = {
+    static constexpr std::array<std::string_view, 24> FUNCTIONS = {
         "open", "write", "fsync", "stat", "rename", "remove", "mkdir", "chown", "opendir",
         "access", "socket", "bind", "fcntl", "poll", "recvfrom", "pthread_create",
-        "pthread_mutex_init", "asprintf", "curl_easy_init", "curl_easy_setopt",
-        "curl_easy_perform", "signal"};
+        "pthread_mutex_init", "asprintf", "curl_global_init", "curl_easy_init",
+        "curl_easy_setopt", "curl_easy_perform", "signal", "usleep"};
     // clang-format on
     static constexpr int SHORT_COUNT = -1;  // as the error of write(): half of the bytes go out
 
@@ -29,21 +30,27 @@ struct Faults {
     // The n-th call of the function from now on, 1 being the next, fails with the error: an errno,
     // for pthread_* the result and for curl_easy_* the CURLcode. Onwards: so do all after it.
     void arm(std::string_view function, int n, int error, bool onwards = false);
-    void restart();  // counts anew: 1 is the next call again
-    bool disarm();   // true when the armed call was reached
-    bool reached() const { return _reached; }
-    int calls(std::string_view function) const { return _calls[id(function)]; }  // since then
+    void disarm();                                                                    // all of them
+    int calls(std::string_view function) const { return _calls[id(function)].made; }  // since arm()
 
-    // The directory that takes the place of /var/log/current.
-    void map_log_directory(const std::string& directory);
+    // In a test's own process only: called before every call of these functions, on its thread,
+    // with the arguments that matter most. While it is set, poll() does not wait.
+    using Watch = std::function<void(std::string_view function, long argument, long second)>;
+    static Watch watch;  // set while no other thread runs
 
+    // The directory below which the daemon's fixed directories lie; empty: where they really are.
+    void set_root(const std::string& directory);
+
+    // What bind() was asked for, first and second time, and the ports that are free and that it
+    // took instead while any_port is set.
+    std::array<std::atomic<int>, 2> asked_ports, ports;
+    std::atomic<bool> any_port;
     std::atomic<long> clock_shift;      // seconds added to the clock
     std::atomic<long> clock_stands_at;  // unless 0, the second at which it stands still
     std::atomic<bool> skip_pauses;      // usleep() returns at once
-    std::atomic<int> short_pauses;      // how often 10 ms were asked of usleep()
 
     // For the wrappers: the error that this call must fail with, or 0; the path to use.
-    int next_call(std::size_t function);
+    int next_call(std::size_t function, long argument = 0, long second = 0);
     std::string mapped(const char* path) const;
 
     static constexpr std::size_t id(std::string_view function)
@@ -55,9 +62,10 @@ struct Faults {
     }
 
 private:
-    std::atomic<std::size_t> _armed;
-    std::atomic<int> _n, _error;  // _n 0: nothing fails
-    std::atomic<bool> _onwards, _reached;
-    std::array<std::atomic<int>, FUNCTIONS.size()> _calls;
-    std::array<char, 256> _log_directory{};
+    struct Calls {
+        std::atomic<int> made, n, error;  // n 0: none fails
+        std::atomic<bool> onwards;
+    };
+    std::array<Calls, FUNCTIONS.size()> _calls;
+    std::array<char, 256> _root{};
 };

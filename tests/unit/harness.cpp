@@ -7,8 +7,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <list>
-#include <random>
 #include <regex>
 #include <sstream>
 
@@ -39,19 +37,14 @@ std::string read_file(const std::string& path)
 
 std::size_t count(const std::string& text, const std::string& part)
 {
-    std::size_t found = 0;
-    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        found++;
-    return found;
+    return (text.size() - replaced(text, part, "").size()) / part.size();
 }
 
-std::string bytes(std::string hex)
+std::string replaced(std::string text, const std::string& part, const std::string& with)
 {
-    std::erase(hex, ' ');
-    std::string result;
-    for (std::size_t i = 0; i < hex.size(); i += 2)
-        result += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return result;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + with.size()))
+        text.replace(at, part.size(), with);
+    return text;
 }
 
 ConfigFile config_of(const std::string& text, char separator)
@@ -67,9 +60,15 @@ bool eventually(const std::function<bool()>& condition, int seconds)
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
+}
+
+void stop_the_clock(long at)
+{
+    setenv("TZ", "UTC", 1);
+    Faults::self().clock_stands_at = at;
 }
 
 static sockaddr_in loopback(int port)
@@ -77,33 +76,9 @@ static sockaddr_in loopback(int port)
     return {AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
-static int bound_socket(int type, int port)
-{
-    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
-        return fd;
-    close(fd);
-    return -1;
-}
-
-int free_port_pair()
-{
-    std::random_device random;
-    for (;;) {
-        const int port = 10000 + static_cast<int>(random() % 20000);  // below the kernel's choice
-        const int first = bound_socket(SOCK_DGRAM, port);
-        const int second = bound_socket(SOCK_DGRAM, port + 1);
-        close(first);
-        close(second);
-        if (first != -1 && second != -1)
-            return port;
-    }
-}
-
 void send_udp(int port, const std::string& datagram, unsigned host)
 {
-    static const int fd = bound_socket(SOCK_DGRAM, 0);
+    static const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = loopback(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK - 1 + host);
     sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
@@ -115,21 +90,25 @@ std::string voice_record(const std::string& payload, std::size_t length)
     const std::size_t told = length == std::string::npos ? payload.size() : length;
     const std::uint32_t word = htonl(static_cast<std::uint32_t>(told));
     return std::string(reinterpret_cast<const char*>(&word), sizeof word) +
-           bytes("C0000201 CB007105 138C 1F90 6553F100 0001E240") + payload;
+           std::string("\xC0\x00\x02\x01\xCB\x00\x71\x05\x13\x8C\x1F\x90"
+                       "\x65\x53\xF1\x00\x00\x01\xE2\x40",
+                       20) +
+           payload;
 }
 
 LogCapture::LogCapture(const std::string& config)
 {
-    testing::internal::CaptureStdout();
     ConfigFile file = config_of(config);
-    DBG->init(&file);
-    DBG->dbg_stop();
-    testing::internal::GetCapturedStdout();
+    take([&file] {
+        DBG->init(&file);
+        DBG->dbg_stop();
+    });
 }
 
-std::string LogCapture::take()
+std::string LogCapture::take(const std::function<void()>& action)
 {
     testing::internal::CaptureStdout();
+    action();
     DBG->dbg_write_file(false, false);
     return bare(testing::internal::GetCapturedStdout());
 }
@@ -142,14 +121,41 @@ std::string LogCapture::bare(const std::string& log)
     return std::regex_replace(text, std::regex("\n\n+"), "\n").substr(1);
 }
 
-HttpServer::HttpServer() : _socket(bound_socket(SOCK_STREAM, 0))
+PauseWatch::PauseWatch()
 {
-    sockaddr_in address{};
+    Faults::watch = [this](std::string_view function, long pause, long /*unused*/) {
+        if (function != "usleep")
+            return;
+        std::array<char, 16> name{};
+        pthread_getname_np(pthread_self(), name.data(), name.size());
+        const std::lock_guard lock(_mutex);
+        _pauses[name.data() + (" " + std::to_string(pause))]++;
+    };
+}
+
+bool PauseWatch::seen(const std::string& pause)
+{
+    return eventually([&] { return times(pause) > 0; });
+}
+
+int PauseWatch::times(const std::string& pause)
+{
+    const std::lock_guard lock(_mutex);
+    return _pauses[pause];
+}
+
+HttpServer::HttpServer() : _socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_in address = loopback(0);
     socklen_t size = sizeof address;
+    bind(_socket, reinterpret_cast<const sockaddr*>(&address), size);
+    listen(_socket, SOMAXCONN);
     getsockname(_socket, reinterpret_cast<sockaddr*>(&address), &size);
     url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/qos";
-    listen(_socket, SOMAXCONN);
-    _acceptor = std::jthread([this] { accept_all(); });
+    _acceptor = std::jthread([this] {
+        for (int fd; (fd = accept4(_socket, nullptr, nullptr, SOCK_CLOEXEC)) != -1;)
+            _connections.emplace_back([this, fd] { serve(fd); });
+    });
 }
 
 HttpServer::~HttpServer()
@@ -157,14 +163,8 @@ HttpServer::~HttpServer()
     _stopping = true;
     shutdown(_socket, SHUT_RDWR);
     _acceptor.join();
+    _connections.clear();
     close(_socket);
-}
-
-void HttpServer::accept_all()
-{
-    std::list<std::jthread> connections;
-    for (int fd; (fd = accept4(_socket, nullptr, nullptr, SOCK_CLOEXEC)) != -1;)
-        connections.emplace_back([this, fd] { serve(fd); });
 }
 
 void HttpServer::serve(int fd)
@@ -176,29 +176,23 @@ void HttpServer::serve(int fd)
     std::vector<char> piece(1 << 16);
     for (ssize_t n; (n = recv(fd, piece.data(), piece.size(), 0)) != 0 && !_stopping;) {
         data.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
-        const std::size_t end = data.find(END);
-        if (end == std::string::npos)
-            continue;
-        const std::size_t at = data.find(LENGTH);
-        const std::size_t length = at < end ? std::stoul(data.substr(at + LENGTH.size())) : 0;
-        if (data.size() < end + END.size() + length)
+        const std::size_t end = data.find(END), at = data.find(LENGTH);
+        if (end == std::string::npos || at > end ||
+            data.size() - end - END.size() < std::stoul(data.substr(at + LENGTH.size())))
             continue;
         {
             const std::lock_guard lock(_mutex);
-            _requests.push_back({data.substr(0, end), data.substr(end + END.size(), length)});
+            _requests.push_back({data.substr(0, end), data.substr(end + END.size())});
         }
         data.clear();
-        std::string text = answer == ERROR_500 ? "HTTP/1.1 500 No" : "HTTP/1.1 200 OK";
-        text += "\r\n" + LENGTH + (answer == HALF ? "9" : "4") + END + "half";
-        send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-        if (answer == HALF)
-            break;
+        const std::string answer = "HTTP/1.1 200 OK\r\n" + LENGTH + "4" + END + "fine";
+        send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
     }
     close(fd);
 }
 
-std::vector<HttpServer::Request> HttpServer::requests(std::size_t first)
+std::vector<HttpServer::Request> HttpServer::requests()
 {
     const std::lock_guard lock(_mutex);
-    return {_requests.begin() + static_cast<std::ptrdiff_t>(first), _requests.end()};
+    return _requests;
 }

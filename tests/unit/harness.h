@@ -1,11 +1,13 @@
-// What the tests stand on: temporary directories, the log, and a web server that records and
-// misbehaves. Every wait ends at an event or at its deadline.
+// What the tests stand on: temporary directories, the log, and a web server that records what it
+// is sent. Every wait ends at an event or at its deadline.
 // The log, the clock and the faults belong to the process and are not put back: each test runs in
 // a process of its own, as ctest starts them.
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,6 +15,8 @@
 
 #include "config/config_file.h"
 #include "faults/faults.h"
+
+constexpr long NOON = 1700000000;  // 2023-11-14 22:13:20 UTC
 
 struct TempDir {  // removed with all that is in it
     TempDir();
@@ -24,12 +28,12 @@ struct TempDir {  // removed with all that is in it
 void write_file(const std::string& path, const std::string& text);
 std::string read_file(const std::string& path);  // "" when there is none
 std::size_t count(const std::string& text, const std::string& part);
-std::string bytes(std::string hex);  // blanks do not matter
+std::string replaced(std::string text, const std::string& part, const std::string& with);
 ConfigFile config_of(const std::string& text, char separator = '=');
 // True as soon as the condition holds; false when it does not in time.
 bool eventually(const std::function<bool()>& condition, int seconds = 20);
+void stop_the_clock(long at = NOON);  // in UTC
 
-int free_port_pair();  // a free UDP port whose successor is free too, unless somebody comes first
 // To 127.0.0.<host>.
 void send_udp(int port, const std::string& datagram, unsigned host = 1);
 // A voice record; its length word is the truth unless it is given.
@@ -38,35 +42,41 @@ std::string voice_record(const std::string& payload, std::size_t length = std::s
 // Starts the logger and ends its writer thread, so that all that is logged waits to be taken.
 struct LogCapture {
     explicit LogCapture(const std::string& config = "log.default=4");
-    // What came since the last call, without empty lines, time stamps and thread identifiers:
-    // "[ERROR] text", " [WARN] text".
-    static std::string take();
+    // What was logged since the last call, and what the action printed, without empty lines, time
+    // stamps and thread identifiers: "[ERROR] text", " [WARN] text".
+    static std::string take(const std::function<void()>& action = [] {});
     static std::string bare(const std::string& log);
 };
 
-// A web server on loopback that records every request and answers as it is told.
+// Records how long which thread pauses, as "thread microseconds". Made before the threads are.
+class PauseWatch {
+public:
+    PauseWatch();
+    bool seen(const std::string& pause);  // until it is
+    int times(const std::string& pause);
+
+private:
+    std::mutex _mutex;  // guards _pauses
+    std::map<std::string, int> _pauses;
+};
+
+// A web server on loopback that records every request and answers "200 OK".
 class HttpServer {
 public:
-    enum Answer { OK, ERROR_500, HALF };
     struct Request {
         std::string head, body;
     };
     HttpServer();
     ~HttpServer();
-    std::vector<Request> requests(std::size_t first = 0);  // from this one on
-    bool received(std::size_t number)                      // until so many requests have come
-    {
-        return eventually([this, number] { return requests().size() >= number; });
-    }
-    std::atomic<Answer> answer{OK};
+    std::vector<Request> requests();
     std::string url;
 
 private:
-    void accept_all();
     void serve(int fd);
     int _socket;
     std::atomic<bool> _stopping{false};
     std::mutex _mutex;  // guards _requests
     std::vector<Request> _requests;
+    std::vector<std::jthread> _connections;
     std::jthread _acceptor;
 };

@@ -1,91 +1,12 @@
-// Configuration lines, time stamps, reports and voice records.
+// Reports and voice records.
 #include <gmock/gmock.h>
 
-#include <climits>
-#include <map>
-
-#include "log/utils.h"
 #include "records/qos_packet.h"
 #include "records/voice_datagram.h"
 #include "records/voice_packet.h"
 #include "unit/harness.h"
 
-using testing::EndsWith;
 using testing::HasSubstr;
-
-TEST(Configuration, EveryLine)
-{
-    struct Row {
-        std::string text;
-        char separator;
-        const char* key;
-        std::string value;  // "-": absent, and the line logged as invalid
-    };
-    static const Row rows[] = {
-        {"key=value", '=', "key", "value"},
-        {"  key\t=\tvalue  ", '=', "key", "value"},
-        {"key = a b  c \t", '=', "key", "a b  c"},
-        {"a = b:c=d", '=', "a", "b:c=d"},
-        {"a b = c", '=', "a", "c"},
-        {"a:b = c", '=', "a", "c"},
-        {"a = x#y", '=', "a", "x"},
-        {"#a=1\n    \n\na=1\na=2", '=', "a", "2"},
-        {"a=5\r\n", '=', "a", "5\r"},
-        {"  =x", '=', "", "x"},
-        {"port: 5", ':', "port", "5"},
-        {"serial = X", ':', "serial", "-"},
-        {"\t", '=', "", "-"},
-        {"=value", '=', "", "-"},
-        {"key=  \t", '=', "key", "-"},
-        {"key = # note", '=', "key", "-"},
-    };
-    LogCapture log;
-    for (const Row& row : rows) {
-        const ConfigFile config = config_of(row.text, row.separator);
-        EXPECT_EQ(row.value, config.getStringValue(row.key, "-")) << row.text;
-        EXPECT_EQ(row.value != "-", config.keyExists(row.key)) << row.text;
-        const std::string logged = " [INFO] KeyValueParser::parseLine ignoring invalid line: " +
-                                   row.text.substr(0, row.text.find('#')) + "\n";
-        EXPECT_EQ(row.value == "-" ? logged : "", log.take());
-    }
-    const ConfigFile config = config_of("a=5x\nb=abc\nc=-7\r\nd=0x10\ne=2.5e1");
-    for (const auto& [key, value] :
-         std::map<std::string, int>{{"a", 5}, {"b", 0}, {"c", -7}, {"d", 0}, {"z", 3}})
-        EXPECT_EQ(value, config.getIntValue(key, 3)) << key;
-    EXPECT_EQ(25.0, config.getFloatValue("e", 0));
-    EXPECT_THROW(ConfigFile("/nonexistent/cfg", '='), std::invalid_argument);
-    std::string line = "\t a= ";
-    EXPECT_FALSE(config.validLine(line));
-    EXPECT_EQ("a= ", line);
-    for (auto [text, valid] :
-         std::map<std::string, bool>{{" =1", false}, {"a:1", false}, {"a=\t", true}})
-        EXPECT_EQ(valid, config.validLine(line = text)) << text;
-}
-
-TEST(TimeStamps, EveryForm)
-{
-    struct Row {
-        const char* zone;
-        timeval time;
-        std::string date, clock, offset;
-    };
-    static const Row rows[] = {
-        {"UTC", {1700000000, 123456}, "2023-Nov-14 ", "22:13:20.123 ", "+0000"},
-        {"IST-5:30", {1704418389, 4000}, "2024-Jan-05 ", "07:03:09.004 ", "+0530"},
-        {"EST5", {0, 999}, "1969-Dec-31 ", "19:00:00.000 ", "-0500"},
-        {"UTC", {0, 1500000}, "1970-Jan-01 ", "00:00:00.1500 ", "+0000"},
-        {"UTC", {0, -1500}, "1970-Jan-01 ", "00:00:00.-001 ", "+0000"},
-        {"UTC", {LONG_MAX, 999999}, "1970-Jan-01 ", "00:00:00.999 ", "+0000"},
-        {"UTC", {LONG_MIN, 0}, "1970-Jan-01 ", "00:00:00.000 ", "+0000"},
-    };
-    for (const Row& row : rows) {
-        setenv("TZ", row.zone, 1);
-        tzset();
-        EXPECT_EQ(row.date + row.clock + row.offset, Utils::t_stamp_tz(row.time));
-        EXPECT_EQ(row.date.substr(5) + row.clock, Utils::t_stamp(row.time, false));
-        EXPECT_EQ(row.clock, Utils::t_stamp(row.time, true));
-    }
-}
 
 static const std::string NEAR = "QOS_EV_TYPE=QOS_NEAREND\n", EOS = "QOS_EV_TYPE=QOS_EOS_NEAREND\n";
 
@@ -147,10 +68,14 @@ TEST(Report, EveryRule)
         {NEAR, "", "   0.0      0     0                0 ", ""},
         {NEAR, std::string(2000, 's'), " sssss ", ""},
         {NEAR + "QOS_EV_SSRC=1\r\n", "", "       1\r ", ""},
-        {NEAR + "qos_ev_ssrc=9\n\nQOS_EV_SSRC =8=7\nx", "", "                0 ",
-         unknown + "qos_ev_ssrc\n" + unknown + "QOS_EV_SSRC \n" + unknown + "x\n"},
+        {NEAR + "qos_ev_ssrc=9\n\nQOS_EV_SSRC =8=7\nROS_EV_SSRC=6\nx", "", "                0 ",
+         unknown + "qos_ev_ssrc\n" + unknown + "QOS_EV_SSRC \n" + unknown + "ROS_EV_SSRC\n" +
+             unknown + "x\n"},
+        {NEAR + "QOS_EV_SSRC=6\nQOS_EV_TID=5\nQOS_EV_SSRC=7\nQOS_EV_TID", "",
+         "           near_end                     0       0    0   0.0      0     0          7 ",
+         ""},
+        {name + "a=b=\"c", "", " 0 a=b=\"c", ""},
         {name + full, "", "   0 " + full, ""},
-        {name + full + "\n", "", "   0 " + full, cut},
         {name + full + "y" + std::string(30000, '='), "", "   0 " + full, cut},
         {before, "", "    0   0.0 ", ""},
         {before + "\nQOS_EV_LOST=9", "", "    0   0.0 ", cut},
@@ -176,6 +101,30 @@ TEST(Report, EveryRule)
         EXPECT_THAT(packet.log_string(), testing::Not(HasSubstr("xy")));
         EXPECT_EQ(row.logged, log.take()) << row.report;
     }
+}
+
+TEST(Report, NamesTheLineThatCannotBeBuilt)
+{
+    LogCapture log;
+    const std::pair<int, const char*> rows[] = {
+        {1, "[ERROR] Failed to allocate _log_string event for QoS packet...\n"},
+        {2, "[ERROR] Failed to allocate _http_log_string event for QoS packet...\n"}};
+    for (const auto& [n, logged] : rows) {
+        Faults::self().arm("asprintf", n, ENOMEM);
+        const QoSPacket packet(NEAR.c_str(), "");
+        EXPECT_EQ(logged, log.take());
+        EXPECT_EQ(n == 1, *packet.log_string() == '\0');
+        EXPECT_STREQ("", packet.http_log_string());
+    }
+}
+
+static std::string bytes(std::string hex)  // blanks do not matter
+{
+    std::erase(hex, ' ');
+    std::string result;
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        result += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    return result;
 }
 
 TEST(Voice, RecordsAreConvertedByteForByte)
