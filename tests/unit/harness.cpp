@@ -177,8 +177,8 @@ void HttpServer::serve(int fd)
     for (ssize_t n; (n = recv(fd, piece.data(), piece.size(), 0)) != 0 && !_stopping;) {
         data.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
         const std::size_t end = data.find(END), at = data.find(LENGTH);
-        if (end == std::string::npos || at > end ||
-            data.size() - end - END.size() < std::stoul(data.substr(at + LENGTH.size())))
+        const std::size_t length = at < end ? std::stoul(data.substr(at + LENGTH.size())) : 0;
+        if (end == std::string::npos || data.size() - end - END.size() < length)
             continue;
         {
             const std::lock_guard lock(_mutex);

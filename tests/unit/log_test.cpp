@@ -197,5 +197,5 @@ TEST(Logger, WritesTheLinesOfManyThreads)
         EXPECT_EQ(1U, count(text, " [INFO] line " + std::to_string(i) + ".\n")) << i;
     EXPECT_EQ(1U, count(text, " [INFO] Opened for writing /var/log/current/d.log\n"));
     EXPECT_TRUE(text.ends_with(" [INFO] Terminating SimpleLogger thread...\n"));
-    EXPECT_EQ(THREADS * LINES + 2U, count(text, "\n")) << text.substr(0,300) << text.substr(text.size()-300);
+    EXPECT_EQ(THREADS * LINES + 3U, count(text, "\n"));
 }
