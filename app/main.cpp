@@ -42,6 +42,17 @@ std::optional<std::string> config_file_name(int argc, char** argv)
     return std::nullopt;
 }
 
+// A supervisor may hand down a mask that blocks them. No thread blocks them either: threads inherit
+// the mask of the one that creates them, so this comes before the first.
+void unblock_stop_signals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGTERM, SIGINT, SIGQUIT})
+        sigaddset(&signals, number);
+    (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);  // fails for a wrong request only
+}
+
 // Some supervisors start a process with its standard descriptors closed. A socket or a statistics
 // file must not take their place: it would be taken for "no socket", or receive printed text.
 void open_standard_descriptors()
@@ -81,6 +92,7 @@ int main(int argc, char** argv)
     // library would give them, cost more memory than the daemon itself needs.
     (void)mallopt(M_ARENA_MAX, 1);
     open_standard_descriptors();
+    unblock_stop_signals();
     // A peer that has gone, a closed pipe on standard output or a limit on the size of files must
     // not end the daemon: the write fails, and that is dealt with.
     (void)std::signal(SIGPIPE, SIG_IGN);

@@ -1,6 +1,7 @@
 """Starts and stops that are out of the ordinary."""
 import signal
 import socket
+import sys
 
 import pytest
 
@@ -39,6 +40,19 @@ def test_further_signals_change_nothing(start, web):
     daemon.wait()
     entries = daemon.log("INFO")
     assert len(entries) == len(set(entries)) and entries[-2] == "[INFO] Terminating application..."
+
+
+BLOCKING_PARENT = """
+import os, signal, sys
+signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT])
+os.execv(sys.argv[1], sys.argv[1:])
+"""
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT])
+def test_parent_that_blocks_the_stop_signals(start, number):
+    daemon = start(launch=[sys.executable, "-c", BLOCKING_PARENT])
+    daemon.stop(number)
 
 
 @pytest.mark.parametrize("taken", [0, 1])
