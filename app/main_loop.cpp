@@ -10,6 +10,7 @@
 
 #include "config/config_file.h"
 #include "config/keys.h"
+#include "log/guarded.h"
 #include "log/simple_logger.h"
 #include "records/voice_datagram.h"
 
@@ -83,7 +84,7 @@ void MainLoop::build_components()
         file_logger = std::make_unique<FileLogger>(config);
         web_client = std::make_unique<WebClient>(config);
     } catch (const std::invalid_argument& error) {
-        DBG->Log(DBG_ERROR, std::string("Caught an exception: ") + error.what());
+        DBG->Log(DBG_ERROR, {"Caught an exception: ", error.what()});
         exit(0);  // the logger's destructor still writes the log
     }
 }
@@ -95,13 +96,13 @@ void MainLoop::read_serial_number()
         serial_number = file.getStringValue("serial", "");
     } catch (const std::invalid_argument& error) {
         serial_number.clear();
-        DBG->Log(DBG_WARN, std::string("Caught an exception: ") + error.what());
+        DBG->Log(DBG_WARN, {"Caught an exception: ", error.what()});
         return;
     }
     if (serial_number.empty())
         DBG->Log(DBG_INFO, "Serial Number is not defined.");
     else
-        DBG->Log(DBG_INFO, "Serial Number: " + serial_number);
+        DBG->Log(DBG_INFO, {"Serial Number: ", serial_number});
 }
 
 void MainLoop::start()
@@ -126,9 +127,11 @@ void MainLoop::drain_qos_socket()
 {
     while (receiver->ReceiveQoSPacket(buffer.data(), BUFFER_SIZE) > 0) {
         report.emplace(buffer.data(), serial_number);
-        file_logger->FL_Write(&*report);
-        if (!report->is_eos())
-            web_client->WC_Write(&*report);
+        guarded([this] {
+            file_logger->FL_Write(&*report);
+            if (!report->is_eos())
+                web_client->WC_Write(&*report);
+        });
         report.reset();
     }
 }
@@ -146,12 +149,12 @@ void MainLoop::write_voice_records(std::size_t datagram_size)
     int length = 0;
     while (const char* record = datagram.next_record(length)) {
         voice_packet.init_pcap_packet(record, length);
-        file_logger->FL_Write(&voice_packet);
+        guarded([this] { file_logger->FL_Write(&voice_packet); });
     }
-    if (datagram.bytes_left() > 0 && DBG->log_passes(DBG_WARN))
-        DBG->Log(DBG_WARN, "Dropped the rest of a voice datagram: no whole record at offset " +
-                               std::to_string(datagram.offset()) + ", " +
-                               std::to_string(datagram.bytes_left()) + " bytes left");
+    if (datagram.bytes_left() > 0)
+        DBG->Log(DBG_WARN, {"Dropped the rest of a voice datagram: no whole record at offset ",
+                            std::to_string(datagram.offset()), ", ",
+                            std::to_string(datagram.bytes_left()), " bytes left"});
 }
 
 void MainLoop::send_service_reports()
@@ -165,7 +168,7 @@ void MainLoop::send_service_report(int (*print_report)(char*))
     if (print_report(buffer.data()) == 0)
         return;
     report.emplace(buffer.data(), serial_number);
-    web_client->WC_Write(&*report);
+    guarded([this] { web_client->WC_Write(&*report); });
     report.reset();
 }
 

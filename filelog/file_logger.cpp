@@ -10,6 +10,7 @@
 #include "config/config_file.h"
 #include "config/keys.h"
 #include "config/limits.h"
+#include "log/guarded.h"
 #include "log/scoped_lock.h"
 #include "log/simple_logger.h"
 #include "records/qos_packet.h"
@@ -62,6 +63,7 @@ int queue_line(std::string& buffer, int& lost, std::string_view line)
         count_lost(lost);
         return 0;
     }
+    buffer.reserve(buffer.size() + line.size() + 1);  // both go in, or, without memory, neither
     buffer += line;
     buffer += '\n';
     return static_cast<int>(line.size() + 1);
@@ -72,19 +74,8 @@ void report_lost(const char* what, int& lost)
 {
     if (lost == 0)
         return;
-    DBG->Log(DBG_WARN, what + std::to_string(lost) + "messages lost");
+    DBG->Log(DBG_WARN, {what, std::to_string(lost), "messages lost"});
     lost = 0;
-}
-
-// Runs one step of the writer; a file that cannot be written must not end the thread.
-template <typename Step>
-void guarded(Step step)
-{
-    try {
-        step();
-    } catch (const std::exception& error) {
-        DBG->Log(DBG_ERROR, error.what());
-    }
 }
 
 }  // namespace
@@ -169,7 +160,7 @@ void FileLogger::fl_create_file(std::size_t slot, const OutputFile& output)
             std::make_unique<FileObject>(output.header, output.header_length, stat_dir, output.name,
                                          output.extension, output.max_size, output.max_archives);
     } catch (const std::exception& error) {
-        DBG->Log(DBG_ERROR, stat_dir + output.default_name + " Unable to open: " + error.what());
+        DBG->Log(DBG_ERROR, {stat_dir, output.default_name, " Unable to open: ", error.what()});
     }
 }
 
@@ -182,8 +173,8 @@ bool FileLogger::fl_init_locks()
         return true;
     }
     fl_cleanup();
-    DBG->Log(DBG_ERROR, "Unable to init mutex for FileLogger. Error: " + std::to_string(qos_rc) +
-                            "," + std::to_string(rtp_rc));
+    DBG->Log(DBG_ERROR, {"Unable to init mutex for FileLogger. Error: ", std::to_string(qos_rc),
+                         ",", std::to_string(rtp_rc)});
     return false;
 }
 
@@ -197,7 +188,8 @@ void FileLogger::fl_start()
     }
     writer_running = false;  // nothing to join
     fl_cleanup();
-    DBG->Log(DBG_ERROR, "Unable to create new thread for FileLogger. Error: " + std::to_string(rc));
+    DBG->Log(DBG_ERROR,
+             {"Unable to create new thread for FileLogger. Error: ", std::to_string(rc)});
 }
 
 void FileLogger::fl_stop()
@@ -216,8 +208,7 @@ int FileLogger::FL_Write(QoSPacket* packet)
 {
     const bool session = packet->is_not_eos();
     if (!session && !packet->is_eos()) {
-        if (DBG->log_passes(DBG_TRACE))
-            DBG->Log(DBG_TRACE, "FileLogger::FL_Write Ignoring unknown event.");
+        DBG->Log(DBG_TRACE, "FileLogger::FL_Write Ignoring unknown event.");
         return -1;
     }
     const std::string_view line = packet->log_string();
@@ -227,8 +218,7 @@ int FileLogger::FL_Write(QoSPacket* packet)
         queued =
             session ? queue_line(stat_buf, stat_lost, line) : queue_line(eos_buf, eos_lost, line);
     }
-    if (DBG->log_passes(DBG_DEBUG))
-        DBG->Log(DBG_DEBUG, "FileLogger::FL_Write new event: " + std::string(line));
+    DBG->Log(DBG_DEBUG, {"FileLogger::FL_Write new event: ", line});
     return queued;
 }
 
@@ -251,8 +241,8 @@ int FileLogger::FL_Write(VoicePacket* packet)
         buffered = rtp_buf.size();
     }
     if (DBG->log_passes(DBG_DEBUG))
-        DBG->Log(DBG_DEBUG, "FileLogger::FL_Write new voice event " + std::to_string(size) +
-                                " bytes. Total in buffer: " + std::to_string(buffered));
+        DBG->Log(DBG_DEBUG, {"FileLogger::FL_Write new voice event ", std::to_string(size),
+                             " bytes. Total in buffer: ", std::to_string(buffered)});
     return queued;
 }
 
@@ -316,8 +306,7 @@ void FileLogger::fl_write_file(Qos_Stat_Type type, bool sync, bool force)
     const std::string block = file->fobj_take_block(buffer, last_write, tail_timeout, force);
     if (block.empty())
         return;
-    if (DBG->log_passes(DBG_DEBUG))
-        DBG->Log(DBG_DEBUG, "FileLogger::fl_write_file - writing block: \n" + block);
+    DBG->Log(DBG_DEBUG, {"FileLogger::fl_write_file - writing block: \n", block});
     (void)file->fobj_write(block, sync);  // what it does not take is lost: nothing is retried
     last_write = time(nullptr);
 }
@@ -345,8 +334,8 @@ void FileLogger::fl_write_rtp_dump(bool sync, bool force)
     if (block.empty())
         return;
     if (DBG->log_passes(DBG_DEBUG))
-        DBG->Log(DBG_DEBUG, "FileLogger::fl_write_rtp_dump - writing block: " +
-                                std::to_string(block.size()) + " bytes");
+        DBG->Log(DBG_DEBUG, {"FileLogger::fl_write_rtp_dump - writing block: ",
+                             std::to_string(block.size()), " bytes"});
     (void)file->fobj_write(block, sync);  // as above
     rtp_last_write = time(nullptr);
 }

@@ -42,7 +42,8 @@ public:
 
     // Queues the statistics line of a report, or one pcap record. Returns the bytes queued, 0
     // when the buffer was full or voice dumping is off, -1 for an unknown event. The owner's
-    // thread; waits for a write of the same kind that is under way.
+    // thread; waits for a write of the same kind that is under way. Throws std::bad_alloc; nothing
+    // is queued then.
     int FL_Write(QoSPacket* packet);
     int FL_Write(VoicePacket* packet);
 
@@ -61,8 +62,9 @@ public:
 
     // One write step for one file: moves the whole 1024-byte blocks of its buffer, or all of it
     // when the tail is old, the file is to rotate or force is set. sync makes the file object flush
-    // it to disk. Throws what FileObject::fobj_write throws; the block is lost then. Writer thread
-    // only.
+    // it to disk. Throws what FileObject::fobj_write throws; the block is lost when the file could
+    // not be opened. Throws std::bad_alloc when there is no memory for the block, which stays
+    // buffered. Writer thread only.
     void fl_write_file(Qos_Stat_Type type, bool sync, bool force);
 
     // The same for the voice dump; also adapts the writer's pause to the voice traffic.

@@ -31,12 +31,6 @@ constexpr const char* STAMP_FORMAT = "_%F_%H-%M-%S";
 constexpr std::string_view STAMP_FORM = "_dddd-dd-dd_dd-dd-dd";  // d: a digit
 constexpr unsigned COUNTER_DIGITS = 3;
 
-// "No space left on device (28)"
-std::string error_text(int err)
-{
-    return std::string(std::strerror(err)) + " (" + std::to_string(err) + ")";
-}
-
 bool is_digit(char c)
 {
     return std::isdigit(static_cast<unsigned char>(c)) != 0;
@@ -115,20 +109,20 @@ void FileObject::fobj_create_directory() const
     }
     const int err = errno;
     if (err != EEXIST)
-        DBG->Log(DBG_ERROR, "Failed to create directory " + _directory + " (" +
-                                std::to_string(err) + ": " + std::strerror(err) + ")");
+        DBG->Log(DBG_ERROR, {"Failed to create directory ", _directory, " (", std::to_string(err),
+                             ": ", std::strerror(err), ")"});
 }
 
 void FileObject::fobj_open()
 {
     if (_fd != -1) {
-        DBG->Log(DBG_INFO, "Ignoring file open request, file already open: " + _path);
+        DBG->Log(DBG_INFO, {"Ignoring file open request, file already open: ", _path});
         return;
     }
     _fd = open(_path.c_str(), O_WRONLY | O_CREAT | O_APPEND, FILE_MODE);
     if (_fd == -1)
         throw std::runtime_error("Failed to open " + _path);
-    DBG->Log(DBG_INFO, "Opened for writing " + _path);
+    DBG->Log(DBG_INFO, {"Opened for writing ", _path});
 
     struct stat info {};
     if (stat(_path.c_str(), &info) == -1)
@@ -145,8 +139,7 @@ void FileObject::fobj_write_header()
     if (write(_fd, _header, length) != static_cast<ssize_t>(length))
         throw std::runtime_error("Failed to write header to the " + _path);
     _size += length;
-    DBG->Log(DBG_DEBUG,
-             "Written file header to " + _path + "(" + std::to_string(length) + " bytes)");
+    DBG->Log(DBG_DEBUG, {"Written file header to ", _path, "(", std::to_string(length), " bytes)"});
 }
 
 void FileObject::fobj_close()
@@ -156,7 +149,7 @@ void FileObject::fobj_close()
         (void)close(_fd);
         _fd = -1;
     }
-    DBG->Log(DBG_INFO, "Closed file: " + _path);
+    DBG->Log(DBG_INFO, {"Closed file: ", _path});
 }
 
 std::string FileObject::fobj_take_block(std::string& buffer, time_t last_write, time_t tail_timeout,
@@ -168,7 +161,7 @@ std::string FileObject::fobj_take_block(std::string& buffer, time_t last_write, 
                           (length < BLOCK_SIZE && time(nullptr) - last_write > tail_timeout) ||
                           time_2_rotate() || everything;
     const std::size_t taken = take_all ? length : whole_blocks;
-    std::string block(buffer, 0, taken);
+    std::string block(buffer, 0, taken);  // may lack memory: the buffer stays whole then
     buffer.erase(0, taken);
     return block;
 }
@@ -180,13 +173,14 @@ int FileObject::fobj_write(const std::string& block, bool sync)
     if (_fd == -1)
         fobj_open();
     if (_fd == -1) {
-        DBG->Log(DBG_ERROR, "File is not open, unable to write to " + _path);
+        DBG->Log(DBG_ERROR, {"File is not open, unable to write to ", _path});
         return 0;
     }
     const ssize_t written = write(_fd, block.data(), block.size());
     if (written < 0) {
         const int err = errno;
-        DBG->Log(DBG_DEBUG, error_text(err) + " on writing to file " + _path);
+        DBG->Log(DBG_DEBUG,
+                 {std::strerror(err), " (", std::to_string(err), ") on writing to file ", _path});
         return static_cast<int>(written);
     }
     if (!fobj_rotate())  // a rotated file is closed; its successor is sized when it is opened
@@ -200,10 +194,10 @@ bool FileObject::fobj_rotate()
 {
     if (!time_2_rotate())
         return false;
+    const std::string archive = fobj_archive_path();  // may lack memory: the file stays open then
     fobj_close();
-    const std::string archive = fobj_archive_path();
     if (rename(_path.c_str(), archive.c_str()) == 0) {
-        DBG->Log(DBG_TRACE, _path + " rotated to " + archive);
+        DBG->Log(DBG_TRACE, {_path, " rotated to ", archive});
         fobj_cleanup();
     } else {
         fobj_remove_unarchived(archive, errno);
@@ -214,15 +208,16 @@ bool FileObject::fobj_rotate()
 // A full file that cannot be moved away must go, or it would grow without bound.
 void FileObject::fobj_remove_unarchived(const std::string& archive, int rename_error) const
 {
-    std::string message =
-        error_text(rename_error) + " on rotation (::rename) of " + _path + " to " + archive;
-    if (remove(_path.c_str()) == 0) {
-        message += "; deleted file instead.";
-    } else {
-        const int err = errno;
-        message.append("\n").append(error_text(err) + " on ::remove " + _path);
-    }
-    DBG->Log(DBG_ERROR, message);
+    const int err = remove(_path.c_str()) == 0 ? 0 : errno;
+    const char* const reason = std::strerror(rename_error);
+    const std::string code = std::to_string(rename_error);
+    if (err == 0)
+        DBG->Log(DBG_ERROR, {reason, " (", code, ") on rotation (::rename) of ", _path, " to ",
+                             archive, "; deleted file instead."});
+    else
+        DBG->Log(DBG_ERROR,
+                 {reason, " (", code, ") on rotation (::rename) of ", _path, " to ", archive, "\n",
+                  std::strerror(err), " (", std::to_string(err), ") on ::remove ", _path});
 }
 
 // A name that no file has yet. The counter goes on from the last rotation of the same second, even
@@ -261,11 +256,11 @@ void FileObject::fobj_cleanup()
     while (archives.size() > _max_archives) {
         const std::string& oldest = archives.begin()->name;
         if (remove(oldest.c_str()) == 0) {
-            DBG->Log(DBG_INFO, "FileObject::fobj_cleanup: successfully deleted " + oldest);
+            DBG->Log(DBG_INFO, {"FileObject::fobj_cleanup: successfully deleted ", oldest});
         } else {
             const int err = errno;
-            DBG->Log(DBG_ERROR, "FileObject::fobj_cleanup: failed to delete " + oldest + "; " +
-                                    error_text(err));
+            DBG->Log(DBG_ERROR, {"FileObject::fobj_cleanup: failed to delete ", oldest, "; ",
+                                 std::strerror(err), " (", std::to_string(err), ")"});
         }
         archives.erase(archives.begin());
     }
@@ -290,8 +285,8 @@ std::set<std::string> FileObject::fobj_list_archives() const
     const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(_directory.c_str()), closedir);
     if (listing == nullptr) {
         const int err = errno;
-        DBG->Log(DBG_ERROR,
-                 "FileObject::fobj_cleanup: failed to open " + _directory + "; " + error_text(err));
+        DBG->Log(DBG_ERROR, {"FileObject::fobj_cleanup: failed to open ", _directory, "; ",
+                             std::strerror(err), " (", std::to_string(err), ")"});
         return paths;
     }
     while (const dirent* entry = readdir(listing.get()))

@@ -17,7 +17,7 @@
 
 // One archive found by the cleanup.
 struct F_Info {
-    F_Info(std::string archive_path, long modification_time)
+    F_Info(std::string archive_path, std::int64_t modification_time)
         : name(std::move(archive_path)), time(modification_time)
     {
     }
@@ -47,18 +47,19 @@ public:
     // last two cases it stays open, and later writes go into a file that may lack its header.
     void fobj_open();
 
-    // Syncs and closes the file if it is open.
+    // Syncs and closes the file if it is open. Reports the file as closed either way.
     void fobj_close();
 
     // Appends the block, opening the file first if needed, then rotates when due, or syncs when
     // asked to. Returns the bytes written, 0 when there was nothing to write, or a negative
-    // number when the write failed. A short count is not retried. Throws as fobj_open does.
+    // number when the write failed. A short count is not retried. Throws as fobj_open does, with
+    // the block not written, and as fobj_rotate and fobj_cleanup do, with the block written.
     int fobj_write(const std::string& block, bool sync);
 
     // Cuts off the buffer what is to be written to this file now; empty when nothing is due. Whole
     // blocks of 1024 bytes keep the writes large; the tail waits until the last write (seconds
     // since the epoch) is more than tail_timeout seconds ago, unless the file is to rotate or
-    // everything is wanted. Logs nothing.
+    // everything is wanted. Logs nothing. Throws std::bad_alloc; the buffer is as it was then.
     std::string fobj_take_block(std::string& buffer, time_t last_write, time_t tail_timeout,
                                 bool everything) const;
 
@@ -66,10 +67,11 @@ public:
     bool time_2_rotate() const { return _size >= _max_size; }
 
     // Closes a full file, moves it to its archive name and removes surplus archives.
-    // Returns true when the file was closed for rotation.
+    // Returns true when the file was closed for rotation. Throws std::bad_alloc: the file is still
+    // open then, and the next write tries again, or it is moved away and surplus archives remain.
     bool fobj_rotate();
 
-    // Deletes the oldest archives beyond the maximum.
+    // Deletes the oldest archives beyond the maximum. Throws std::bad_alloc, before it deletes any.
     void fobj_cleanup();
 
 private:
@@ -88,6 +90,6 @@ private:
     unsigned _size = 0;  // as accounted here; read from disk only at open
     unsigned _max_archives;
     int _fd = -1;                // -1 while closed
-    std::string _last_stamp;     // date and time of the last rotation ...
-    unsigned _last_counter = 0;  // ... and the count of archives that it gave its name to
+    std::string _last_stamp;     // date and time in the name of the last archive
+    unsigned _last_counter = 0;  // its number among the archives of that second, from 1
 };

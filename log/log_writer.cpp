@@ -20,6 +20,19 @@ constexpr useconds_t SLEEP_US = 100000;
 // The kernel refuses names over 15 characters, so "QoS_SimpleLogger" is cut.
 constexpr const char* THREAD_NAME = "QoS_SimpleLogge";
 
+// Runs one step of the writer thread. An output that cannot be written, or a lack of memory, must
+// not end the thread: its next step tries again. The log itself is at stake here, so the reason
+// goes to standard output.
+template <typename Step>
+void guarded_writer(Step step)
+{
+    try {
+        step();
+    } catch (const std::exception& error) {
+        dbg_print_line({error.what()});
+    }
+}
+
 }  // namespace
 
 void SimpleLogger::init(ConfigFile* config)
@@ -36,7 +49,7 @@ void SimpleLogger::init(ConfigFile* config)
         return;
     _file = dbg_create_file();
     if (_file != nullptr)
-        Log(DBG_INFO, "Initialized logging. File name: " + _directory + _file_name + _extension);
+        Log(DBG_INFO, {"Initialized logging. File name: ", _directory, _file_name, _extension});
     _initialized = true;
     _initialized.notify_all();
 }
@@ -45,15 +58,15 @@ bool SimpleLogger::dbg_start_writer()
 {
     int rc = pthread_mutex_init(&_mutex, nullptr);
     if (rc != 0) {
-        dbg_print_line("Unable to init mutex for SimpleLogger. Error: " + std::to_string(rc));
+        dbg_print_line({"Unable to init mutex for SimpleLogger. Error: ", std::to_string(rc)});
         return false;
     }
     _running = true;  // before the thread exists, so that an early dbg_stop() still ends it
     rc = pthread_create(&_thread, nullptr, dbg_execute, this);
     if (rc != 0) {
         _running = false;  // nothing to join
-        dbg_print_line("Unable to create new thread for SimpleLogger. Error: " +
-                       std::to_string(rc));
+        dbg_print_line(
+            {"Unable to create new thread for SimpleLogger. Error: ", std::to_string(rc)});
         return false;
     }
     (void)pthread_setname_np(_thread, THREAD_NAME);  // a name is for the eye only
@@ -71,8 +84,8 @@ FileObject* SimpleLogger::dbg_create_file()
         return new FileObject(nullptr, 0, _directory, _file_name, _extension, limits::LOG_FILE_SIZE,
                               limits::LOG_ARCHIVES);
     } catch (const std::exception& error) {
-        dbg_print_line("Unable to open log file " + _directory + _file_name + _extension +
-                       "for writing (" + error.what() + "). Using stdout instead.");
+        dbg_print_line({"Unable to open log file ", _directory, _file_name, _extension,
+                        "for writing (", error.what(), "). Using stdout instead."});
         return nullptr;
     }
 }
@@ -94,23 +107,13 @@ void SimpleLogger::dbg_run()
 {
     _initialized.wait(false);  // init() creates the file object after this thread
     if (_file != nullptr)
-        _file->fobj_cleanup();
+        guarded_writer([this] { _file->fobj_cleanup(); });
     while (_running) {
-        dbg_write_pass(false, false);
+        guarded_writer([this] { dbg_write_file(false, false); });
         usleep(SLEEP_US);
     }
     Log(DBG_INFO, "Terminating SimpleLogger thread...");
-    dbg_write_pass(true, true);
-}
-
-// An output that cannot be written must not end the thread: its next pass tries again.
-void SimpleLogger::dbg_write_pass(bool sync, bool flush_all)
-{
-    try {
-        dbg_write_file(sync, flush_all);
-    } catch (const std::exception& error) {
-        dbg_print_line(error.what());
-    }
+    guarded_writer([this] { dbg_write_file(true, true); });
 }
 
 void SimpleLogger::dbg_write_file(bool sync, bool flush_all)
@@ -131,13 +134,13 @@ std::string SimpleLogger::dbg_take_block(bool flush_all)
     if (_buffer.empty())
         return "";
     if (_file == nullptr) {
-        dbg_print_line(_buffer);
+        dbg_print_line({_buffer});
         _buffer.clear();
         return "";
     }
     if (_lost != 0) {
-        _buffer += dbg_format_line(DBG_WARN, "LOG FILE WRITE OVERFLOW: " + std::to_string(_lost) +
-                                                 "messages lost");
+        _buffer += dbg_format_line(
+            DBG_WARN, {"LOG FILE WRITE OVERFLOW: ", std::to_string(_lost), "messages lost"});
         _lost = 0;
     }
     return _file->fobj_take_block(_buffer, _last_write_time, TAIL_TIMEOUT_SECONDS, flush_all);

@@ -2,9 +2,9 @@
 
 #include "log/simple_logger.h"
 
-void LoggerHelper::LogStr(DbgLevel level, const std::string& text) const
+void LoggerHelper::LogStr(DbgLevel level, LogPieces pieces) const noexcept
 {
-    DBG->Log(group->index, level, text);
+    DBG->Log(group->index, level, pieces);
 }
 
 void LoggerHelper::create_group(int configured_level, const std::string& name)

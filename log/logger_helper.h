@@ -7,8 +7,12 @@
 
 class LoggerHelper {
 public:
-    // Logs through the object's own group. Any thread.
-    void LogStr(DbgLevel level, const std::string& text) const;
+    // Logs through the object's own group. Any thread. Never throws.
+    void LogStr(DbgLevel level, std::string_view text) const noexcept
+    {
+        LogStr(level, LogPieces{text});
+    }
+    void LogStr(DbgLevel level, LogPieces pieces) const noexcept;
 
     // True when LogStr would let this level through: asked before a costly text is composed.
     bool log_passes(DbgLevel level) const { return level <= group->level; }

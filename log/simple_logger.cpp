@@ -1,10 +1,10 @@
 // Groups, filter, line layout and buffer. What writes to disk is in log_writer.cpp.
 #include "log/simple_logger.h"
 
-#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 
 #include "log/scoped_lock.h"
 #include "log/utils.h"
@@ -12,11 +12,7 @@
 namespace {
 
 constexpr std::size_t MAX_BUFFERED = 102400;
-
-// Threads read the list without a lock while the main thread still registers groups at start-up:
-// within the room reserved no element moves, and the count tells which are there.
-constexpr std::size_t RESERVED_GROUPS = 64;
-
+constexpr std::size_t USUAL_DECORATION = 41;  // "Nov-14 22:13:20.123  [ERROR] [0xFFFFFF] " and "\n"
 constexpr std::uintptr_t THREAD_ID_MASK = 0xFFFFFF;
 
 }  // namespace
@@ -27,36 +23,28 @@ SimpleLogger* SimpleLogger::getInstance()
     return &logger;
 }
 
-SimpleLogger::SimpleLogger()
-{
-    _groups.reserve(RESERVED_GROUPS);
-}
-
 SimpleLogger::~SimpleLogger()
 {
     dbg_stop();
-    _group_count = 0;
-    // The groups live until the process ends. Kept in a list that is never destroyed, they stay
-    // in somebody's hands for a leak checker too.
-    static auto* const kept_groups = new std::vector<DebugGroup*>;
-    kept_groups->swap(_groups);
+    _group_count = 0;  // the groups themselves live until the process ends
 }
 
 int SimpleLogger::register_dbg_group(DebugGroup* group)
 {
-    if (group == nullptr)
+    const int index = _group_count;
+    if (group == nullptr || index == MAX_GROUPS)
         return -1;
-    group->index = _group_count;
-    _groups.push_back(group);
-    _group_count++;
-    return group->index;
+    _groups[static_cast<std::size_t>(index)] = group;
+    group->index = index;
+    _group_count = index + 1;  // last: from now on other threads read the element
+    return index;
 }
 
 bool SimpleLogger::dbg_group_passes(int group_index, DbgLevel level) const
 {
     if (group_index < 0 || group_index >= _group_count)
         return false;
-    return level <= (*(_groups.begin() + group_index))->level;
+    return level <= _groups[static_cast<std::size_t>(group_index)]->level;
 }
 
 bool SimpleLogger::log_passes(DbgLevel level) const
@@ -64,19 +52,37 @@ bool SimpleLogger::log_passes(DbgLevel level) const
     return dbg_group_passes(DEFAULT_GROUP, level);
 }
 
-void SimpleLogger::Log(int group_index, DbgLevel level, const std::string& text)
+void SimpleLogger::Log(int group_index, DbgLevel level, LogPieces pieces) noexcept
 {
     if (!dbg_group_passes(group_index, level))
         return;
     if (!_initialized) {
-        dbg_print_line(text);
+        dbg_print_line(pieces);
         return;
     }
-    const std::string line = dbg_format_line(level, text);
+    bool buffered = false;
+    try {
+        buffered = dbg_buffer_line(dbg_format_line(level, pieces));
+    } catch (const std::exception&) {
+        // No memory for the line: it is as lost as one that finds the buffer full.
+    }
+    if (!buffered)
+        dbg_count_lost();
+}
+
+bool SimpleLogger::dbg_buffer_line(const std::string& line)
+{
     const ScopedLock lock(_mutex);
-    if (_buffer.size() <= MAX_BUFFERED)
-        _buffer += line;
-    else if (_lost < INT_MAX)  // nobody resets it when there is no file
+    if (_buffer.size() > MAX_BUFFERED)
+        return false;
+    _buffer += line;
+    return true;
+}
+
+void SimpleLogger::dbg_count_lost()
+{
+    const ScopedLock lock(_mutex);
+    if (_lost < INT_MAX)  // nobody resets it when there is no file
         _lost++;
 }
 
@@ -97,24 +103,34 @@ std::string SimpleLogger::dbg_level_2_str(DbgLevel level)
     return "[UNKNOWN]";
 }
 
-std::string dbg_format_line(DbgLevel level, const std::string& text)
+std::string dbg_format_line(DbgLevel level, LogPieces pieces)
 {
-    std::array<char, sizeof " [0xFFFFFF] "> thread_id{};
+    Utils::Stamp stamp;
+    char thread_id[sizeof " [0xFFFFFF] "];
     std::snprintf(
-        thread_id.data(), thread_id.size(), " [0x%x] ",
+        thread_id, sizeof thread_id, " [0x%x] ",
         static_cast<unsigned>(static_cast<std::uintptr_t>(pthread_self()) & THREAD_ID_MASK));
-    std::string line = Utils::t_stamp();
-    line += ' ';
-    line += SimpleLogger::dbg_level_2_str(level);
-    line += thread_id.data();
-    line += text;
+    std::size_t length = USUAL_DECORATION;
+    for (const std::string_view piece : pieces)
+        length += piece.size();
+    std::string line;
+    line.reserve(length);
+    line.append(Utils::t_stamp(stamp)).append(" ").append(SimpleLogger::dbg_level_2_str(level));
+    line.append(thread_id);
+    for (const std::string_view piece : pieces)
+        line += piece;
     line += '\n';
     return line;
 }
 
-void dbg_print_line(const std::string& text)
+// Allocates nothing: it is also where a lack of memory is reported. A failed write has nowhere left
+// to be reported.
+void dbg_print_line(LogPieces pieces)
 {
-    const std::string line = text + "\n";
-    (void)std::fwrite(line.data(), 1, line.size(), stdout);  // nowhere left to report a failure
+    flockfile(stdout);
+    for (const std::string_view piece : pieces)
+        (void)std::fwrite(piece.data(), 1, piece.size(), stdout);
+    (void)std::fputc('\n', stdout);
     (void)std::fflush(stdout);
+    funlockfile(stdout);
 }

@@ -12,10 +12,11 @@
 
 #include <pthread.h>
 
+#include <array>
 #include <atomic>
 #include <ctime>
 #include <string>
-#include <vector>
+#include <string_view>
 
 #include "log/debug_group.h"
 
@@ -35,16 +36,24 @@ public:
     // exists; does nothing for a null configuration or when already initialised.
     void init(ConfigFile* config);
 
-    // Adds a group and returns its index, or -1 for null. Main thread, at start-up.
+    // Adds a group and returns its index, or -1, with the group unchanged, for null and for a group
+    // too many: there is room for 64. Main thread, at start-up.
     int register_dbg_group(DebugGroup* group);
 
-    // Logs one message through a group. Before init(), or after one that failed, a message that
-    // passes is printed at once, as bare text. Dropped silently when the index names no group or
-    // the level exceeds the group's; counted as lost when the buffer is full. Any thread.
-    void Log(int group_index, DbgLevel level, const std::string& text);
+    // Logs one message through a group. Any thread. Never throws.
+    // Dropped silently when the index names no group, as all do before the first is registered, or
+    // when the level exceeds the group's. Until init() has ended, and after one that failed,
+    // printed at once as bare text. Buffered otherwise; counted as lost when the buffer is full or
+    // memory is short. After dbg_stop() it is still buffered, and never written.
+    void Log(int group_index, DbgLevel level, LogPieces pieces) noexcept;
+    void Log(int group_index, DbgLevel level, std::string_view text) noexcept
+    {
+        Log(group_index, level, LogPieces{text});
+    }
 
     // The same through the group "DEFAULT".
-    void Log(DbgLevel level, const std::string& text) { Log(DEFAULT_GROUP, level, text); }
+    void Log(DbgLevel level, LogPieces pieces) noexcept { Log(DEFAULT_GROUP, level, pieces); }
+    void Log(DbgLevel level, std::string_view text) noexcept { Log(DEFAULT_GROUP, level, text); }
 
     // True when Log(level, ...) would let the message through: asked before a costly text is
     // composed. Any thread.
@@ -62,29 +71,36 @@ public:
 
     // One writer pass: whole blocks, or everything when flush_all is set or a tail is old enough.
     // Passes sync on to the file. Throws what FileObject::fobj_write throws; the block is lost
-    // then. Writer thread only.
+    // then. Throws std::bad_alloc when there is no memory for the block, which stays buffered.
+    // Writer thread only.
     void dbg_write_file(bool sync, bool flush_all);
 
     // The tag of a level: 7 characters, or "[UNKNOWN]".
     static std::string dbg_level_2_str(DbgLevel level);
 
 private:
-    SimpleLogger();
+    SimpleLogger() = default;
     ~SimpleLogger();
 
     static constexpr int DEFAULT_GROUP = 0;
+    static constexpr int MAX_GROUPS = 64;
 
     bool dbg_group_passes(int group_index, DbgLevel level) const;
     bool dbg_start_writer();
     FileObject* dbg_create_file();
-    void dbg_write_pass(bool sync, bool flush_all);
+    bool dbg_buffer_line(const std::string& line);
+    void dbg_count_lost();
     std::string dbg_take_block(bool flush_all);
 
-    std::vector<DebugGroup*> _groups;       // not owned
-    std::atomic<int> _group_count{0};       // what other threads may read of _groups
+    // An array, since threads read it without a lock while the main thread still registers groups:
+    // no element ever moves, and the count tells which are there. Not owned.
+    std::array<DebugGroup*, MAX_GROUPS> _groups{};
+    std::atomic<int> _group_count{0};
     std::atomic<bool> _initialized{false};  // set last in init(): the writer waits for it
     pthread_t _thread{};
-    pthread_mutex_t _mutex{};  // guards _buffer and _lost; valid once _initialized
+    // Guards _buffer and _lost; valid once _initialized. Not held while _file is at work, which
+    // logs through this logger.
+    pthread_mutex_t _mutex{};
     std::atomic<bool> _running{false};
     std::string _buffer;          // formatted lines not yet written
     time_t _last_write_time = 0;  // writer thread only
@@ -99,8 +115,8 @@ private:
 // initialisers must not log: it may not be set yet when they run.
 extern SimpleLogger* const DBG;
 
-// One line of the log: time stamp, tag, thread identifier of the caller, text.
-std::string dbg_format_line(DbgLevel level, const std::string& text);
+// One line of the log: time stamp, tag, thread identifier of the caller, message.
+std::string dbg_format_line(DbgLevel level, LogPieces pieces);
 
-// Writes the text and a newline to standard output and flushes it. Any thread.
-void dbg_print_line(const std::string& text);
+// Writes the message and a newline to standard output and flushes it. Any thread.
+void dbg_print_line(LogPieces pieces);

@@ -5,16 +5,22 @@
 
 #include <sys/time.h>
 
+#include <array>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 class Utils {
 public:
+    // Room for any of the texts and the zero byte behind it.
+    using Stamp = std::array<char, 128>;
+
     // Local calendar time. A time beyond what the calendar can hold gives the epoch's.
     static tm local_time(time_t seconds);
 
     // The current time as t_stamp(now, false), for example "Nov-14 22:13:20.123 ".
     static std::string t_stamp();
+    static std::string_view t_stamp(Stamp& buffer);
 
     // "Nov-14 22:13:20.123 ", or "22:13:20.123 " when time_only. Ends with a blank.
     // Microseconds outside 0..999999 are not corrected: they print as they divide.
@@ -22,4 +28,8 @@ public:
 
     // "2023-Nov-14 22:13:20.123 +0000": 30 characters for a four-digit year.
     static std::string t_stamp_tz(const timeval& tv);
+
+    // The same texts without an allocation: zero-terminated in the caller's buffer.
+    static std::string_view t_stamp(const timeval& tv, bool time_only, Stamp& buffer);
+    static std::string_view t_stamp_tz(const timeval& tv, Stamp& buffer);
 };

@@ -13,15 +13,6 @@
 #include "config/keys.h"
 #include "log/simple_logger.h"
 
-namespace {
-
-std::string errno_suffix(unsigned short port, int err)
-{
-    return std::to_string(port) + "(errno: " + std::to_string(err) + ")";
-}
-
-}  // namespace
-
 NetReceiver::NetReceiver(ConfigFile* config)
 {
     if (config == nullptr)
@@ -56,14 +47,18 @@ void NetReceiver::init_listen_port(unsigned short port, int& sock)
     const int flags = fcntl(sock, F_GETFL);
     if (flags < 0 || fcntl(sock, F_SETFL, flags | O_NONBLOCK) < 0)
         nr_fail_port("NetReceiver() unable to set O_NONBLOCK to port: ", port);
-    LogStr(DBG_INFO, "NetReceiver is listening on port " + std::to_string(port));
+    LogStr(DBG_INFO, {"NetReceiver is listening on port ", std::to_string(port)});
 }
 
 void NetReceiver::nr_fail_port(const char* what, unsigned short port)
 {
-    const int err = errno;
-    LogStr(DBG_ERROR, what + errno_suffix(port, err));
+    nr_log_errno(what, port, errno);
     throw std::invalid_argument("NetReceiver() fatal error...");
+}
+
+void NetReceiver::nr_log_errno(const char* what, unsigned short port, int err) const
+{
+    LogStr(DBG_ERROR, {what, std::to_string(port), "(errno: ", std::to_string(err), ")"});
 }
 
 void NetReceiver::init_fd_set()
@@ -80,7 +75,8 @@ int NetReceiver::WaitForPackets(unsigned int timeoutMs)
     init_fd_set();
     const int ready = poll(fds.data(), nfds, static_cast<int>(timeoutMs));
     if (ready < 0)
-        LogStr(DBG_ERROR, "NetReceiver select() failed: " + std::to_string(ready));
+        // The text is the one that readers of the log look for, whatever call waits.
+        LogStr(DBG_ERROR, {"NetReceiver select() failed: ", std::to_string(ready)});
     return ready;
 }
 
@@ -116,15 +112,15 @@ int NetReceiver::receive_packet(char* buf, int size, unsigned short port, int& s
     if (received < 0) {
         const int err = errno;
         if (err != EAGAIN)
-            LogStr(DBG_ERROR, "NetReceiver() recvfrom failed on port: " + errno_suffix(port, err));
+            nr_log_errno("NetReceiver() recvfrom failed on port: ", port, err);
         return received;
     }
     buf[received] = '\0';
     if (received > 0 && log_passes(DBG_DEBUG)) {
         if (port == voice_port)
-            LogStr(DBG_DEBUG, ">>>>> New Voice packet: " + std::to_string(received) + " bytes");
+            LogStr(DBG_DEBUG, {">>>>> New Voice packet: ", std::to_string(received), " bytes"});
         else
-            LogStr(DBG_DEBUG, std::string(">>>>> New QoS packet:\n") + buf);
+            LogStr(DBG_DEBUG, {">>>>> New QoS packet:\n", buf});
     }
     return received;
 }
@@ -133,7 +129,7 @@ void NetReceiver::close_port(unsigned short port, int& sock)
 {
     if (sock <= 0)
         return;
-    LogStr(DBG_INFO, "NetReceiver closing port " + std::to_string(port));
+    LogStr(DBG_INFO, {"NetReceiver closing port ", std::to_string(port)});
     for (nfds_t entry = 0; entry < nfds; entry++) {
         if (fds[entry].fd == sock) {
             fds[entry] = {};

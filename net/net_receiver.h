@@ -53,6 +53,7 @@ public:
 private:
     bool nr_is_readable(nfds_t entry, int sock) const;
     [[noreturn]] void nr_fail_port(const char* what, unsigned short port);
+    void nr_log_errno(const char* what, unsigned short port, int err) const;
 
     unsigned short qos_port = 0;
     int qos_sock = 0;  // 0: no socket

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "log/simple_logger.h"
 #include "log/utils.h"
@@ -74,37 +75,52 @@ constexpr std::array<std::string_view, UNKNOWN_KEY> KEYS = {
 constexpr std::size_t KEY_PREFIX_LENGTH = std::string_view("QOS_EV_").size();
 constexpr std::size_t SLOT_COUNT = 64;
 
-// The text must be longer than the prefix. The factors are chosen so that no two keys collide.
-constexpr std::size_t slot_of(std::string_view key)
+struct Factors {
+    std::size_t length, first, last;
+};
+
+// The text must be longer than the prefix.
+constexpr std::size_t slot_of(std::string_view key, Factors factors)
 {
     const std::size_t first = static_cast<unsigned char>(key[KEY_PREFIX_LENGTH]);
     const std::size_t last = static_cast<unsigned char>(key.back());
-    return (2 * key.size() + 3 * first + last) % SLOT_COUNT;
+    return (factors.length * key.size() + factors.first * first + factors.last * last) % SLOT_COUNT;
 }
 
-constexpr std::array<std::uint8_t, SLOT_COUNT> key_slots()
+constexpr bool keep_keys_apart(Factors factors)
+{
+    std::array<bool, SLOT_COUNT> taken{};
+    for (const std::string_view key : KEYS)
+        if (std::exchange(taken[slot_of(key, factors)], true))
+            return false;
+    return true;
+}
+
+// The smallest factors that give each key a slot of its own.
+consteval Factors find_factors()
+{
+    for (std::size_t length = 1; length < SLOT_COUNT; length++)
+        for (std::size_t first = 1; first < SLOT_COUNT; first++)
+            if (keep_keys_apart({length, first, 1}))
+                return {length, first, 1};
+    throw SLOT_COUNT;  // does not compile: it is too small
+}
+constexpr Factors FACTORS = find_factors();
+
+consteval std::array<std::uint8_t, SLOT_COUNT> key_slots()
 {
     std::array<std::uint8_t, SLOT_COUNT> slots{};
     slots.fill(UNKNOWN_KEY);
     for (std::size_t index = 0; index < KEYS.size(); index++)
-        slots[slot_of(KEYS[index])] = static_cast<std::uint8_t>(index);
+        slots[slot_of(KEYS[index], FACTORS)] = static_cast<std::uint8_t>(index);
     return slots;
 }
 constexpr std::array<std::uint8_t, SLOT_COUNT> KEY_SLOTS = key_slots();
 
-constexpr bool every_key_has_its_slot()
-{
-    for (std::size_t index = 0; index < KEYS.size(); index++)
-        if (KEY_SLOTS[slot_of(KEYS[index])] != index)
-            return false;
-    return true;
-}
-static_assert(every_key_has_its_slot());
-
-constexpr char NEAREND[] = "QOS_NEAREND";
-constexpr char FAREND[] = "QOS_FAREND";
-constexpr char EOS_NEAREND[] = "QOS_EOS_NEAREND";
-constexpr char EOS_FAREND[] = "QOS_EOS_FAREND";
+constexpr const char* NEAREND = "QOS_NEAREND";
+constexpr const char* FAREND = "QOS_FAREND";
+constexpr const char* EOS_NEAREND = "QOS_EOS_NEAREND";
+constexpr const char* EOS_FAREND = "QOS_EOS_FAREND";
 
 constexpr const char* NEAR_END_WORD = "near_end";
 constexpr const char* FAR_END_WORD = "far_end";
@@ -112,40 +128,19 @@ constexpr const char* FAR_END_WORD = "far_end";
 // Where every scan of a report ends.
 constexpr std::size_t TEXT_LIMIT = 1023;
 
-std::uint64_t word_at(const char* text)
-{
-    std::uint64_t word = 0;
-    std::memcpy(&word, text, sizeof word);
-    return word;
-}
-
-// Whether two texts of one length, a word or more, are the same. They are so short that calling
-// memcmp would cost more than comparing them.
-bool same_text(const char* a, const char* b, std::size_t length)
-{
-    constexpr std::size_t WORD = sizeof(std::uint64_t);
-    for (std::size_t offset = 0; offset + WORD < length; offset += WORD)
-        if (word_at(a + offset) != word_at(b + offset))
-            return false;
-    return word_at(a + length - WORD) == word_at(b + length - WORD);
-}
-
 // The index of a key, or UNKNOWN_KEY.
 inline std::size_t find_key(std::string_view key)
 {
     if (key.size() <= KEY_PREFIX_LENGTH)
         return UNKNOWN_KEY;
-    const std::size_t index = KEY_SLOTS[slot_of(key)];
-    const bool found = index != UNKNOWN_KEY && KEYS[index].size() == key.size() &&
-                       same_text(KEYS[index].data(), key.data(), key.size());
-    return found ? index : std::size_t{UNKNOWN_KEY};
+    const std::size_t index = KEY_SLOTS[slot_of(key, FACTORS)];
+    return index != UNKNOWN_KEY && KEYS[index] == key ? index : std::size_t{UNKNOWN_KEY};
 }
 
 // Cold: inlined, it would keep the compiler from inlining the rest of the parsing.
 [[gnu::cold]] void ignore_key(std::string_view key)
 {
-    if (DBG->log_passes(DBG_WARN))
-        DBG->Log(DBG_WARN, "ignoring unknown key: " + std::string(key));
+    DBG->Log(DBG_WARN, {"ignoring unknown key: ", key});
 }
 
 }  // namespace
@@ -155,10 +150,8 @@ QoSPacket::QoSPacket(const char* text, const std::string& serial)
     for (auto& field : _fields)
         field[0] = '\0';
     extract_keys(text);
-    if (*text_of(SERIAL_NUM) == '\0') {
-        const std::string_view number = serial.empty() ? "0" : std::string_view(serial);
-        store(SERIAL_NUM, number, std::min(number.size(), TEXT_LIMIT));
-    }
+    if (*text_of(SERIAL_NUM) == '\0')
+        store(SERIAL_NUM, serial.empty() ? "0" : std::string_view(serial).substr(0, TEXT_LIMIT));
     build_lines();
 }
 
@@ -170,26 +163,23 @@ QoSPacket::~QoSPacket()
 
 void QoSPacket::extract_keys(const char* text)
 {
-    const std::size_t length = strnlen(text, TEXT_LIMIT + 1);
-    const bool too_long = length > TEXT_LIMIT;
-    const bool cut_in_line = too_long && text[TEXT_LIMIT] != '\n';
+    const std::size_t length = strnlen(text, TEXT_LIMIT + 2);
+    const bool cut_in_line = length > TEXT_LIMIT && text[TEXT_LIMIT] != '\n';
+    const bool too_long = cut_in_line || length > TEXT_LIMIT + 1;
     std::string_view rest(text, std::min(length, TEXT_LIMIT));
     while (!rest.empty()) {
         const std::size_t line_feed = rest.find('\n');
         const bool last = line_feed == std::string_view::npos;
-        const std::size_t line_length = last ? rest.size() : line_feed;
-        extract_line(rest, line_length, last && cut_in_line);
-        rest.remove_prefix(last ? line_length : line_length + 1);
+        extract_line(rest.substr(0, line_feed), last && cut_in_line);
+        rest.remove_prefix(last ? rest.size() : line_feed + 1);
     }
-    if (too_long && DBG->log_passes(DBG_WARN))
-        DBG->Log(DBG_WARN, "ignoring what follows the first " + std::to_string(TEXT_LIMIT) +
-                               " characters of a QoS report");
+    if (too_long)
+        DBG->Log(DBG_WARN, {"ignoring what follows the first ", std::to_string(TEXT_LIMIT),
+                            " characters of a QoS report"});
 }
 
-// The line is the first length characters of the text.
-void QoSPacket::extract_line(std::string_view text, std::size_t length, bool cut_off)
+void QoSPacket::extract_line(std::string_view line, bool cut_off)
 {
-    const std::string_view line = text.substr(0, length);
     const std::size_t equals = line.find('=');
     const bool has_value = equals != std::string_view::npos;
     // A key that was cut off may look like a shorter one.
@@ -199,10 +189,8 @@ void QoSPacket::extract_line(std::string_view text, std::size_t length, bool cut
     const std::size_t index = find_key(key);
     if (index == UNKNOWN_KEY)
         ignore_key(key);
-    else if (has_value)
-        store(index, text.substr(equals + 1), length - equals - 1);
     else
-        store(index, "", 0);
+        store(index, has_value ? line.substr(equals + 1) : "");
 }
 
 int QoSPacket::key_to_index(const char* key) const
@@ -210,27 +198,18 @@ int QoSPacket::key_to_index(const char* key) const
     return static_cast<int>(find_key(key));
 }
 
-// The value is the first length characters of the text, at most TEXT_LIMIT, so that the zero byte
-// always has its place. Most values are short: copied as one block, together with whatever follows
-// them, they need no call.
-void QoSPacket::store(std::size_t index, std::string_view text, std::size_t length)
+// The value has TEXT_LIMIT characters at most, so that the zero byte always has its place.
+void QoSPacket::store(std::size_t index, std::string_view value)
 {
-    constexpr std::size_t BLOCK = 16;
-    static_assert(BLOCK < FIELD_SIZE && TEXT_LIMIT < FIELD_SIZE);
+    static_assert(TEXT_LIMIT < FIELD_SIZE);
     char* const field = _fields[index].data();
-    if (length <= BLOCK && BLOCK <= text.size())
-        std::memcpy(field, text.data(), BLOCK);
-    else
-        std::memcpy(field, text.data(), length);
-    field[length] = '\0';
+    std::memcpy(field, value.data(), value.size());
+    field[value.size()] = '\0';
 }
 
-// Compares the zero byte too. Of a known size, it needs no call, and a report is asked seven times.
-template <std::size_t SIZE>
-bool QoSPacket::has_type(const char (&type)[SIZE]) const
+bool QoSPacket::has_type(const char* type) const
 {
-    static_assert(SIZE <= FIELD_SIZE);
-    return std::memcmp(text_of(TYPE), type, SIZE) == 0;
+    return std::strcmp(text_of(TYPE), type) == 0;
 }
 
 bool QoSPacket::is_eos() const
@@ -255,8 +234,10 @@ double QoSPacket::double_of(std::size_t index) const
 
 timeval QoSPacket::time_of(std::size_t seconds_index, std::size_t microseconds_index) const
 {
-    return {.tv_sec = std::atol(text_of(seconds_index)),
-            .tv_usec = std::atol(text_of(microseconds_index))};
+    // 64 bits also where a long has 32.
+    return {.tv_sec = static_cast<time_t>(std::atoll(text_of(seconds_index))),
+            .tv_usec =
+                static_cast<decltype(timeval::tv_usec)>(std::atoll(text_of(microseconds_index)))};
 }
 
 void QoSPacket::build_lines()
@@ -279,9 +260,8 @@ int QoSPacket::fmt_log_string()
         length = format_session_line();
     else if (is_eos())
         length = format_eos_line();
-    else if (DBG->log_passes(DBG_INFO))
-        DBG->Log(DBG_INFO, std::string("QoSPacket::fmt_log_string() Ignoring unknown event: ") +
-                               text_of(TYPE));
+    else
+        DBG->Log(DBG_INFO, {"QoSPacket::fmt_log_string() Ignoring unknown event: ", text_of(TYPE)});
     if (length < 0)
         _log_string = nullptr;  // undefined after a failed asprintf
     return length;
@@ -289,10 +269,11 @@ int QoSPacket::fmt_log_string()
 
 int QoSPacket::format_session_line()
 {
-    const std::string report_time = Utils::t_stamp_tz(time_of(TIME_STAMP_SEC, TIME_STAMP_USEC));
+    Utils::Stamp report_time;
+    Utils::t_stamp_tz(time_of(TIME_STAMP_SEC, TIME_STAMP_USEC), report_time);
     return asprintf(&_log_string,
                     "%30.30s %9.9s %11.11s %8.8s %15.15s %5d %7d %4d %5.1f %6d %5d %10s %5.5s %s",
-                    report_time.c_str(), text_of(GCID), text_of(TID),
+                    report_time.data(), text_of(GCID), text_of(TID),
                     has_type(NEAREND) ? NEAR_END_WORD : FAR_END_WORD, text_of(FAR_END_IP),
                     int_of(PORT), int_of(PACKETS), int_of(LOST_SINCE_LAST_REPORT),
                     double_of(LOST_SINCE_LAST_REPORT_PERCENT), int_of(JITTER_AVG), int_of(RTT_AVG),
@@ -301,20 +282,19 @@ int QoSPacket::format_session_line()
 
 int QoSPacket::format_eos_line()
 {
-    const std::string report_time = Utils::t_stamp_tz(time_of(TIME_STAMP_SEC, TIME_STAMP_USEC));
-    const std::string first_packet =
-        Utils::t_stamp(time_of(FIRST_PACKET_SEC, FIRST_PACKET_USEC), true);
-    const std::string last_packet =
-        Utils::t_stamp(time_of(LAST_PACKET_SEC, LAST_PACKET_USEC), true);
+    Utils::Stamp report_time, first_packet, last_packet;
+    Utils::t_stamp_tz(time_of(TIME_STAMP_SEC, TIME_STAMP_USEC), report_time);
+    Utils::t_stamp(time_of(FIRST_PACKET_SEC, FIRST_PACKET_USEC), true, first_packet);
+    Utils::t_stamp(time_of(LAST_PACKET_SEC, LAST_PACKET_USEC), true, last_packet);
     // Summaries pair the type word the other way round than session reports; readers of the
     // files rely on it.
     return asprintf(&_log_string,
                     "%30.30s %9.9s %11.11s %8.8s %15.15s %5d %5d %7d %4d %5.1f %6d %6d %6d %6d "
                     "%12.12s %12.12s %10s %5.5s %s",
-                    report_time.c_str(), text_of(GCID), text_of(TID),
+                    report_time.data(), text_of(GCID), text_of(TID),
                     has_type(EOS_FAREND) ? NEAR_END_WORD : FAR_END_WORD, text_of(FAR_END_IP),
                     int_of(PORT), int_of(DURATION), int_of(PACKETS), int_of(LOST),
                     double_of(LOST_PERCENT), int_of(JITTER_AVG), int_of(JITTER_MAX),
-                    int_of(RTT_AVG), int_of(RTT_MAX), first_packet.c_str(), last_packet.c_str(),
+                    int_of(RTT_AVG), int_of(RTT_MAX), first_packet.data(), last_packet.data(),
                     text_of(SSRC), text_of(SERIAL_NUM), text_of(RTCP_CNAME));
 }

@@ -50,8 +50,8 @@ private:
     static constexpr std::size_t FIELD_COUNT = 25;
     static constexpr std::size_t FIELD_SIZE = 1024;
 
-    void extract_line(std::string_view text, std::size_t length, bool cut_off);
-    void store(std::size_t index, std::string_view text, std::size_t length);
+    void extract_line(std::string_view line, bool cut_off);
+    void store(std::size_t index, std::string_view value);
     void build_lines();
     int format_session_line();
     int format_eos_line();
@@ -59,8 +59,7 @@ private:
     int int_of(std::size_t index) const;
     double double_of(std::size_t index) const;
     timeval time_of(std::size_t seconds_index, std::size_t microseconds_index) const;
-    template <std::size_t SIZE>
-    bool has_type(const char (&type)[SIZE]) const;
+    bool has_type(const char* type) const;
 
     char* _log_string = nullptr;                                    // from asprintf, owned
     char* _http_log_string = nullptr;                               // from asprintf, owned

@@ -55,7 +55,7 @@ bool HttpHanle::set_options()
     else if (!set_option(CURLOPT_DEBUGDATA, this))
         failed = "curl_easy_setopt(CURLOPT_DEBUGDATA) failed...";
     if (failed != nullptr) {
-        dbg_print_line(failed);
+        dbg_print_line({failed});
         return false;
     }
     if (!set_option(CURLOPT_URL, url.c_str()))
@@ -88,41 +88,56 @@ void HttpHanle::set_state(HANDLE_STATE new_state)
     else
         drop_idle_handle();
     state = new_state;
-    if (log_passes(DBG_TRACE))
-        LogStr(DBG_TRACE, "Total idle curl handles: " + std::to_string(idle_handles));
+    LogStr(DBG_TRACE, {"Total idle curl handles: ", std::to_string(idle_handles)});
+}
+
+void HttpHanle::set_body(std::shared_ptr<std::string> new_body)
+{
+    std::size_t size = new_body->size();
+    if (set_option(CURLOPT_POSTFIELDS, new_body->c_str())) {
+        body = std::move(new_body);
+    } else {
+        LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDS) failed...");
+        size = 0;  // libcurl still has the body before, which has been posted
+    }
+    if (set_option(CURLOPT_POSTFIELDSIZE, static_cast<long>(size))) {
+        body_size = size;
+        return;
+    }
+    LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDSIZE) failed...");
+    if (body != nullptr && body->size() < body_size)
+        body->resize(body_size, ' ');  // within its room, so that it stays where it is
 }
 
 unsigned long HttpHanle::curl_write_resp_clbk(void* data, unsigned long size, unsigned long nmemb,
-                                              void* userdata)
+                                              void* userdata) noexcept
 {
     if (userdata == nullptr)
         return 0;
     return static_cast<HttpHanle*>(userdata)->http_response(static_cast<char*>(data), size * nmemb);
 }
 
-unsigned long HttpHanle::http_response(char* /*data*/, unsigned long length)
+unsigned long HttpHanle::http_response(char* /*data*/, unsigned long length) noexcept
 {
     return length;
 }
 
 int HttpHanle::curl_debug_callback(void* /*handle*/, curl_infotype /*type*/, char* data,
-                                   unsigned long size, void* userdata)
+                                   unsigned long size, void* userdata) noexcept
 {
     if (userdata == nullptr)
         return 0;
     return static_cast<HttpHanle*>(userdata)->http_curl_debug(data, size);
 }
 
-int HttpHanle::http_curl_debug(char* data, unsigned long size)
+int HttpHanle::http_curl_debug(char* data, unsigned long size) noexcept
 {
     if (data == nullptr || size == 0)
         return static_cast<int>(size);
-    if (!log_passes(DBG_TRACE))
-        return 0;
     std::string_view piece(data, size);
     while (piece.ends_with('\n'))
         piece.remove_suffix(1);
     if (!piece.empty())
-        LogStr(DBG_TRACE, std::string(piece));
+        LogStr(DBG_TRACE, piece);
     return 0;
 }

@@ -8,6 +8,8 @@
 #include <curl/curl.h>
 
 #include <atomic>
+#include <cstddef>
+#include <memory>
 #include <string>
 
 #include "log/logger_helper.h"
@@ -18,6 +20,7 @@ enum HANDLE_STATE : int {
     HANDLE_BUSY = 1,      // a worker is transmitting with it
 };
 
+// Spelt as the system's other parts know it.
 class HttpHanle : public LoggerHelper {
 public:
     // Builds and configures the handle. A failure is reported by a message and leaves the handle
@@ -33,20 +36,27 @@ public:
     // web client's lock, after is_idle(), so that a handle goes to one worker only.
     void set_state(HANDLE_STATE new_state);
 
-    // The easy handle: for setting the request body and performing the transfer, by the worker
-    // that made it busy. Null when construction failed early.
+    // Sets the body of the next request, by the worker that made the handle busy. libcurl does not
+    // copy it: the handle keeps it until the next one has taken its place. A failure is logged; the
+    // request then has another body, empty, cut off or with blanks at its end, but nothing that is
+    // not the handle's own. The body must have room for posted_size() characters.
+    void set_body(std::shared_ptr<std::string> new_body);
+    std::size_t posted_size() const { return body_size; }
+
+    // The easy handle: for performing the transfer, by the worker that made it busy. Null when
+    // construction failed early.
     CURL* easy_handle() const { return curl_handle; }
 
     // libcurl's write function: the response is discarded. Returns the bytes taken.
     static unsigned long curl_write_resp_clbk(void* data, unsigned long size, unsigned long nmemb,
-                                              void* userdata);
-    unsigned long http_response(char* data, unsigned long length);
+                                              void* userdata) noexcept;
+    unsigned long http_response(char* data, unsigned long length) noexcept;
 
     // libcurl's debug function: a piece of its trace goes to the log at DBG_TRACE, without its
     // trailing line feeds. On the thread that performs the transfer.
     static int curl_debug_callback(void* handle, curl_infotype type, char* data, unsigned long size,
-                                   void* userdata);
-    int http_curl_debug(char* data, unsigned long size);
+                                   void* userdata) noexcept;
+    int http_curl_debug(char* data, unsigned long size) noexcept;
 
 private:
     bool set_options();
@@ -59,5 +69,7 @@ private:
     std::string url;
     curl_slist* http_headers = nullptr;  // owned
     std::atomic<HANDLE_STATE> state{HANDLE_INVALID};
-    CURL* curl_handle = nullptr;  // owned
+    CURL* curl_handle = nullptr;        // owned
+    std::shared_ptr<std::string> body;  // what libcurl points at; null until the first
+    std::size_t body_size = 0;          // the length that libcurl takes it to have
 };

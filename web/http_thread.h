@@ -15,7 +15,8 @@ public:
     // Creates the thread. Returns 0, or the error number when it could not be created.
     int t_start(void* (*entry)(void*), void* argument, const char* name);
 
-    // Joins the thread if it is active. What it runs must have been told to end.
+    // Joins the thread if it is active, and tells it nothing: WebClient::wc_stop() has raised the
+    // flag that ends it.
     void t_stop();
 
 private:

@@ -3,8 +3,10 @@
 //
 // The main thread appends lines to one bounded buffer. Five workers "QoS_Web_0" to "QoS_Web_4"
 // look at it every 100 ms; the one that finds a batch due takes the whole buffer and posts it as
-// a JSON array through an idle handle. Nothing is retried: a batch that fails is lost, and so are
-// the lines that are still buffered at the stop. There are no time-outs but libcurl's own.
+// a JSON array through an idle handle. A batch that fails is lost, and so are the lines that are
+// still buffered at the stop. Nothing is retried here, but libcurl sends a request once more when
+// the server closes a connection that was used before without an answer: a batch may arrive twice,
+// and the log says that it was sent once. There are no time-outs but libcurl's own.
 // Logs through the group "HTTP", whose level is log.http.
 #pragma once
 
@@ -39,7 +41,7 @@ public:
 
     // Offers one report for the next batch. Returns the bytes added to the buffer, or 0 when it
     // is off, the report is an end-of-session summary or has no line, or the buffer is full.
-    // Main thread.
+    // Throws std::bad_alloc; nothing is added then. Main thread.
     int WC_Write(QoSPacket* packet);
 
     // Ends the workers and waits for the transfers under way. May be called again. Main thread.
@@ -51,7 +53,8 @@ public:
     // The worker's body.
     void wc_run();
 
-    // One look at the buffer and, when a batch is due, one transmission.
+    // One look at the buffer and, when a batch is due, one transmission. Throws std::bad_alloc when
+    // there is no memory for the batch, which stays in the buffer.
     void wc_perform();
 
 private:
@@ -62,10 +65,8 @@ private:
     bool wc_init_curl();
     void wc_start_workers();
     bool wc_batch_is_due() const;
-    HttpHanle* wc_pick_idle_handle();
-    HttpHanle* wc_take_batch(std::string& body);
-    void wc_set_body(CURL* easy, const std::string& body);
-    bool wc_forget_body(CURL* easy);
+    HttpHanle* wc_find_idle_handle() const;
+    std::shared_ptr<std::string> wc_take_batch(HttpHanle& handle);
     void wc_transmit(CURL* easy, const std::string& body);
 
     std::string url;

@@ -101,7 +101,7 @@ struct LogFile {
     static void log(std::size_t bytes)
     {
         DBG->Log(DBG_ERROR,
-                 std::string(bytes - dbg_format_line(DBG_ERROR, "").size() - 1, 'm') + "\n");
+                 std::string(bytes - dbg_format_line(DBG_ERROR, {}).size() - 1, 'm') + "\n");
     }
     TempDir root;
     const std::string dir = root / "var/log/current/";
@@ -142,9 +142,9 @@ TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
         faults.arm("fsync", 0, 0);
         const bool fits = full == 102400;  // and one more then
         EXPECT_EQ(std::string(fits ? "3" : "4") + "messages lost\n",
-                  file.text().substr(before + full + (fits ? 100 : 0) +
-                                     dbg_format_line(DBG_WARN, "LOG FILE WRITE OVERFLOW: ").size() -
-                                     1));
+                  file.text().substr(
+                      before + full + (fits ? 100 : 0) +
+                      dbg_format_line(DBG_WARN, {"LOG FILE WRITE OVERFLOW: "}).size() - 1));
         EXPECT_EQ(1U, count("\n" + LogCapture::bare(file.text().substr(before + full)),
                             "\n [WARN] LOG FILE WRITE OVERFLOW: "));
     }
