@@ -249,7 +249,7 @@ TEST(WebClient, PostsEachLineOnceFromItsFiveWorkers)
         posted.clear();
         for (const HttpServer::Request& request : server.requests())
             posted += request.body;
-        return count(posted, " n") >= LINES;
+        return count(posted, "\"}") >= LINES;
     }));
     for (int i = 0; i < LINES; i++)
         EXPECT_EQ(1U, count(posted, " n" + std::to_string(i) + "\"}")) << i;
