@@ -10,40 +10,6 @@ using testing::HasSubstr;
 
 static const std::string NEAR = "QOS_EV_TYPE=QOS_NEAREND\n", EOS = "QOS_EV_TYPE=QOS_EOS_NEAREND\n";
 
-TEST(Report, WorkedExamples)
-{
-    setenv("TZ", "UTC", 1);
-    const std::string common =
-        "QOS_EV_GCID=3-1016\nQOS_EV_TID=2.117\nQOS_EV_FAR_END_IP=203.0.113.5\nQOS_EV_PORT=5004\n"
-        "QOS_EV_SSRC=3735928559\nQOS_EV_SERIAL_NUM=12345678\nQOS_EV_RTCP_CNAME=unit7\n";
-    const std::string report =
-        NEAR + common +
-        "QOS_EV_TIME_STAMP_SEC=1700000000\nQOS_EV_TIME_STAMP_USEC=123456\n"
-        "QOS_EV_PACKETS=250\nQOS_EV_LOST_SINCE_LAST_REPORT=2\nQOS_EV_JITTER_AVG=12\n"
-        "QOS_EV_LOST_LOST_SINCE_LAST_REPORT_PERCENT=0.8\nQOS_EV_RTT_AVG=40";
-    const QoSPacket session(report.c_str(), "9");
-    const std::string line =
-        "2023-Nov-14 22:13:20.123 +0000    3-1016       2.117 near_end     203.0.113.5  5004     "
-        "250    2   0.8     12    40 3735928559 12345 unit7";
-    EXPECT_EQ(line, session.log_string());
-    EXPECT_EQ("{\"message\": \"" + line + "\"}", session.http_log_string());
-    EXPECT_TRUE(session.is_not_eos() && !session.is_eos());
-    const std::string summary =
-        EOS + common +
-        "QOS_EV_TIME_STAMP_SEC=1700000095\nQOS_EV_TIME_STAMP_USEC=500000\n"
-        "QOS_EV_DURATION=95\nQOS_EV_PACKETS=4750\nQOS_EV_LOST=12\nQOS_EV_LOST_PERCENT=0.3\n"
-        "QOS_EV_JITTER_AVG=9\nQOS_EV_JITTER_MAX=31\nQOS_EV_RTT_AVG=38\nQOS_EV_RTT_MAX=77\n"
-        "QOS_EV_RTT_MIN=5\nQOS_EV_FIRST_PACKET_SEC=1700000000\nQOS_EV_FIRST_PACKET_USEC=20000\n"
-        "QOS_EV_LAST_PACKET_SEC=1700000094\nQOS_EV_LAST_PACKET_USEC=980000\n";
-    const QoSPacket eos(summary.c_str(), "9");
-    EXPECT_STREQ(
-        "2023-Nov-14 22:14:55.500 +0000    3-1016       2.117  far_end     203.0.113.5  5004    "
-        "95    4750   12   0.3      9     31     38     77 22:13:20.020 22:14:54.980 3735928559 "
-        "12345 unit7",
-        eos.log_string());
-    EXPECT_TRUE(eos.is_eos() && !eos.is_not_eos());
-}
-
 TEST(Report, EveryRule)
 {
     const std::string name = NEAR + "QOS_EV_RTCP_CNAME=", full(1023 - name.size(), 'x');
