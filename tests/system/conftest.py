@@ -77,40 +77,30 @@ def report(event="QOS_NEAREND", **fields):
     return "\n".join(f"QOS_EV_{key}={value}" for key, value in {"TYPE": event, **fields}.items())
 
 
-def clock_text(seconds, microseconds, form):
-    return time.strftime(form, time.localtime(int(seconds))) + f".{int(microseconds) // 1000:03d}"
+COLUMNS = [     # the numbers of a session's line and of a summary's
+    "PORT %5d PACKETS %7d LOST_SINCE_LAST_REPORT %4d LOST_LOST_SINCE_LAST_REPORT_PERCENT %5.1f JITTER_AVG %6d RTT_AVG %5d",
+    "PORT %5d DURATION %5d PACKETS %7d LOST %4d LOST_PERCENT %5.1f JITTER_AVG %6d JITTER_MAX %6d RTT_AVG %6d RTT_MAX %6d",
+]
 
 
 def line(event="QOS_NEAREND", **fields):
     """The statistics line of such a report, with its line feed; SERIAL_NUM stands for the unit's too."""
-    def text(key):
-        return fields.get(key, "")
-
-    def number(key):
-        return int(fields.get(key, 0))
-
     def moment(key, form):
-        return clock_text(number(f"{key}_SEC"), number(f"{key}_USEC"), form)
+        local = time.localtime(int(fields.get(key + "_SEC", 0)))
+        return time.strftime(form, local) % (int(fields.get(key + "_USEC", 0)) // 1000)
+
+    def text(form, *keys):
+        return [form % fields.get(key, "") for key in keys]
 
     summary = event.startswith("QOS_EOS_")
-    loss = "LOST" if summary else "LOST_SINCE_LAST_REPORT"
-    percent = "LOST_PERCENT" if summary else "LOST_LOST_SINCE_LAST_REPORT_PERCENT"
-    offset = time.strftime(" %z", time.localtime(number("TIME_STAMP_SEC")))
     near = event in ("QOS_NEAREND", "QOS_EOS_FAREND")   # a summary names the other end
-    columns = ["%30.30s" % (moment("TIME_STAMP", "%Y-%b-%d %H:%M:%S") + offset),
-               "%9.9s" % text("GCID"), "%11.11s" % text("TID"), "near_end" if near else " far_end",
-               "%15.15s" % text("FAR_END_IP"), "%5d" % number("PORT")]
-    if summary:
-        columns.append("%5d" % number("DURATION"))
-    columns += ["%7d" % number("PACKETS"), "%4d" % number(loss), "%5.1f" % float(fields.get(percent, 0)),
-                "%6d" % number("JITTER_AVG")]
-    if summary:
-        columns += ["%6d" % number(key) for key in ("JITTER_MAX", "RTT_AVG", "RTT_MAX")]
-        columns += [moment(key, "%H:%M:%S") for key in ("FIRST_PACKET", "LAST_PACKET")]
-    else:
-        columns.append("%5d" % number("RTT_AVG"))
-    columns += ["%10s" % text("SSRC"), "%5.5s" % (text("SERIAL_NUM") or "0"), text("RTCP_CNAME")]
-    return " ".join(columns) + "\n"
+    numbers = COLUMNS[summary].split()
+    return " ".join([
+        moment("TIME_STAMP", "%Y-%b-%d %H:%M:%S.%%03d %z"), *text("%9.9s", "GCID"), *text("%11.11s", "TID"),
+        "near_end" if near else " far_end", *text("%15.15s", "FAR_END_IP"),
+        *(form % float(fields.get(key, 0)) for key, form in zip(numbers[::2], numbers[1::2])),
+        *(moment(key, "%H:%M:%S.%%03d") for key in ("FIRST_PACKET", "LAST_PACKET") if summary),
+        *text("%10s", "SSRC"), "%5.5s" % (fields.get("SERIAL_NUM") or "0"), fields.get("RTCP_CNAME", "")]) + "\n"
 
 
 def batch(lines):
@@ -123,8 +113,7 @@ def voice_record(payload=b"", length=None, source=("192.0.2.10", 5004), target=(
     """A voice record as the telephony unit sends it; another length than the payload's on demand."""
     length = len(payload) if length is None else length
     addresses = socket.inet_aton(source[0]) + socket.inet_aton(target[0])
-    return (struct.pack(">I4s4sHHII", length, addresses[:4], addresses[4:], source[1], target[1],
-                        seconds, microseconds) + payload)
+    return struct.pack(">I8sHHII", length, addresses, source[1], target[1], seconds, microseconds) + payload
 
 
 def pcap_record(record):
@@ -205,7 +194,9 @@ class Clock:
         self.set("+0")
 
     def set(self, moment):
-        """Such as "+300" (seconds ahead), or "+0 x60" for a clock that runs sixty times as fast."""
+        """Such as "+300" (seconds ahead); a number is the second at which the clock stands still."""
+        if isinstance(moment, int):
+            moment = time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(moment))
         self.path.with_suffix(".new").write_text(moment + "\n")
         os.replace(self.path.with_suffix(".new"), self.path)
 
@@ -363,6 +354,13 @@ class Daemon:
             waits = re.search(r"\nvoluntary_ctxt_switches:\s*(\d+)", Path(task, "status").read_text())
             found[Path(task, "comm").read_text().strip()] = int(waits[1])
         return found
+
+    def passes(self, thread, count=3):
+        """Waits until the threads of which this is the name, or its start, have paused so many times more.
+        Returns the seconds that it took."""
+        begun, before = time.monotonic(), self.pauses()
+        wait_for(lambda: all(now >= before[name] + count for name, now in self.pauses().items() if thread in name), 60)
+        return time.monotonic() - begun
 
 
 @pytest.fixture
