@@ -1,0 +1,34 @@
+"""The Debian package and its unit."""
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from conftest import ROOT, report
+
+UNIT = ROOT / "packaging/voxstat.service"
+
+
+@pytest.mark.skipif(not shutil.which("systemd-analyze"), reason="no systemd-analyze")
+def test_unit():
+    told = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager", UNIT], capture_output=True,
+                          text=True).stdout
+    assert float(re.search(r"exposure level for .*: ([\d.]+)", told)[1]) <= 1.3
+    assert int(re.search(r"^TimeoutStopSec=(\d+)", UNIT.read_text(), re.M)[1]) > 60     # the main loop's wait
+
+
+@pytest.mark.long
+def test_package(start, tmp_path):
+    built = subprocess.run([ROOT / "scripts/package"], capture_output=True, text=True)     # lintian has its say there
+    assert built.returncode == 0, built.stdout + built.stderr
+    package = ROOT / built.stdout.splitlines()[-1]
+    subprocess.run(["dpkg-deb", "--extract", package, tmp_path / "root"], check=True)
+    for path in ("etc/voxstat/voxstat.cfg", "lib/systemd/system/voxstat.service", "usr/lib/sysusers.d/voxstat.conf",
+                 "usr/lib/tmpfiles.d/voxstat.conf", "usr/share/man/man8/voxstat.8.gz",
+                 "usr/share/man/man5/voxstat.cfg.5.gz"):
+        assert (tmp_path / "root" / path).stat().st_size > 0
+    daemon = start(launch=["sh", "-c", f'shift; exec {tmp_path}/root/usr/sbin/voxstat "$@"', "sh"])
+    daemon.send(report())
+    daemon.stop()
+    assert daemon.text().count("\n") == 2
