@@ -103,7 +103,7 @@ bool store(PlotOptions& options, int option, const char* text)
     }
 }
 
-// Beside nothing but the caller's own files: where the statistics are, few may write.
+// In the working directory, since few may write where the statistics are.
 std::string picture_for(const std::string& file)
 {
     const std::string name = file.substr(file.rfind('/') + 1);
