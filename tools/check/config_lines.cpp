@@ -33,10 +33,10 @@ std::size_t edit_distance(const std::string& a, const std::string& b)
 {
     std::vector<std::size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 0; i < a.size(); i++) {
+    for (const char c : a) {
         std::size_t diagonal = row[0]++;
         for (std::size_t j = 0; j < b.size(); j++) {
-            const std::size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
+            const std::size_t replaced = diagonal + (c == b[j] ? 0 : 1);
             diagonal = row[j + 1];
             row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
         }
@@ -75,11 +75,10 @@ ConfigLines::ConfigLines(const std::string& path, Findings& findings)
 void ConfigLines::look_at(std::string line)
 {
     if (_number == 1 && line.starts_with(BYTE_ORDER_MARK)) {
-        line.erase(0, 3);
-        _findings.error(1,
-                        "a byte order mark stands before the first line and becomes part of its "
-                        "key; remove it: sed -i '1s/^\\xEF\\xBB\\xBF//' ",
+        _findings.error(1, "a byte order mark stands before the first line, whose key the daemon ",
+                        "does not know for that; remove it: sed -i '1s/^\\xEF\\xBB\\xBF//' ",
                         _path);
+        return;
     }
     if (line.ends_with('\r') && _first_return == 0)
         _first_return = _number;
@@ -99,13 +98,12 @@ void ConfigLines::look_at(std::string line)
     if (known == nullptr && !value.empty())
         find_unknown(key);
     else if (known == nullptr)
-        _findings.warning(_number, "the line is no \"key = value\" and is ignored; delete it, or "
-                                   "put a '#' in front");
+        _findings.warning(_number, "the line is no \"key = value\" and is ignored; delete it, or ",
+                          "put a '#' in front");
     else if (value.empty())
         _findings.error(_number, "no \"= VALUE\" follows ", key,
-                        ", so the line is ignored and the "
-                        "default counts; write \"",
-                        key, " = VALUE\", or delete the line");
+                        ", so the line is ignored and the ", "default counts; write \"", key,
+                        " = VALUE\", or delete the line");
     else
         look_at_value(*known, value, cut);
 }
@@ -133,31 +131,23 @@ void ConfigLines::find_unknown(const std::string& key)
     const keys::Key* nearest = nearest_key(key);
     if (nearest == nullptr)
         _findings.warning(_number, '"', key,
-                          "\" is no key of the daemon, and the line is ignored; "
+                          "\" is no key of the daemon, and the line is ignored; ",
                           "voxstat-check --help lists the keys");
     else if (in_lower_case(key) == nearest->name)
-        _findings.error(_number, '"', key,
-                        "\" is ignored, since upper and lower case count in a "
-                        "key; write \"",
-                        nearest->name, '"');
+        _findings.error(_number, '"', key, "\" is ignored, since upper and lower case count in a ",
+                        "key; write \"", nearest->name, '"');
     else
-        _findings.error(_number, '"', key,
-                        "\" is no key of the daemon, and the line is ignored; "
-                        "did you mean \"",
-                        nearest->name, "\"?");
+        _findings.error(_number, '"', key, "\" is no key of the daemon, and the line is ignored; ",
+                        "did you mean \"", nearest->name, "\"?");
 }
 
 void ConfigLines::find_carriage_returns()
 {
     const char* remedy = "; remove them: sed -i 's/\\r$//' ";
     if (_text_has_return)
-        _findings.error(_first_return,
-                        "lines end in a carriage return, which becomes part of a "
-                        "name, a path or the URL",
-                        remedy, _path);
+        _findings.error(_first_return, "lines end in a carriage return, which becomes part of a ",
+                        "name, a path or the URL", remedy, _path);
     else if (_first_return != 0)
-        _findings.warning(_first_return,
-                          "lines end in a carriage return, which becomes part of "
-                          "any text that is set",
-                          remedy, _path);
+        _findings.warning(_first_return, "lines end in a carriage return, which becomes part of ",
+                          "any text that is set", remedy, _path);
 }

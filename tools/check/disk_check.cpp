@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uint64_t MIB = 1024 * 1024;
+constexpr std::uint64_t MIB = 1048576;
 
 // The daemon makes the last component only, and with a mode that keeps everybody else out.
 void find_missing(const OutputFile& file, const DaemonUser& user, Findings& findings)
@@ -34,10 +34,8 @@ void find_missing(const OutputFile& file, const DaemonUser& user, Findings& find
         findings.error(file.line, file.directory, " is missing and cannot be made by the user ",
                        user.name(), remedy);
     else
-        findings.warning(file.line, file.directory,
-                         " is missing; the daemon would make it with "
-                         "mode 0744, so that nobody else could enter",
-                         remedy);
+        findings.warning(file.line, file.directory, " is missing; the daemon would make it with ",
+                         "mode 0744, so that nobody else could enter", remedy);
 }
 
 void check_directory(const OutputFile& file, const DaemonUser& user, Findings& findings)
@@ -50,9 +48,8 @@ void check_directory(const OutputFile& file, const DaemonUser& user, Findings& f
     const int error = user.can_be_asked() ? user.access(file.directory, W_OK | X_OK) : 0;
     if (error == EROFS)
         findings.error(file.line, file.directory,
-                       " is read-only; under systemd allow it: systemctl "
-                       "edit voxstat, [Service] ReadWritePaths=",
-                       file.directory);
+                       " is read-only; under systemd allow it: systemctl ",
+                       "edit voxstat, [Service] ReadWritePaths=", file.directory);
     else if (error != 0)
         findings.error(file.line, file.directory, " cannot be written by the user ", user.name(),
                        ": ", std::strerror(error), "; chown ", user.name(), ' ', file.directory);
@@ -85,7 +82,7 @@ void check_space(const Need& need, Findings& findings)
     if (free < need.bytes)
         findings.warning(need.first->line, "there are ", free / MIB, " MiB free at ",
                          need.first->directory, ", and the files may grow by ", need.bytes / MIB,
-                         " MiB; a full disk loses data without a message: make room, or lower "
+                         " MiB; a full disk loses data without a message: make room, or lower ",
                          "max_archived_files_rtp");
 }
 

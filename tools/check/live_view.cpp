@@ -44,11 +44,8 @@ void show_queue(const UdpSocket& socket, const std::string& what, Findings& find
     const std::string name = what + ", port " + std::to_string(socket.port);
     std::printf(QUEUE_ROW, name.c_str(), socket.waiting, queue_limit(), socket.dropped);
     if (socket.dropped != 0)
-        findings.warning(0, "lost: ", socket.dropped, " datagrams with ", what,
-                         " in the receive "
-                         "queue of port ",
-                         socket.port,
-                         ", so in no file and in no batch; raise "
+        findings.warning(0, "lost: ", what, " in the receive queue of port ", socket.port, ": ",
+                         socket.dropped, " datagrams, which are in no file and in no batch; raise ",
                          "net.core.rmem_default and restart the daemon");
 }
 
@@ -70,18 +67,15 @@ void show_file(const OutputFile& file)
 void check_open_files(const Process& daemon, const std::vector<OutputFile>& files,
                       Findings& findings)
 {
-    std::set<std::string> paths;
-    for (const OutputFile& file : files)
+    std::set<std::string> directories, paths = {daemon.standard_output()};
+    for (const OutputFile& file : files) {
+        directories.insert(file.directory);
         paths.insert(file.path());
+    }
     for (const std::string& open : daemon.open_files())
-        for (const std::string& path : paths)
-            if (paths.count(open) == 0 && std::filesystem::path(open).parent_path() ==
-                                              std::filesystem::path(path).parent_path()) {
-                findings.error(0, "the daemon goes on writing to ", open,
-                               ", which somebody has "
-                               "moved or deleted; restart it, and leave its files to it");
-                break;
-            }
+        if (directories.contains(open.substr(0, open.rfind('/') + 1)) && !paths.contains(open))
+            findings.error(0, "the daemon goes on writing to ", open, ", which somebody has moved ",
+                           "or deleted; restart it, and leave its files to it");
 }
 
 // Where the daemon's log is, if it is in files: the file, and its archives. Else empty.
@@ -108,7 +102,7 @@ void find_log_losses(const Settings& settings, const Process& daemon, const Outp
         is_read = log.add(path);
     for (const LossLog::Kind& kind : log.kinds())
         if (kind.count != 0)
-            findings.warning(0, "lost: ", kind.count, ' ', kind.lost, "; ", kind.remedy);
+            findings.warning(0, "lost: ", kind.lost, ": ", kind.count, "; ", kind.remedy);
     if (!is_read)
         findings.note(0, "the log was not read, and it may tell of more; journalctl _PID=",
                       daemon.id(), " | grep -E 'OVERFLOW|[Ff]ailed|Dropped|ignoring what'");
@@ -144,8 +138,8 @@ void show_daemon(const Settings& settings, const std::string& config_path, Findi
 
     struct stat info {};
     if (stat(config_path.c_str(), &info) == 0 && info.st_mtime > daemon->started())
-        findings.warning(0, "the file is younger than the daemon, which reads it once; systemctl "
-                            "restart voxstat");
+        findings.warning(0, "the file is younger than the daemon, which reads it once; systemctl ",
+                         "restart voxstat");
     check_open_files(*daemon, files, findings);
     find_log_losses(settings, *daemon, files.back(), findings);
 }

@@ -20,8 +20,7 @@ void find_holder(std::uint16_t port, int error, std::size_t line, Findings& find
         findings.note(line, "port ", port, " is held by the running daemon, process ", owner->id());
     else
         findings.error(line, "port ", port, " cannot be opened: ", std::strerror(error),
-                       owner ? " by " + owner->name() : "",
-                       ", and the daemon would end at once; "
+                       owner ? " by " + owner->name() : "", ", and the daemon would end at once; ",
                        "stop what \"ss -lunp\" shows there, or change qos_port");
 }
 
@@ -35,7 +34,7 @@ void check_ports(const Settings& settings, const DaemonUser& user, Findings& fin
         const int error = user.bind_udp(port);
         if (error == EACCES)
             findings.error(line, "port ", port, " is not allowed for the user ", user.name(),
-                           ", and the daemon would end at once; take a port above 1023, or allow "
+                           ", and the daemon would end at once; take a port above 1023, or allow ",
                            "it in the unit as its comments say");
         else if (error != 0)
             find_holder(port, error, line, findings);

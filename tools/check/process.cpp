@@ -41,8 +41,8 @@ std::vector<Process> Process::all()
 {
     std::vector<Process> found;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc"))
-        if (const int id = std::atoi(entry.path().filename().c_str()); id > 0)
-            found.emplace_back(id);
+        if (const int number = std::atoi(entry.path().filename().c_str()); number > 0)
+            found.emplace_back(number);
     return found;
 }
 

@@ -37,19 +37,16 @@ std::string check_serial_number(const Settings& settings, const DaemonUser& user
     const int error = obstacle(path, user);
     if (error != 0)
         findings.warning(line, path, " cannot be read by the user ", user.name(), ": ",
-                         std::strerror(error), EFFECT,
-                         "write the line \"serial: ABC12\" into it, "
+                         std::strerror(error), EFFECT, "write the line \"serial: ABC12\" into it, ",
                          "and chmod a+r it");
     if (error != 0 || access(path.c_str(), R_OK) != 0)
         return "";
-    const std::string serial = ConfigFile(path, ':').getStringValue("serial", "");
+    std::string serial = ConfigFile(path, ':').getStringValue("serial", "");
     if (serial.empty())
         findings.warning(line, path, " has no serial number", EFFECT,
-                         "write it as \"serial: "
-                         "ABC12\", with a ':' and in lower case");
+                         "write it as \"serial: ", "ABC12\", with a ':' and in lower case");
     else if (serial.find_first_of("\"\\\r") != std::string::npos)
-        findings.error(line, path,
-                       " has a quote, a backslash or a carriage return in the serial "
+        findings.error(line, path, " has a quote, a backslash or a carriage return in the serial ",
                        "number, which spoils every posted batch; write letters and digits only");
     else if (serial.size() > SHOWN)
         findings.warning(line, path, " has the serial number ", serial, ", of which lines show ",

@@ -1,22 +1,15 @@
 #include "tools/check/udp_socket.h"
 
+#include <cstdio>
 #include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
-#include <vector>
 
 namespace {
 
-// Columns of a row, split at blanks.
-constexpr std::size_t ADDRESS = 1, QUEUES = 4, USER = 7, INODE = 9, DROPS = 12, COLUMNS = 13;
-constexpr int HEXADECIMAL = 16;
-
-// "ADDRESS:C350" or "SENT:WAITING" in hexadecimal digits
-unsigned long behind_colon(const std::string& text)
-{
-    return std::stoul(text.substr(text.find(':') + 1), nullptr, HEXADECIMAL);
-}
+// Number, local address and port, remote ones, state, queues for sending and receiving, timer,
+// repetitions, user, time-out, inode, references, address in the kernel, datagrams dropped.
+constexpr const char* ROW = "%*d: %*[0-9A-F]:%x %*s %*s %*x:%lx %*s %*s %u %*s %lu %*s %*s %lu";
+constexpr int VALUES = 5;
 
 }  // namespace
 
@@ -26,14 +19,11 @@ std::optional<UdpSocket> UdpSocket::at(unsigned port)
     for (const char* table : {"/proc/self/net/udp", "/proc/self/net/udp6"}) {
         std::ifstream file(table);
         for (std::string row; std::getline(file, row);) {
-            std::istringstream words(row);
-            const std::vector<std::string> columns{std::istream_iterator<std::string>(words), {}};
-            if (columns.size() < COLUMNS || columns[ADDRESS].find(':') == std::string::npos ||
-                behind_colon(columns[ADDRESS]) != port)
-                continue;
-            return UdpSocket{port, std::stoul(columns[INODE]),
-                             static_cast<uid_t>(std::stoul(columns[USER])),
-                             behind_colon(columns[QUEUES]), std::stoul(columns[DROPS])};
+            UdpSocket socket{};
+            if (std::sscanf(row.c_str(), ROW, &socket.port, &socket.waiting, &socket.user,
+                            &socket.inode, &socket.dropped) == VALUES &&
+                socket.port == port)
+                return socket;
         }
     }
     return std::nullopt;

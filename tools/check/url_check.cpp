@@ -27,12 +27,10 @@ void check_scheme(const std::string& scheme, std::size_t line, Findings& finding
 {
     if (scheme != "http" && scheme != "https")
         findings.error(line, "elastic_url begins with ", scheme,
-                       "://, which takes no posts; begin "
-                       "it with http:// or https://");
+                       "://, which takes no posts; begin ", "it with http:// or https://");
     const char* authorities = curl_version_info(CURLVERSION_NOW)->cainfo;
     if (scheme == "https" && authorities != nullptr && access(authorities, R_OK) != 0)
-        findings.error(line, "no https server is trusted, since ", authorities,
-                       " is missing; apt "
+        findings.error(line, "no https server is trusted, since ", authorities, " is missing; apt ",
                        "install ca-certificates");
 }
 
@@ -41,8 +39,8 @@ void check_secret(const Settings& settings, const std::string& config_path, Find
     const std::size_t line = settings.line(keys::ELASTIC_URL);
     struct stat info {};
     if (settings.number(keys::LOG_HTTP) >= LEVEL_OF_DIALOGUE)
-        findings.warning(line, "the log shows the credentials of elastic_url; set log.http = 2 or "
-                               "less");
+        findings.warning(line, "the log shows the credentials of elastic_url; set log.http = 2 or ",
+                         "less");
     if (stat(config_path.c_str(), &info) == 0 && (info.st_mode & S_IROTH) != 0)
         findings.warning(line, "everybody can read the credentials of elastic_url; chgrp voxstat ",
                          config_path, " && chmod 640 ", config_path);
@@ -65,13 +63,13 @@ void check_url(const Settings& settings, const std::string& config_path, Finding
         return;
     }
     if (url.find("://") == std::string::npos)
-        findings.warning(line, "elastic_url has no scheme, and libcurl guesses one; begin it with "
-                               "http:// or https://");
+        findings.warning(line, "elastic_url has no scheme, and libcurl guesses one; begin it with ",
+                         "http:// or https://");
     check_scheme(part(address.get(), CURLUPART_SCHEME), line, findings);
     const std::string path = part(address.get(), CURLUPART_PATH);
     if (path.ends_with("/_bulk") || path.ends_with("/_bulk/"))
-        findings.error(line, "elastic_url leads to a bulk interface, which refuses a JSON array; "
-                             "put a pipeline that takes JSON over HTTP in front of the server");
+        findings.error(line, "elastic_url leads to a bulk interface, which refuses a JSON array; ",
+                       "put a pipeline that takes JSON over HTTP in front of the server");
     if (!part(address.get(), CURLUPART_USER).empty() ||
         !part(address.get(), CURLUPART_PASSWORD).empty())
         check_secret(settings, config_path, findings);

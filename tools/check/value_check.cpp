@@ -17,7 +17,7 @@ constexpr std::string_view LEVELS[] = {"error", "warn", "info", "trace", "debug"
 std::string port_text(int port)
 {
     const auto kept = static_cast<std::uint16_t>(port);
-    return kept == 0 ? "any free port" : std::to_string(kept);
+    return kept == 0 ? "any free port" : "port " + std::to_string(kept);
 }
 
 // What a number out of range does; empty when it is within.
@@ -80,8 +80,7 @@ void check_name(const keys::Key& key, const char* extension, const Settings& set
 {
     const std::string name = settings.text(key);
     if (name.find('/') != std::string::npos)
-        findings.error(settings.line(key), key.name, " = ", name,
-                       " holds a '/', so its archives "
+        findings.error(settings.line(key), key.name, " = ", name, " holds a '/', so its archives ",
                        "are never deleted; write a name only: the directory is ",
                        key.name == keys::LOG_FILE.name ? limits::LOG_DIRECTORY : "qos_stat_dir");
     else if (name.ends_with(extension))
@@ -93,8 +92,7 @@ void check_path(const keys::Key& key, const Settings& settings, Findings& findin
 {
     const std::string path = settings.text(key);
     if (!path.starts_with('/'))
-        findings.warning(settings.line(key), key.name, " = ", path,
-                         " depends on the directory in "
+        findings.warning(settings.line(key), key.name, " = ", path, " depends on the directory in ",
                          "which the daemon is started; write a path that begins with '/'");
 }
 
@@ -107,9 +105,8 @@ void check_values(const Settings& settings, Findings& findings)
             check_number(key, settings, findings);
     const int buffer = settings.number(keys::MAX_LENGTH_PER_SEC_RTP);
     if (buffer >= 0 && buffer < BLOCK_SIZE)
-        findings.warning(settings.line(keys::MAX_LENGTH_PER_SEC_RTP),
-                         "the buffer of the dump is "
-                         "full with one record, which waits up to max_buf_timeout_rtp seconds, "
+        findings.warning(settings.line(keys::MAX_LENGTH_PER_SEC_RTP), "the buffer of the dump is ",
+                         "full with one record, which waits up to max_buf_timeout_rtp seconds, ",
                          "and those behind it are dropped; write 1048576 or more");
 
     check_name(keys::QOS_FILE_NAME, limits::TEXT_EXTENSION, settings, findings);
@@ -117,8 +114,7 @@ void check_values(const Settings& settings, Findings& findings)
     check_name(keys::RTP_DUMP_FILE_NAME, limits::DUMP_EXTENSION, settings, findings);
     check_name(keys::LOG_FILE, limits::LOG_EXTENSION, settings, findings);
     if (settings.text(keys::QOS_FILE_NAME) == settings.text(keys::QOS_FILE_NAME_EOS))
-        findings.error(settings.line(keys::QOS_FILE_NAME_EOS),
-                       "reports and summaries would share "
+        findings.error(settings.line(keys::QOS_FILE_NAME_EOS), "reports and summaries would share ",
                        "one file; give qos_file_name_eos another name");
     check_path(keys::QOS_STAT_DIR, settings, findings);
     check_path(keys::SN_FILE_PATH, settings, findings);

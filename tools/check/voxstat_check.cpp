@@ -28,15 +28,15 @@ bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& fi
     std::error_code error;
     const auto type = std::filesystem::status(file, error).type();
     if (type == std::filesystem::file_type::directory)
-        findings.error(0, "this is a directory, and the daemon would run on its defaults; name the "
-                          "file in it");
+        findings.error(0,
+                       "this is a directory, and the daemon would run on its defaults; name the ",
+                       "file in it");
     else if (type != std::filesystem::file_type::regular)
-        findings.error(0, "there is no such file, and the daemon would end at once; name it with "
-                          "-f FILE");
+        findings.error(0, "there is no such file, and the daemon would end at once; name it with ",
+                       "-f FILE");
     else if (user.can_be_asked() && user.access(file, R_OK) != 0)
         findings.error(0, "the user ", user.name(),
-                       " cannot read this, and the daemon would end at "
-                       "once; chgrp ",
+                       " cannot read this, and the daemon would end at ", "once; chgrp ",
                        user.name(), ' ', file, " && chmod g+r ", file);
     return findings.status() == 0;
 }
@@ -53,8 +53,7 @@ void check(const Options& options, Findings& findings)
     check_disks(settings, user, findings);
     const std::string serial_number = check_serial_number(settings, user, findings);
     if (!user.can_be_asked())
-        findings.note(0, "what the user ", user.name(),
-                      " may read and write was not looked at; "
+        findings.note(0, "what the user ", user.name(), " may read and write was not looked at; ",
                       "sudo voxstat-check does");
     findings.print();  // before what takes time
     if (options.post)
