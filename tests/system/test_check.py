@@ -66,8 +66,6 @@ LINES = [   # a line, what is found in it
      "max_buf_timeout_rtp seconds, and those behind it are dropped; write 1048576 or more"),
     ("qos_file_name = a/b", "error: qos_file_name = a/b holds a '/', so its archives are never deleted; write a name "
                             "only: the directory is qos_stat_dir"),
-    ("qos_file_name_eos = QoS_Stat", "error: reports and summaries would share one file; give qos_file_name_eos "
-                                     "another name"),
     ("elastic_url = ftp://h/", "error: elastic_url begins with ftp://, which takes no posts; begin it with http:// or "
                                "https://"),
     ("elastic_url = http://h/_bulk", "error: elastic_url leads to a bulk interface, which refuses a JSON array; put a "
@@ -85,16 +83,18 @@ def test_line(place, text, finding):
 
 
 def test_several_lines(place):
-    """A key that stands twice, carriage returns, a switch that is off, and what counts for the status."""
-    status, printed = check(write(place, "log.http = 2", "log.http = 3", "rtp_logging=0", end="\r\n"))
+    """In the order of the lines, and last what is about none of them; of a key that stands twice the later counts."""
+    lines = ["log.http = 2", "log.http = 7", "qos_file_name = QoS_Stat_Sessions_Summary"]
+    status, printed = check(write(place, *lines, end="\r\n"))
     assert printed == [
         "DIR/voxstat.cfg:1: error: lines end in a carriage return, which becomes part of a name, a path or the URL; "
         "remove them: sed -i 's/\\r$//' DIR/voxstat.cfg",
         "DIR/voxstat.cfg:2: warning: log.http stands in line 1 too, and this later line counts; delete one of them",
-        "DIR/voxstat.cfg: 1 error, 1 warning"]
+        "DIR/voxstat.cfg:2: error: log.http = 7 counts as 1; write a number, 0 to 4 (level)",
+        "DIR/voxstat.cfg: error: reports and summaries would share one file; give qos_file_name_eos another name",
+        "DIR/voxstat.cfg: 3 errors, 1 warning"]
     assert status == 2
-    assert check(write(place, "# nothing", "", "   ", "log.http = 4 # all")) == (0, [
-        "DIR/voxstat.cfg: nothing to mend"])
+    assert check(write(place, "# nothing", "", "   ", "log.http = 4 # all")) == (0, ["DIR/voxstat.cfg: nothing to mend"])
 
 
 ZERO = "so reports without a serial number of their own get 0; write"
