@@ -264,8 +264,9 @@ class Daemon:
             return False
 
     def drained(self):
-        """True when the daemon has read every datagram that was sent to it."""
-        return all(row[1] == 0 for row in self.sockets())
+        """True when the daemon has done with every datagram that was sent to it, and its main loop waits."""
+        state = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/stat").read_text().rpartition(") ")[2][0]
+        return state == "S" and all(waiting == 0 for _, waiting, _ in self.sockets())
 
     def wait_ready(self):
         """Waits until the main loop reads. False when the daemon has ended instead."""
