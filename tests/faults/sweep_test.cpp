@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <set>
 
 #include "faults/daemon.h"
@@ -36,13 +37,19 @@ struct Row {
     const char* function;
     int error;
     std::vector<std::string> messages;  // any of them, with its tag in the log
-    std::vector<std::tuple<int, Cost, Cost>>
-        costs;  // from this call on: once, or with all after it
+    // From this call on: once, or with all after it.
+    std::vector<std::tuple<int, Cost, Cost>> costs;
+    std::vector<std::string> in_turn{};  // and this one for the first call, the second ...
+    int first = 1;
 };
 
 // clang-format off
 const std::string THREAD = "Unable to create new thread for ", MUTEX = "Unable to init mutex for ",
-                  ENDED = "[ERROR] Caught an exception: NetReceiver() ";
+                  ENDED = "[ERROR] Caught an exception: NetReceiver() ",
+                  UNBOUND = "[ERROR] NetReceiver() unable to bind to port: ",
+                  BLOCKING = "[ERROR] NetReceiver() unable to set O_NONBLOCK to port: ",
+                  HANDLER = "[ERROR] Failed to register SIG",
+                  OPTION = "curl_easy_setopt(CURLOPT_", FAILED = ") failed...\n";
 const std::vector<std::string> WRITE_FAILED = {"[DEBUG] No space left on device (28) on writing to file /",
     "[DEBUG] Input/output error (5) on writing to file /", "[ERROR] Failed to write header to the /",
     "\nFailed to write header to the /"};
@@ -60,24 +67,40 @@ const Row ROWS[] = {
     {"chown", EPERM, {}, {{1, NOTICE, NOTICE}}},
     {"opendir", EMFILE, {"[ERROR] FileObject::fobj_cleanup: failed to open "}, {{1, NONE, NONE}}},
     {"socket", EMFILE, {ENDED + "failed to create socket\n"}, {{1, LIFE, LIFE}}},
-    {"bind", EACCES, {ENDED + "fatal error...\n"}, {{1, LIFE, LIFE}}},
+    {"bind", EACCES, {ENDED + "fatal error...\n"}, {{1, LIFE, LIFE}},
+     {UNBOUND + "49999(errno: 13)\n", UNBOUND + "50000(errno: 13)\n"}},
     {"fcntl", EPERM, {ENDED + "fatal error...\n"},
-     {{1, NOTICE, LIFE}, {4, LIFE, LIFE}}},  // after a look at the three standard descriptors
+     {{1, NOTICE, LIFE}, {4, LIFE, LIFE}},  // after a look at the three standard descriptors
+     {"", "", "", BLOCKING + "49999(errno: 1)\n", BLOCKING + "49999(errno: 1)\n",
+      BLOCKING + "50000(errno: 1)\n"}},
     {"poll", EINTR, {"[ERROR] NetReceiver select() failed: -1\n"}, {{1, NONE, HEARING}}},
     {"recvfrom", EIO, {"[ERROR] NetReceiver() recvfrom failed on port: "}, {{1, NONE, HEARING}}},
     {"pthread_create", EAGAIN, {"[ERROR] " + THREAD, "\n" + THREAD},  // one web worker will do
-     {{1, NONE, BOTH}, {2, FILES, BOTH}, {3, NONE, POSTS}, {4, NONE, NONE}}},
+     {{1, NONE, BOTH}, {2, FILES, BOTH}, {3, NONE, POSTS}, {4, NONE, NONE}},
+     {"\n" + THREAD + "SimpleLogger. Error: 11\n", "[ERROR] " + THREAD + "FileLogger. Error: 11\n",
+      "[ERROR] " + THREAD + "WebClient. Error: 11\n"}},
     {"pthread_mutex_init", ENOMEM, {"[ERROR] " + MUTEX, "\n" + MUTEX},
-     {{1, NONE, BOTH}, {2, FILES, BOTH}, {4, POSTS, POSTS}}},
-    {"asprintf", ENOMEM, {"[ERROR] Failed to allocate _"}, {{1, {1, 1, SAID, "se"}, REPORTS}}},
+     {{1, NONE, BOTH}, {2, FILES, BOTH}, {4, POSTS, POSTS}},
+     {"\n" + MUTEX + "SimpleLogger. Error: 12\n", "[ERROR] " + MUTEX + "FileLogger. Error: 12,0\n",
+      "[ERROR] " + MUTEX + "FileLogger. Error: 0,12\n", "[ERROR] " + MUTEX + "WebClient. Error: 12\n"}},
+    {"signal", EINVAL, {"[ERROR] Failed to register SIG"}, {{1, NOTICE, NOTICE}, {3, NONE, NONE}},
+     {"", "", HANDLER + "TERM signal handler...\n", HANDLER + "INT signal handler...\n",
+      HANDLER + "QUIT signal handler...\n"}},
+    {"asprintf", ENOMEM, {"[ERROR] Failed to allocate _"}, {{1, {1, 1, SAID, "se"}, REPORTS}},
+     {"[ERROR] Failed to allocate _log_string event for QoS packet...\n",
+      "[ERROR] Failed to allocate _http_log_string event for QoS packet...\n"}},
     {"curl_global_init", CURLE_FAILED_INIT, {"[ERROR] Unable to init curl library...\n"},
      {{1, POSTS, POSTS}}},
     {"curl_easy_init", CURLE_FAILED_INIT, {"[ERROR] Failed to initialize curl handle\n"},
      {{1, NONE, POSTS}, {2, NONE, NONE}}},
-    {"curl_easy_setopt", CURLE_UNKNOWN_OPTION, {"[ERROR] curl_easy_setopt(CURLOPT_",
-     "[ERROR] ccurl_easy_setopt(CURLOPT_FAIL", "\ncurl_easy_setopt(CURLOPT_"},
-     {{1, NONE, POSTS}, {9, {0, 0, QUIET}, POSTS},  // 5 handles, 9 options each, of which the last
-      {46, POST, POSTS}, {50, POST, POSTS}}},       // may be missing; then bodies
+    {"curl_easy_setopt", CURLE_UNKNOWN_OPTION, {OPTION, "[ERROR] " + OPTION, "[ERROR] c" + OPTION},
+     {{1, NONE, POSTS}, {9, {0, 0, QUIET}, POSTS}, {46, POST, POSTS}},  // 5 handles, 9 options each,
+     {"\n" + OPTION + "HEADER" + FAILED, "\n" + OPTION + "VERBOSE" + FAILED,  // then bodies
+      "\n" + OPTION + "DEBUGFUNCTION" + FAILED, "\n" + OPTION + "DEBUGDATA" + FAILED,
+      "[ERROR] " + OPTION + "URL" + FAILED, "[ERROR] " + OPTION + "WRITEFUNCTION" + FAILED,
+      "[ERROR] " + OPTION + "WRITEDATA" + FAILED, "[ERROR] c" + OPTION + "FAILONERROR" + FAILED}},
+    {"curl_easy_setopt", CURLE_UNKNOWN_OPTION, {"[ERROR] " + OPTION}, {{46, POST, POSTS}},
+     {"[ERROR] " + OPTION + "POSTFIELDS" + FAILED, "[ERROR] " + OPTION + "POSTFIELDSIZE" + FAILED}, 46},
     {"curl_easy_perform", CURLE_COULDNT_CONNECT,
      {"[ERROR] Unable to transmitt http - curl_easy_perform failed: 7\n"}, {{1, POST, POSTS}}},
 };
@@ -122,7 +145,8 @@ struct Life {
                 intact = phase - 2;  // a dump that cannot be moved away holds the two before
         }
         EXPECT_TRUE(ends || eventually([this] { return holds_its_files_only(); }));
-        EXPECT_EQ(0, ends ? daemon.wait() : daemon.stop());
+        const bool deaf = row.function == std::string("signal") && n == 3;  // to SIGTERM
+        EXPECT_EQ(0, ends ? daemon.wait() : daemon.stop(deaf ? SIGINT : SIGTERM));
         EXPECT_TRUE(costs_no_more_than_it_may(PHASES, PHASES)) << lost << " records are lost\n"
                                                                << daemon.said();
         EXPECT_LE(headless, cost().records);
@@ -138,8 +162,13 @@ struct Life {
         // Nothing is asked of a log that cannot be written any more.
         const bool quiet =
             cost().manner == QUIET && (lost + headless == 0 || (onwards && log_file));
-        EXPECT_TRUE(!reached() || cost().manner == SILENT || quiet ||
-                    std::any_of(row.messages.begin(), row.messages.end(), is_said));
+        if (!reached() || cost().manner == SILENT || quiet)
+            return;
+        EXPECT_TRUE(std::any_of(row.messages.begin(), row.messages.end(), is_said)) << log;
+        const auto turn = static_cast<std::size_t>(n - row.first);
+        if (turn < row.in_turn.size() && !onwards) {
+            EXPECT_TRUE(is_said(row.in_turn[turn])) << row.in_turn[turn] << log;
+        }
     }
 
     bool reached() const { return daemon.faults->calls(row.function) >= n; }
@@ -207,18 +236,35 @@ TEST_P(FaultSweep, CostsNoMoreThanItMay)
 {
     const Row& row = ROWS[GetParam()];
     const bool full = std::getenv("VOXSTAT_FULL_SWEEP") != nullptr;
+    std::set<int> calls;
+    for (int i = 0; i < (full ? 10000 : std::max(3, static_cast<int>(row.in_turn.size()))); i++)
+        calls.insert(row.first + i);
+    for (const auto& [from, once, onwards] : row.costs)
+        calls.insert(from);
     std::atomic<int> points{0};
     for (const int mode : full ? std::vector{0, 1, 2, 3} : std::vector{0}) {
         const bool onwards = mode % 2 == 1, log_file = mode < 2;
-        std::atomic<int> next{1};
+        if (onwards && row.function == std::string("signal"))
+            continue;  // nothing would stop it
+        std::mutex mutex;
+        auto next = calls.begin();
         const auto live = [&] {
-            for (int i; (i = next++) <= (full ? 10000 : 3) && !HasFailure();) {
-                const int n = full || i < 3 ? i : std::max(3, std::get<0>(row.costs.back()));
+            for (;;) {
+                mutex.lock();
+                const int n = next == calls.end() || HasFailure() ? 0 : *next++;
+                mutex.unlock();
+                if (n == 0)
+                    return;
                 SCOPED_TRACE(row.function + (" #" + std::to_string(n)) +
                              (onwards ? " and on" : "") + (log_file ? ", log in a file" : ""));
                 Life life{row, n, onwards, log_file};
                 life.run();
-                life.reached() ? points++ : next = 10001;  // none is left
+                if (life.reached()) {
+                    points++;
+                } else {
+                    const std::lock_guard lock(mutex);
+                    next = calls.end();  // none is left
+                }
             }
         };
         std::vector<std::jthread> lives(8);

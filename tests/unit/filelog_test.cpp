@@ -127,6 +127,10 @@ TEST(FileLogger, DropsAndCountsBeyondItsCaps)
         EXPECT_EQ(row.queued.empty() ? 0 : HEADERS[row.file] + total + (exactly_full ? 400 : 200),
                   idle.size(row.file));
     }
+    IdleFileLogger idle("");
+    QoSPacket unknown("QOS_EV_TYPE=QOS_NEAR", "");
+    EXPECT_EQ(-1, idle.logger.FL_Write(&unknown));
+    EXPECT_THROW(FileLogger(nullptr), std::invalid_argument);
 }
 
 TEST(FileLogger, ADueFileTakesTheWholeBufferAndRotates)
@@ -202,10 +206,14 @@ TEST(FileLogger, PausesFollowTheVoiceTraffic)
         std::vector<long> pauses;  // of the writer thread
         std::atomic<bool> done{false};
         FileLogger* logger = nullptr;
-        std::atomic<bool> ready{false};
+        std::atomic<bool> ready{false}, named{false};
         Faults::watch = [&](std::string_view function, long pause, long /*unused*/) {
             if (function != "usleep" || !ready || done)
                 return;
+            std::array<char, 16> name{};
+            pthread_getname_np(pthread_self(), name.data(), name.size());
+            if (std::string("QoS_FileLogger") == name.data())
+                named = true;
             pauses.push_back(pause);
             if (pauses.size() == 2 || pauses.size() == 602) {
                 for (const int file : {2, 1, 0})
@@ -218,6 +226,7 @@ TEST(FileLogger, PausesFollowTheVoiceTraffic)
         ready = true;
         EXPECT_TRUE(eventually([&] { return done.load(); }));
         own.fl_stop();
+        EXPECT_TRUE(named);
         std::vector<long> expected(1301, 100000);
         if (!off)
             for (const long after : {2, 602})  // the pass that writes, and 499 empty ones
@@ -257,52 +266,4 @@ TEST(FileLogger, FlushesEachFileWhateverHappensToTheOthers)
             EXPECT_EQ(file == broken ? 0 : HEADERS[file] + 200,
                       read_file(dir / NAMES[file]).size());
     }
-}
-
-TEST(FileLogger, LivesWithoutWhatItCannotHave)
-{
-    LogCapture log("log.default=0");
-    struct Row {
-        const char* function;
-        int n, error;
-        const char* logged;
-        int queued;
-    };
-    const Row rows[] = {
-        {"pthread_mutex_init", 1, ENOMEM, "init mutex for FileLogger. Error: 12,0\n", 0},
-        {"pthread_mutex_init", 2, EAGAIN, "init mutex for FileLogger. Error: 0,11\n", 0},
-        {"pthread_create", 1, EAGAIN, "create new thread for FileLogger. Error: 11\n", 200}};
-    for (const Row& row : rows) {
-        faults.disarm();
-        faults.arm(row.function, row.n, row.error);
-        IdleFileLogger idle("");
-        EXPECT_EQ(std::string("[ERROR] Unable to ") + row.logged, log.take());
-        for (const int file : {0, 1, 2}) {
-            EXPECT_EQ(row.queued, queue(idle.logger, file, 200));
-            write_step(idle.logger, file, true);
-            EXPECT_EQ(0U, idle.size(file));
-        }
-        EXPECT_EQ("", log.take());
-    }
-    LogCapture::take();
-    QoSPacket unknown("QOS_EV_TYPE=QOS_NEAR", "");
-    EXPECT_EQ(-1, IdleFileLogger("").logger.FL_Write(&unknown));
-    EXPECT_THROW(FileLogger(nullptr), std::invalid_argument);
-}
-
-TEST(FileLogger, WritesWhatAnotherThreadQueues)
-{
-    constexpr int RECORDS = 500;  // as many as the buffers hold
-    const TempDir dir;
-    ConfigFile config = config_of("qos_stat_dir=" + dir.path);
-    PauseWatch pauses;
-    faults.skip_pauses = true;
-    FileLogger logger(&config);
-    for (int i = 0; i < RECORDS; i++)
-        for (const int file : {0, 1, 2})
-            EXPECT_EQ(200, queue(logger, file, 200));
-    EXPECT_TRUE(pauses.seen("QoS_FileLogger 10000"));
-    logger.fl_stop();
-    for (const int file : {0, 1, 2})
-        EXPECT_EQ(HEADERS[file] + 200 * RECORDS, read_file(dir / NAMES[file]).size());
 }

@@ -174,21 +174,6 @@ TEST(FileObject, CountsTheBytesThatWereWritten)
     EXPECT_EQ(0U, sizes_of(dir).count("F.txt"));
 }
 
-TEST(FileObject, GoesOnWithoutTheHeaderThatFailed)
-{
-    const TempDir dir;
-    FileObject file("header\n", 7, dir.path, "F", ".txt", 99, 4);
-    faults.arm("write", 1, Faults::SHORT_COUNT);
-    try {
-        file.fobj_write("lost", false);
-        ADD_FAILURE();
-    } catch (const std::runtime_error& error) {
-        EXPECT_EQ("Failed to write header to the " + (dir / "F.txt"), error.what());
-    }
-    EXPECT_EQ(5, file.fobj_write("next\n", false));
-    EXPECT_EQ("heanext\n", read_file(dir / "F.txt"));
-}
-
 TEST(FileObject, RemovesTheOldestOfItsOwnArchivesOnly)
 {
     using namespace std::filesystem;

@@ -69,21 +69,6 @@ TEST(Report, EveryRule)
     }
 }
 
-TEST(Report, NamesTheLineThatCannotBeBuilt)
-{
-    LogCapture log;
-    const std::pair<int, const char*> rows[] = {
-        {1, "[ERROR] Failed to allocate _log_string event for QoS packet...\n"},
-        {2, "[ERROR] Failed to allocate _http_log_string event for QoS packet...\n"}};
-    for (const auto& [n, logged] : rows) {
-        Faults::self().arm("asprintf", n, ENOMEM);
-        const QoSPacket packet(NEAR.c_str(), "");
-        EXPECT_EQ(logged, log.take());
-        EXPECT_EQ(n == 1, *packet.log_string() == '\0');
-        EXPECT_STREQ("", packet.http_log_string());
-    }
-}
-
 static std::string bytes(std::string hex)  // blanks do not matter
 {
     std::erase(hex, ' ');

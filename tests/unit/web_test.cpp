@@ -41,43 +41,6 @@ TEST(WebClient, SetsItsHandlesUp)
     EXPECT_EQ(0, options[CURLOPT_FAILONERROR]);
 }
 
-TEST(WebClient, NamesEveryCallThatFails)
-{
-    LogCapture log;
-    const std::string set = "curl_easy_setopt(CURLOPT_", failed = ") failed...\n",
-                      no_thread = "[ERROR] Unable to create new thread for WebClient. Error: 11\n",
-                      none = no_thread + no_thread + no_thread + no_thread + no_thread;
-    struct Row {
-        const char* function;
-        int n, error;
-        std::string logged;
-    };
-    const Row rows[] = {
-        {"curl_global_init", 1, CURLE_FAILED_INIT, "[ERROR] Unable to init curl library...\n"},
-        {"pthread_mutex_init", 1, ENOMEM,
-         "[ERROR] Unable to init mutex for WebClient. Error: 12\n"},
-        {"curl_easy_init", 5, 1, "[ERROR] Failed to initialize curl handle\n" + none},
-        {"curl_easy_setopt", 1, 48, set + "HEADER" + failed + none},
-        {"curl_easy_setopt", 2, 48, set + "VERBOSE" + failed + none},
-        {"curl_easy_setopt", 3, 48, set + "DEBUGFUNCTION" + failed + none},
-        {"curl_easy_setopt", 4, 48, set + "DEBUGDATA" + failed + none},
-        {"curl_easy_setopt", 5, 48, "[ERROR] " + set + "URL" + failed + none},
-        {"curl_easy_setopt", 6, 48, "[ERROR] " + set + "WRITEFUNCTION" + failed + none},
-        {"curl_easy_setopt", 7, 48, "[ERROR] " + set + "WRITEDATA" + failed + none},
-        {"curl_easy_setopt", 8, 48, "[ERROR] c" + set + "FAILONERROR" + failed + none},
-        {"curl_easy_setopt", 9, 48, none},  // the header is only missing
-        {"", 0, 0, none}};
-    for (const Row& row : rows) {
-        faults.disarm();
-        if (row.n > 0)
-            faults.arm(row.function, row.n, row.error);
-        EXPECT_EQ(row.logged, log.take([] { idle_client("http://127.0.0.1:1/", "log.http=-1"); }));
-    }
-    ConfigFile nothing = config_of("");
-    EXPECT_EQ(" [WARN] Empty URL value for WebClient. HTTP reporting is unavailable.\n",
-              log.take([&nothing] { const WebClient off(&nothing); }));
-}
-
 TEST(WebClient, OutlivesTransmissionsThatFail)
 {
     LogCapture log;
