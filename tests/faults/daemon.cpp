@@ -11,7 +11,7 @@ Daemon::Daemon(const std::string& config) : faults(&Faults::shared(dir / "faults
 {
     std::filesystem::create_directories(dir / "root/var/log");
     faults->set_root(dir / "root");
-    faults->any_port = faults->keep_posts = true;
+    faults->any_port = true;
     write_file(dir / "cfg", "sn_file_path=sn\nqos_stat_dir=" + dir.path + "\n" + config);
 }
 

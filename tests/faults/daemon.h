@@ -9,9 +9,9 @@
 #include "faults/faults.h"
 #include "unit/harness.h"
 
-// Lives in a directory of its own; killed at the end if it still runs. Its statistics go to dir,
-// what it posts to dir / "posts". Its fixed directories lie below dir / "root", which has "var/log"
-// and so may have a "var/log/current/d.log", at which said() looks.
+// Lives in a directory of its own; killed at the end if it still runs. Its statistics go to dir
+// and its fixed directories lie below dir / "root", which has "var/log" and so may have a
+// "var/log/current/d.log", at which said() looks.
 class Daemon {
 public:
     explicit Daemon(const std::string& config);

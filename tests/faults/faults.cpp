@@ -18,9 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <map>
-#include <mutex>
 
 // A wrapper that fails when it is its turn and passes its arguments on otherwise; a watch is told
 // of the arguments that come last. Functions with optional arguments are declared with the one
@@ -64,6 +61,9 @@ WRAP(int, pthread_mutex_init, (pthread_mutex_t* mutex, const pthread_mutexattr_t
      (mutex, how))
 WRAP(CURLcode, curl_global_init, (long flags), static_cast<CURLcode>(error), (flags), flags)
 WRAP(CURL*, curl_easy_init, (), nullptr, ())
+WRAP(CURLcode, curl_easy_setopt, (CURL* handle, CURLoption option, long value),
+     static_cast<CURLcode>(error), (handle, option, value), option, value)
+WRAP(CURLcode, curl_easy_perform, (CURL* handle), static_cast<CURLcode>(error), (handle))
 WRAP(sighandler_t, signal, (int number, sighandler_t handler), SIG_ERR, (number, handler))
 WRAP(int, usleep, (useconds_t pause), -1, (cut_pause(pause)), pause)
 // clang-format on
@@ -73,13 +73,6 @@ static time_t moved(time_t now)
     const Faults& faults = Faults::self();
     return (faults.clock_stands_at != 0 ? faults.clock_stands_at.load() : now) + faults.clock_shift;
 }
-
-struct Body {
-    const char* text = nullptr;
-    std::size_t size = 0;
-};
-static std::mutex body_mutex;  // guards bodies
-static std::map<CURL*, Body> bodies;
 
 extern "C" {
 
@@ -99,32 +92,6 @@ int __wrap_bind(int fd, const sockaddr* address, socklen_t size)
     getsockname(fd, reinterpret_cast<sockaddr*>(&free), &size);
     faults.ports[second] = ntohs(free.sin_port);
     return result;
-}
-
-CURLcode __real_curl_easy_setopt(CURL* handle, CURLoption option, long value);
-CURLcode __wrap_curl_easy_setopt(CURL* handle, CURLoption option, long value)
-{
-    const int error = Faults::self().next_call(Faults::id("curl_easy_setopt"), option, value);
-    if (error != 0)
-        return static_cast<CURLcode>(error);
-    const std::lock_guard lock(body_mutex);
-    if (option == CURLOPT_POSTFIELDS)
-        bodies[handle].text = reinterpret_cast<const char*>(value);
-    if (option == CURLOPT_POSTFIELDSIZE)
-        bodies[handle].size = static_cast<std::size_t>(value);
-    return __real_curl_easy_setopt(handle, option, value);
-}
-
-CURLcode __real_curl_easy_perform(CURL* handle);
-CURLcode __wrap_curl_easy_perform(CURL* handle)
-{
-    const int error = Faults::self().next_call(Faults::id("curl_easy_perform"));
-    if (error != 0 || !Faults::self().keep_posts)
-        return error != 0 ? static_cast<CURLcode>(error) : __real_curl_easy_perform(handle);
-    const std::lock_guard lock(body_mutex);
-    std::ofstream("posts", std::ios::app)
-        .write(bodies[handle].text, static_cast<std::streamsize>(bodies[handle].size));
-    return CURLE_OK;
 }
 
 int __wrap_asprintf(char** text, const char* format, ...)

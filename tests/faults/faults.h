@@ -47,7 +47,6 @@ struct Faults {
     std::atomic<bool> any_port;
     std::atomic<long> clock_shift;      // seconds added to the clock
     std::atomic<long> clock_stands_at;  // unless 0, the second at which it stands still
-    std::atomic<bool> keep_posts;       // nothing is sent: bodies go to the file "posts"
     std::atomic<bool> skip_pauses;      // usleep() returns at once
 
     // For the wrappers: the error that this call must fail with, or 0; the path to use.

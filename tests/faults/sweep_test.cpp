@@ -116,9 +116,9 @@ struct Life {
     const Row& row;
     int n;
     bool onwards, log_file;
-    Daemon daemon{
-        "log.default=4\nlog.http=2\nmax_file_size_rtp=50\nelastic_url=http://127.0.0.1:1/" +
-        std::string(log_file ? "\nlog.file=d" : "")};
+    HttpServer server{};
+    Daemon daemon{"log.default=4\nlog.http=2\nmax_file_size_rtp=50\nelastic_url=" + server.url +
+                  (log_file ? "\nlog.file=d" : "")};
     std::string written{};
     int lost = 0, headless = 0;
     int intact = 0;  // phases that were over before the failure
@@ -195,7 +195,9 @@ struct Life {
             headless += text.find("\x01") != 20 && text.find(" SN RTCP_CNAME\n") > 176;
             written += text;
         }
-        const std::string posted = read_file(daemon.dir / "posts");
+        std::string posted;
+        for (const HttpServer::Request& request : server.requests())
+            posted += request.body;
         int lost_posts = 0;
         for (int phase = 1; phase <= phases; phase++) {
             const std::string number = std::to_string(phase);

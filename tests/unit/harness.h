@@ -1,6 +1,7 @@
-// What the tests stand on: temporary directories, datagrams, the log and the pauses of threads.
-// Every wait ends at an event or at its deadline. The log, the clock and the faults belong to the
-// process and are not put back: each test runs in a process of its own, as ctest starts them.
+// What the tests stand on: temporary directories, the log, and a web server that records what it
+// is sent. Every wait ends at an event or at its deadline.
+// The log, the clock and the faults belong to the process and are not put back: each test runs in
+// a process of its own, as ctest starts them.
 #pragma once
 
 #include <atomic>
@@ -57,4 +58,25 @@ public:
 private:
     std::mutex _mutex;  // guards _pauses
     std::map<std::string, int> _pauses;
+};
+
+// A web server on loopback that records every request and answers "200 OK".
+class HttpServer {
+public:
+    struct Request {
+        std::string head, body;
+    };
+    HttpServer();
+    ~HttpServer();
+    std::vector<Request> requests();
+    std::string url;
+
+private:
+    void serve(int fd);
+    int _socket;
+    std::atomic<bool> _stopping{false};
+    std::mutex _mutex;  // guards _requests
+    std::vector<Request> _requests;
+    std::vector<std::jthread> _connections;
+    std::jthread _acceptor;
 };
