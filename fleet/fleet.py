@@ -1,0 +1,253 @@
+#!/usr/bin/env python3
+"""The store of a fleet: writes its configuration, and runs engine nodes and gateway on loopback.
+
+    fleet.py [--home DIR] [--rate N] DIRECTORY NODE...
+
+writes below DIRECTORY all that the nodes and the gateway of a real fleet need; docs/fleet.md tells what
+goes where. Trials and tests use the class Fleet.
+"""
+import argparse
+import base64
+import hashlib
+import http.client
+import os
+import re
+import secrets
+import shutil
+import socket
+import subprocess
+import time
+import urllib.error
+import urllib.parse
+import urllib.request
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+QUERIES = {path.stem: path.read_text() for path in sorted(HERE.glob("queries/*.sql"))}
+# What a parameter may look like, and how it then stands in the statement.
+KINDS = {"UInt32": (r"\d{1,10}", "%s"), "Float64": (r"\d{1,6}(?:\.\d{1,9})?", "%s"),
+         "String": (r"(?:[0-9A-Fa-f]{2}){0,1023}", "unhex('%s')")}
+PARAMETER = re.compile(r"\{(\w+):(\w+)\}")
+
+
+def statements(text):
+    return [part for part in re.sub(r"(?m)^--.*\n?", "", text).split(";\n") if part.strip()]
+
+
+def query_location(name, text):
+    """The statement is fixed here; nginx puts in the parameters that have passed its test."""
+    parts = PARAMETER.split(" ".join(statements(text)[0].split()))
+    sql = urllib.parse.quote_plus(parts[0], safe="(),*=/:")
+    for parameter, kind, following in zip(parts[1::3], parts[2::3], parts[3::3]):
+        before, after = KINDS[kind][1].split("%s")
+        sql += before + f"$fleet_{parameter}" + after + urllib.parse.quote_plus(following, safe="(),*=/:")
+    return (f"        location = /query/{name} {{\n            set $args \"default_format=JSON&query={sql}\";\n"
+            "            limit_except GET { deny all; }\n            proxy_pass http://fleet_engine/;\n        }")
+
+
+def password_line(user, password):
+    salt = secrets.token_bytes(8)       # the password is long and random, so a fast hash does
+    digest = hashlib.sha1(password.encode() + salt).digest() + salt
+    return f"{user}:{{SSHA}}{base64.b64encode(digest).decode()}\n"
+
+
+def write_configuration(directory, nodes, listen, passwords, home=None, rate=100, timeout=10):
+    """nodes: (host, native port, HTTP port) of each; home: where the gateway will find the directory."""
+    key = secrets.token_hex(16)
+    parameters = sorted({found for text in QUERIES.values() for found in PARAMETER.findall(text)})
+    values = {
+        "KEY": key, "HOME": home or directory, "RATE": rate, "TIMEOUT": timeout,
+        "SHARDS": "\n".join(
+            # with a database of its own no node counts as local, so that its rows, too, come in large blocks
+            f"            <shard><replica><host>{host}</host><port>{port}</port><user>gateway</user>"
+            f"<password>{key}</password><default_database>fleet</default_database></replica></shard>"
+            for host, port, _ in nodes),
+        "UPSTREAMS": "\n".join(f"    server {host}:{port} max_fails=1 fail_timeout=5s;" for host, _, port in nodes),
+        "LISTEN": "\n".join(f"    listen {address};" for address in listen),
+        "PARAMETERS": "\n".join(f"map $arg_{name} $fleet_{name} {{ default ''; \"~^{KINDS[kind][0]}$\" $arg_{name}; }}"
+                                for name, kind in parameters),
+        "QUERIES": "\n".join(query_location(name, text) for name, text in QUERIES.items()),
+    }
+    directory.mkdir(parents=True, exist_ok=True)
+    for name in ("engine.xml", "users.xml", "gateway.conf"):
+        text = re.sub(r"@(\w+)@", lambda match: str(values[match[1]]), (HERE / name).read_text())
+        (directory / name).write_text(text)
+    for user, password in passwords.items():
+        (directory / f"{user}s.htpasswd").write_text(password_line(user, password))
+    (directory / "page").mkdir(exist_ok=True)
+    for name in ("index.html", "fleet.js"):
+        shutil.copy(HERE / name, directory / "page")
+    shutil.copy(HERE / "schema.sql", directory)
+    return key
+
+
+def make_certificate(directory, name):
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days",
+                    "365", "-subj", f"/CN={name}", "-addext", f"subjectAltName=IP:{name}", "-keyout",
+                    directory / "tls.key", "-out", directory / "tls.crt"], check=True, capture_output=True)
+
+
+def free_port():
+    with socket.socket() as one:
+        one.bind(("127.0.0.1", 0))
+        return one.getsockname()[1]
+
+
+def run(command, directory):
+    """A child that ends with this process, however that ends."""
+    with open(directory / "out", "ab") as out:
+        return subprocess.Popen(["setpriv", "--pdeathsig", "TERM", *command], cwd=directory, stdout=out, stderr=out,
+                                stdin=subprocess.DEVNULL)
+
+
+class Shard:
+    """An engine node on loopback with all its files in one directory."""
+
+    def __init__(self, directory):
+        self.directory = directory
+        self.native, self.http, self.interserver = free_port(), free_port(), free_port()
+        self.process = None
+
+    def start(self):
+        place = self.directory
+        (place / "config.d").mkdir(parents=True, exist_ok=True)
+        shutil.copy(place.parent / "engine.xml", place / "config.d/fleet.xml")
+        shutil.copy(place.parent / "users.xml", place / "users.xml")
+        ports = {"http_port": self.http, "tcp_port": self.native, "interserver_http_port": self.interserver}
+        paths = {"path": "data", "tmp_path": "tmp", "user_files_path": "files", "format_schema_path": "formats"}
+        settings = {**ports, **{tag: f"{place}/{name}/" for tag, name in paths.items()},
+                    "interserver_http_host": "127.0.0.1", "listen_host": "127.0.0.1", "users_config": "users.xml",
+                    "default_profile": "default", "default_database": "default", "timezone": "UTC",
+                    "mark_cache_size": 100000000, "uncompressed_cache_size": 0}
+        (place / "config.xml").write_text(
+            f"<yandex><logger><level>warning</level><log>{place}/log</log><errorlog>{place}/errors</errorlog></logger>"
+            + "".join(f"<{tag}>{value}</{tag}>" for tag, value in settings.items()) + "</yandex>")
+        self.process = run(["clickhouse-server", "--config-file=config.xml"], place)
+
+    def sql(self, text, **settings):
+        """As the administrator; raises urllib.error.HTTPError with the engine's text."""
+        url = f"http://127.0.0.1:{self.http}/?" + urllib.parse.urlencode(settings)
+        with urllib.request.urlopen(url, text.encode(), timeout=60) as answer:
+            return answer.read().decode(errors="replace")
+
+    def ready(self):
+        if self.process.poll() is not None:
+            raise RuntimeError((self.directory / "out").read_text() + (self.directory / "errors").read_text()[-2000:])
+        try:
+            return self.sql("SELECT 1") == "1\n"
+        except OSError:
+            return False
+
+    def wait_ready(self, seconds=60):
+        deadline = time.monotonic() + seconds
+        while not self.ready():
+            if time.monotonic() > deadline:
+                raise RuntimeError(f"no engine after {seconds} s")
+            time.sleep(0.05)
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+
+class Fleet:
+    """Shards and gateway on loopback below a directory; everything ends with stop() or with this process."""
+
+    def __init__(self, directory, shards=2, rate=10000, timeout=10):
+        self.directory = Path(directory)
+        self.passwords = {"unit": secrets.token_hex(8), "viewer": secrets.token_hex(8)}
+        self.shards = [Shard(self.directory / f"shard{number}") for number in range(shards)]
+        self.http, self.https = free_port(), free_port()
+        self.url = f"http://127.0.0.1:{self.http}"
+        self.gateway = None
+        write_configuration(self.directory, [("127.0.0.1", shard.native, shard.http) for shard in self.shards],
+                            [f"127.0.0.1:{self.http}", f"127.0.0.1:{self.https} ssl"], self.passwords,
+                            rate=rate, timeout=timeout)
+        make_certificate(self.directory, "127.0.0.1")
+
+    def elastic_url(self, scheme="http"):
+        port = self.https if scheme == "https" else self.http
+        return f"{scheme}://unit:{self.passwords['unit']}@127.0.0.1:{port}/ingest"
+
+    def start(self):
+        for shard in self.shards:
+            shard.start()
+        for shard in self.shards:
+            shard.wait_ready()
+            for statement in statements((self.directory / "schema.sql").read_text()):
+                shard.sql(statement)
+        self.start_gateway()
+        return self
+
+    def start_gateway(self):
+        place = self.directory
+        temporary = "".join(f"{kind}_temp_path {place}/tmp_{kind};" for kind in
+                            ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
+        user = "user root;" if os.geteuid() == 0 else ""
+        (place / "nginx.conf").write_text(
+            f"daemon off; pid {place}/nginx.pid; error_log {place}/gateway.log; worker_processes auto; {user}\n"
+            "worker_rlimit_nofile 8192; events { worker_connections 4000; }\n"
+            f"http {{ include /etc/nginx/mime.types; {temporary} include {place}/gateway.conf; }}\n")
+        path = os.environ["PATH"] + ":/usr/sbin"
+        self.gateway = run([shutil.which("nginx", path=path), "-p", place, "-c", place / "nginx.conf"], place)
+        deadline = time.monotonic() + 20
+        while self.status("/") != 401:
+            if self.gateway.poll() is not None or time.monotonic() > deadline:
+                raise RuntimeError("no gateway: " + (place / "out").read_text())
+            time.sleep(0.02)
+
+    def request(self, path, user=None, password=None, body=None):
+        """(status, body) of a request to the gateway, as this user if given."""
+        request = urllib.request.Request(self.url + path, data=body)
+        if user:
+            word = f"{user}:{password or self.passwords.get(user)}"
+            request.add_header("Authorization", "Basic " + base64.b64encode(word.encode()).decode())
+        try:
+            with urllib.request.urlopen(request, timeout=60) as answer:
+                return answer.status, answer.read()
+        except urllib.error.HTTPError as error:
+            return error.code, error.read()
+        except http.client.HTTPException as error:      # cut off
+            return 0, str(error).encode()
+
+    def status(self, *arguments, **options):
+        try:
+            return self.request(*arguments, **options)[0]
+        except OSError:
+            return 0
+
+    def query(self, query, /, **parameters):
+        """(status, body) of one of the queries as a viewer; texts in UTF-8 or bytes."""
+        words = {key: value if isinstance(value, (int, float)) else
+                 (value if isinstance(value, bytes) else value.encode()).hex() for key, value in parameters.items()}
+        return self.request(f"/query/{query}?" + urllib.parse.urlencode(words), "viewer")
+
+    def mend(self):
+        """Gives what the old release takes for broken when a node is killed that it talks to back for delivery."""
+        for path in self.directory.glob("shard*/data/data/fleet/lines/*/broken/*.bin"):
+            path.rename(path.parents[1] / path.name)
+
+    def stop(self):
+        """At once: what was not delivered stays in the directory."""
+        for process in (self.gateway, *(shard.process for shard in self.shards)):
+            if process:
+                process.kill() if process is not self.gateway else process.terminate()
+                process.wait()
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Writes the configuration of a fleet's nodes and gateway.")
+    parser.add_argument("--home", default="/etc/nginx/fleet", help="where the gateway will find the directory")
+    parser.add_argument("--rate", type=int, default=100, help="batches a second from one address (100)")
+    parser.add_argument("directory", type=Path)
+    parser.add_argument("node", nargs="+", help="host name of an engine node, which is a shard each")
+    options = parser.parse_args()
+    passwords = {user: secrets.token_hex(16) for user in ("unit", "viewer")}
+    write_configuration(options.directory, [(node, 9000, 8123) for node in options.node],
+                        ["443 ssl"], passwords, options.home, options.rate)
+    for user, password in passwords.items():
+        print(f"{user}'s password: {password}")
+
+
+if __name__ == "__main__":
+    main()
