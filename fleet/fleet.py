@@ -93,6 +93,14 @@ def free_port():
         return one.getsockname()[1]
 
 
+def wait_for(condition, seconds, what):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            raise RuntimeError(f"waited {seconds} s in vain for {what}")
+        time.sleep(0.02)
+
+
 def run(command, directory):
     """A child that ends with this process, however that ends."""
     with open(directory / "out", "ab") as out:
@@ -138,13 +146,6 @@ class Shard:
         except OSError:
             return False
 
-    def wait_ready(self, seconds=60):
-        deadline = time.monotonic() + seconds
-        while not self.ready():
-            if time.monotonic() > deadline:
-                raise RuntimeError(f"no engine after {seconds} s")
-            time.sleep(0.05)
-
     def kill(self):
         self.process.kill()
         self.process.wait()
@@ -173,7 +174,7 @@ class Fleet:
         for shard in self.shards:
             shard.start()
         for shard in self.shards:
-            shard.wait_ready()
+            wait_for(shard.ready, 60, "the engine")
             for statement in statements((self.directory / "schema.sql").read_text()):
                 shard.sql(statement)
         self.start_gateway()
@@ -190,11 +191,12 @@ class Fleet:
             f"http {{ include /etc/nginx/mime.types; {temporary} include {place}/gateway.conf; }}\n")
         path = os.environ["PATH"] + ":/usr/sbin"
         self.gateway = run([shutil.which("nginx", path=path), "-p", place, "-c", place / "nginx.conf"], place)
-        deadline = time.monotonic() + 20
-        while self.status("/") != 401:
-            if self.gateway.poll() is not None or time.monotonic() > deadline:
-                raise RuntimeError("no gateway: " + (place / "out").read_text())
-            time.sleep(0.02)
+        wait_for(lambda: self.gateway.poll() is not None or self.status("/") == 401, 20, "the gateway")
+        if self.gateway.poll() is not None:
+            raise RuntimeError((place / "out").read_text())
+
+    def count(self, table):
+        return int(self.shards[0].sql(f"SELECT count() FROM fleet.{table}"))
 
     def request(self, path, user=None, password=None, body=None):
         """(status, body) of a request to the gateway, as this user if given."""

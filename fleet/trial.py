@@ -1,0 +1,96 @@
+#!/usr/bin/env python3
+"""Tries the fleet out on loopback: two engine nodes, the gateway, and twenty daemons with simulated calls.
+
+Shows what the queries answer, takes a picture of the page, and stays until Ctrl-C (--once: ends by itself).
+"""
+import json
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+from fleet import HERE, QUERIES, Fleet, free_port, run, wait_for
+
+BUILD = HERE.parent / "build/release"
+UNITS = 20
+PICTURE = HERE.parent / "build/fleet.png"
+
+
+def start_unit(directory, number, elastic_url):
+    directory.mkdir()
+    port = free_port()
+    (directory / "sn").write_text(f"serial: {10000 + number}\n")
+    (directory / "voxstat.cfg").write_text(f"qos_port={port}\nqos_stat_dir={directory}/stat\nsn_file_path={directory}/sn\n"
+                                           f"elastic_url={elastic_url}\n")
+    return port, run([BUILD / "voxstat", "-f", "voxstat.cfg"], directory)
+
+
+def bound(port):
+    """Whether both ports of a unit are open: the port and the one above it."""
+    table = Path("/proc/net/udp").read_text()
+    return all(f":{number:04X} " in table for number in (port, port + 1))
+
+
+def show(store, query, **parameters):
+    rows = json.loads(store.query(query, **parameters)[1])["data"]
+    print(f"\n=== {query}: {len(rows)} rows")
+    for row in rows[:5]:
+        print("  " + "  ".join(f"{key}={round(value, 2) if isinstance(value, float) else value}"
+                               for key, value in row.items() if not key.endswith("_hex")))
+
+
+def take_picture(store, path):
+    address = store.url.replace("//", f"//viewer:{store.passwords['viewer']}@")
+    subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars", "--window-size=1300,1500",
+                    f"--user-data-dir={store.directory}/chromium", "--virtual-time-budget=10000",
+                    f"--screenshot={path}", address], check=True, capture_output=True, timeout=120)
+
+
+def trial(directory, once):
+    store = Fleet(directory)
+    units = []
+    try:
+        store.start()
+        units = [start_unit(directory / f"unit{number}", number, store.elastic_url()) for number in range(UNITS)]
+        wait_for(lambda: all(bound(port) for port, _ in units), 30, "daemons' ports")
+        print(f"Two engine nodes, the gateway and {UNITS} daemons are up; half a minute of traffic follows.", flush=True)
+        traffic = [subprocess.Popen([BUILD / "tools/voxstat-sim", "--port", str(port), "--speed", "10", "--seed", str(seed),
+                                     *([] if seed == 7 else ["--bad", "0"])], stdout=subprocess.PIPE, text=True)
+                   for seed, (port, _) in enumerate(units)]
+        sent = sum(int(re.search(r"(\d+) session reports", player.communicate()[0])[1]) for player in traffic)
+        wait_for(lambda: store.count("reports") >= sent, 30, f"{sent} reports in the store")
+        print(f"{sent} session reports sent, {store.count('reports')} in the store.")
+        now = int(time.time()) + 1
+        period = {"from": now - 900, "to": now}
+        for query in QUERIES:
+            if query != "call":
+                show(store, query, **period, ms=1, step=60, since=now - 86400, after=600)
+        worst = json.loads(store.query("worst_calls", **period, ms=1)[1])["data"][0]
+        show(store, "call", **period, sn=worst["unit"], name=worst["rtcp_name"], gcid=worst["call"])
+        take_picture(store, PICTURE)
+        print(f"\nPicture of the page: {PICTURE}\nThe page itself: {store.url}/ "
+              f"(user viewer, password {store.passwords['viewer']})", flush=True)
+        if not once:
+            print("Ctrl-C ends it.", flush=True)
+            signal.pause()
+    finally:
+        for _, process in units:
+            process.kill()
+            process.wait()
+        store.stop()
+
+
+def main():
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    with tempfile.TemporaryDirectory(prefix="voxstat.") as name:
+        try:
+            trial(Path(name), "--once" in sys.argv)
+        except KeyboardInterrupt:
+            pass
+
+
+if __name__ == "__main__":
+    main()
