@@ -4,7 +4,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import line, report, voice_record, wait_for
+from conftest import line, report, wait_for
 
 START = 1700000000
 FIXED = {"GCID": "0-0", "TID": "0.0", "SSRC": "00000", "SERIAL_NUM": "SN", "RTCP_CNAME": "Service_Packet"}
@@ -35,45 +35,12 @@ def test_service_reports(start, web, clock):
     assert "Service" not in daemon.text()
 
 
-@pytest.mark.parametrize("name, timeout, data", [
-    ("QoS_Stat.txt", 30, report()),
-    ("QoS_Stat_Sessions_Summary.txt", 60, report("QOS_EOS_FAREND")),
-    ("RTP_Streams_No_Voice.pcap", 30, voice_record(b"x" * 87)),
-])
-def test_short_rest_waits(start, clock, name, timeout, data):
-    """Whole blocks of 1024 bytes go at once; what is left goes when the last write is older than the time."""
-    clock.set(START)
-    daemon = start(launch=clock.launch)
-    port = daemon.port + name.endswith("pcap")
-    daemon.send_to(port, data)
-    first = wait_for(lambda: len(daemon.read(name)))    # at once, since there was no last write
-    size = len(daemon.read(name)) - (191 if timeout == 60 else 24 if name.endswith("pcap") else 144)
-    for _ in range(15):
-        daemon.send_to(port, data)
-    blocks = first + 15 * size // 1024 * 1024
-    wait_for(lambda: len(daemon.read(name)) == blocks)
-    clock.set(START + timeout)
-    daemon.passes("QoS_FileLogger")
-    assert len(daemon.read(name)) == blocks
-    clock.set(START + timeout + 1)
-    wait_for(lambda: len(daemon.read(name)) == first + 15 * size)
-    daemon.stop()
-
-
-def test_pauses(start, web, clock):
-    """Idle threads look after their work ten times a second; the file writer a hundred times while voice flows, and
-    until it has found none five hundred times in a row. All of it three times as fast."""
-    clock.set("+0 x3")
-    daemon = start(elastic_url=web.url, launch=clock.launch, max_buf_timeout_rtp=-1)
+def test_idle_threads_pause(start, web):
+    """Ten times a second each thread looks after its work, and the main loop sleeps."""
+    daemon = start(elastic_url=web.url)
     before = daemon.pauses()
-    assert 0.2 < daemon.passes("QoS_FileLogger", 10) < 3
+    assert 0.6 < daemon.passes("QoS_FileLogger", 10) < 9
     assert {name for name, count in daemon.pauses().items() if 5 < count - before[name] < 20} == {*before} - {"voxstat"}
-    for _ in range(2):
-        daemon.send_voice(voice_record(b"v"))
-        daemon.passes("QoS_FileLogger", 2)
-        assert 0.8 < daemon.passes("QoS_FileLogger", 460) < 8
-    daemon.passes("QoS_FileLogger", 70)
-    assert daemon.passes("QoS_FileLogger", 10) > 0.2
     daemon.stop()
 
 

@@ -1,7 +1,5 @@
 """Disks and directories that refuse: what is said, what is lost, and that it goes on."""
-import re
 import resource
-import shutil
 
 from conftest import HEADERS, line, pcap_record, report, voice_record, wait_for
 
@@ -47,22 +45,3 @@ def test_directory_that_is_missing(start, tmp_path):
         *["[ERROR] Failed to create directory DIR/none/stat/ (2: No such file or directory)"] * 3,
         *["[ERROR] FileObject::fobj_cleanup: failed to open DIR/none/stat/; No such file or directory (2)"] * 2,
         "[ERROR] Failed to open DIR/none/stat/QoS_Stat.txt"]
-
-
-def test_directory_that_goes(start):
-    """A dump that can neither be archived nor removed is given up, and the next one needs the directory."""
-    daemon = start(max_file_size_rtp=200, max_buf_timeout_rtp=-1, log__default=0, log__http=0)
-    for size in (124, 224):
-        daemon.send_voice(RECORD)
-        wait_for(lambda: len(daemon.dump()) == size)
-    shutil.rmtree(daemon.stat)
-    daemon.send_voice(RECORD)
-    daemon.logged("on ::remove")
-    daemon.stat.mkdir()
-    daemon.send_voice(RECORD)
-    daemon.stop()
-    archive = DUMP.replace(".pcap", "_TIME.pcap")
-    error = "No such file or directory (2) on"
-    assert [re.sub(r"\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d", "TIME", entry) for entry in daemon.log()] == [
-        f"[ERROR] {error} rotation (::rename) of {DUMP} to {archive}", f"{error} ::remove {DUMP}"]
-    assert daemon.dump()[24:] == pcap_record(RECORD)

@@ -3,7 +3,7 @@ import os
 
 import pytest
 
-from conftest import HEADERS, PCAP_HEADER, line, pcap_record, report, voice_record, wait_for
+from conftest import HEADERS, line, pcap_record, report, voice_record
 
 FILES = [   # name, size from which it rotates, archives kept, what is sent, what is written
     ("QoS_Stat.txt", 20971520, 4, report(), line().encode()),
@@ -61,22 +61,3 @@ def test_rotates_at_its_size(start, tmp_path, name, size, kept, data, written, b
     assert len(content) == size - below + len(written) and content.endswith(written)
     assert [entry for entry in daemon.log() if "deleted" in entry] == [
         f"[INFO] FileObject::fobj_cleanup: successfully deleted DIR/stat/{path}" for path in newest_first[:keeps - 1:-1]]
-
-
-def test_archives_of_one_second(start, tmp_path, clock):
-    """Every record stands in the dump's archives, whole and once, although all of them rotate in one second."""
-    clock.set(1700000000)
-    sent = [voice_record(bytes([number] * 342)) for number in range(18)]    # 400 bytes each in the dump
-    told = []
-    for run in (0, 9):
-        daemon = start(tmp_path, launch=clock.launch, max_file_size_rtp=1000, max_archived_files_rtp=100,
-                       max_buf_timeout_rtp=-1, log__default=3)
-        for number in range(run, run + 9):
-            daemon.send_voice(sent[number])
-            wait_for(lambda: sum(path.stat().st_size // 400 for path in daemon.stat.iterdir()) == number + 1)
-        daemon.stop()
-        told += daemon.log("TRACE")
-    names = sorted(path.name for path in daemon.stat.glob("RTP_Streams_No_Voice_2023-11-15_03-43-20*.pcap"))
-    contents = [daemon.read(name) for name in names] + [daemon.dump()]
-    assert contents == [PCAP_HEADER + b"".join(map(pcap_record, sent[at:at + 4])) for at in range(0, 18, 4)]
-    assert told == [f"[TRACE] DIR/stat/RTP_Streams_No_Voice.pcap rotated to DIR/stat/{name}" for name in names]

@@ -1,5 +1,4 @@
 """The batches that are posted, and what becomes of them when the server does not play along."""
-import json
 import re
 import socket
 
@@ -85,43 +84,6 @@ def test_server_fails(start, web, how, said):
         daemon.stop()
     assert all(re.match(said or "nothing", entry) for entry in daemon.log())
     assert len(set(web.lines())) == len(web.lines())
-
-
-def test_url_that_libcurl_refuses(start):
-    daemon = start(elastic_url="http://" + "x" * 8000000, log__http=2)
-    daemon.send(report())
-    daemon.logged("[INFO] Skipping http transmission - no available idle curl handles!")
-    daemon.stop()
-    assert daemon.log()[:5] == ["[ERROR] curl_easy_setopt(CURLOPT_URL) failed..."] * 5
-
-
-def test_silent_server(start, web):
-    """Five batches are on their way at a time, and 100 KiB more wait; then lines are lost, and counted."""
-    daemon = start(elastic_url=web.url, log__http=2)
-    web.speaks.clear()
-    names = []
-
-    def fill():
-        names.append(row(f"{len(names)}-", 1000))
-        daemon.send(report(RTCP_CNAME=names[-1]))
-        wait_for(daemon.drained)
-        return " WebClient OVERFLOW" in daemon.log()
-
-    wait_for(fill)
-    for _ in range(5):
-        fill()
-    assert len(web.requests) == 5
-    web.speaks.set()
-    wait_for(lambda: len(web.requests) == 6)
-    for name in ("one", "two"):
-        daemon.send(report(RTCP_CNAME=name))
-    daemon.logged("[WARN] WebClient OVERFLOW: ")
-    daemon.stop()
-    lost = daemon.log().count(" WebClient OVERFLOW")
-    assert daemon.log("WARN")[1:] == [f"[WARN] WebClient OVERFLOW: {lost}"]
-    kept = len(names) - lost
-    posted = [text.split()[-1] for text in web.lines()]
-    assert sorted(posted[:kept], key=names.index) == names[:kept] and len(json.loads(web.requests[5][2])) > 100
 
 
 def test_everything_once_and_in_order(start, web):

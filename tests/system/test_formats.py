@@ -1,7 +1,10 @@
-"""From reports to the lines of the two statistics files and of the posts."""
+"""From datagrams to lines, JSON and pcap records."""
+import os
+import signal
+
 import pytest
 
-from conftest import HEADERS, batch, line, report, wait_for
+from conftest import HEADERS, PCAP_HEADER, batch, line, pcap_record, report, voice_record, wait_for
 
 SESSION = {"TIME_STAMP_SEC": 1700000000, "TIME_STAMP_USEC": 123456, "GCID": "3-1016", "TID": "2.117",
            "FAR_END_IP": "203.0.113.5", "PORT": 5004, "PACKETS": 250, "LOST_SINCE_LAST_REPORT": 2,
@@ -14,6 +17,8 @@ WIDE = {key: f"{number}23456789" for number, key in enumerate(SUMMARY, 1)} | {
     "GCID": "g" * 12, "TID": "t" * 13, "FAR_END_IP": "f" * 17, "SSRC": "s" * 13, "RTCP_CNAME": "a=b",
     "TIME_STAMP_SEC": 1, "TIME_STAMP_USEC": 999, "FIRST_PACKET_SEC": 2, "LAST_PACKET_SEC": 86399,
     "FIRST_PACKET_USEC": 0, "LAST_PACKET_USEC": 0}
+LENGTHS = [160, 0, 1989, 1990, 2024, 2025, 3000]    # stored whole up to 1989, cut from 2025 on
+
 
 @pytest.mark.parametrize("event", ["QOS_NEAREND", "QOS_FAREND", "QOS_EOS_NEAREND", "QOS_EOS_FAREND"])
 def test_each_event(start, web, event):
@@ -28,3 +33,25 @@ def test_each_event(start, web, event):
     assert (daemon.text(name), daemon.text(other)) == (HEADERS[name] + "".join(lines), "")
     assert [body for _, _, body in web.requests] == (
         [batch(lines[:len(web.lines())])] if posted else [])    # the first may go before the others come
+
+
+def test_records(daemon):
+    records = [voice_record(os.urandom(length), source=("10.0.0.1", 1), target=("255.254.253.252", 65535),
+                            seconds=4294967295, microseconds=999999) for length in LENGTHS]
+    largest = [voice_record(b"r" * (32767 - 24 - 184)), voice_record(b"r" * 160)]     # fill the daemon's buffer
+    daemon.send_voice(*records)
+    daemon.send_voice(*largest)
+    daemon.stop()
+    assert daemon.dump() == PCAP_HEADER + b"".join(map(pcap_record, records + largest))
+    assert daemon.log("WARN")[2:] == []
+
+
+def test_reports_come_first(start):
+    daemon = start(log__network=4)
+    daemon.process.send_signal(signal.SIGSTOP)
+    daemon.send_voice(voice_record(b"v"))
+    daemon.send(report(TID=1), report(TID=2))
+    daemon.send_voice(voice_record())
+    daemon.process.send_signal(signal.SIGCONT)
+    daemon.stop()
+    assert [entry.split()[3] for entry in daemon.log("DEBUG")] == ["QoS", "QoS", "Voice", "Voice"]
