@@ -102,7 +102,7 @@ void ConfigLines::look_at(std::string line)
                           "put a '#' in front");
     else if (value.empty())
         _findings.error(_number, "no \"= VALUE\" follows ", key,
-                        ", so the line is ignored and the ", "default counts; write \"", key,
+                        ", so the line is ignored and the default counts; write \"", key,
                         " = VALUE\", or delete the line");
     else
         look_at_value(*known, value, cut);

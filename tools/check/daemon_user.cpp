@@ -8,12 +8,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace {
 
 constexpr const char* PACKAGE_USER = "voxstat";
-constexpr int MOST_GROUPS = 256;
 
 const passwd* find_user(const std::optional<std::string>& name)
 {
@@ -30,26 +30,20 @@ class DaemonUser::Being {
 public:
     explicit Being(const DaemonUser& user) : _changed(geteuid() == 0 && user._uid != 0)
     {
-        if (!_changed)
-            return;
-        _own_groups.resize(static_cast<std::size_t>(getgroups(0, nullptr)));
-        if (getgroups(static_cast<int>(_own_groups.size()), _own_groups.data()) < 0 ||
-            setgroups(user._groups.size(), user._groups.data()) != 0 || setegid(user._gid) != 0 ||
-            seteuid(user._uid) != 0)
+        if (_changed && (initgroups(user._name.c_str(), user._gid) != 0 ||
+                         setegid(user._gid) != 0 || seteuid(user._uid) != 0))
             throw std::runtime_error("cannot act as the user " + user._name);
     }
     ~Being()
     {
-        if (_changed && (seteuid(0) != 0 || setegid(0) != 0 ||
-                         setgroups(_own_groups.size(), _own_groups.data()) != 0))
-            std::abort();  // going on as a mixture of two users would give wrong findings
+        if (_changed && (seteuid(0) != 0 || setegid(0) != 0))
+            std::abort();  // a mixture of two users would give wrong findings
     }
     Being(const Being&) = delete;
     Being& operator=(const Being&) = delete;
 
 private:
     bool _changed;
-    std::vector<gid_t> _own_groups;
 };
 
 DaemonUser::DaemonUser(const std::optional<std::string>& name)
@@ -60,11 +54,6 @@ DaemonUser::DaemonUser(const std::optional<std::string>& name)
     _name = entry->pw_name;
     _uid = entry->pw_uid;
     _gid = entry->pw_gid;
-    int count = MOST_GROUPS;
-    _groups.resize(MOST_GROUPS);
-    if (getgrouplist(_name.c_str(), _gid, _groups.data(), &count) < 0)
-        count = MOST_GROUPS;
-    _groups.resize(static_cast<std::size_t>(count));
 }
 
 bool DaemonUser::can_be_asked() const
@@ -74,6 +63,8 @@ bool DaemonUser::can_be_asked() const
 
 int DaemonUser::access(const std::string& path, int mode) const
 {
+    if (!can_be_asked())
+        return 0;
     const Being being(*this);
     return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0 ? 0 : errno;
 }

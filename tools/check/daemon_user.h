@@ -5,7 +5,6 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 
 class DaemonUser {
 public:
@@ -15,11 +14,11 @@ public:
 
     const std::string& name() const { return _name; }
 
-    // Whether this process is that user or may become it. Else it can tell nothing of what the
-    // user may do.
+    // Whether this process is that user or may become it. Else it cannot tell what the user may do.
     bool can_be_asked() const;
 
-    // 0, or the error number of what stands against it. Mode as for access(2).
+    // 0, or the error number of what stands against it. 0 too when it cannot be told. Mode as for
+    // access(2).
     int access(const std::string& path, int mode) const;
 
     // The same for opening a UDP port on all local IPv4 addresses; the port is closed again.
@@ -31,5 +30,4 @@ private:
     std::string _name;
     uid_t _uid;
     gid_t _gid;
-    std::vector<gid_t> _groups;
 };

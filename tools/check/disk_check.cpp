@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <map>
 
+#include "config/limits.h"
 #include "tools/check/daemon_user.h"
 #include "tools/check/findings.h"
 #include "tools/check/output_file.h"
@@ -18,6 +19,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr const char* PACKAGE_USER = "voxstat";
+constexpr const char* PACKAGE_DIRECTORY = "/var/lib/voxstat/";
 constexpr std::uint64_t MIB = 1048576;
 
 // The daemon makes the last component only, and with a mode that keeps everybody else out.
@@ -30,7 +33,7 @@ void find_missing(const OutputFile& file, const DaemonUser& user, Findings& find
     if (!fs::is_directory(parent, ignored))
         findings.error(file.line, file.directory, " is missing and cannot be made, since ",
                        parent.string(), " is missing too", remedy);
-    else if (user.can_be_asked() && user.access(parent, W_OK | X_OK) != 0)
+    else if (user.access(parent, W_OK | X_OK) != 0)
         findings.error(file.line, file.directory, " is missing and cannot be made by the user ",
                        user.name(), remedy);
     else
@@ -45,7 +48,7 @@ void check_directory(const OutputFile& file, const DaemonUser& user, Findings& f
         find_missing(file, user, findings);
         return;
     }
-    const int error = user.can_be_asked() ? user.access(file.directory, W_OK | X_OK) : 0;
+    const int error = user.access(file.directory, W_OK | X_OK);
     if (error == EROFS)
         findings.error(file.line, file.directory,
                        " is read-only; under systemd allow it: systemctl ",
@@ -53,14 +56,18 @@ void check_directory(const OutputFile& file, const DaemonUser& user, Findings& f
     else if (error != 0)
         findings.error(file.line, file.directory, " cannot be written by the user ", user.name(),
                        ": ", std::strerror(error), "; chown ", user.name(), ' ', file.directory);
+    else if (geteuid() == 0 && user.name() == PACKAGE_USER &&
+             !file.directory.starts_with(PACKAGE_DIRECTORY) &&
+             file.directory != std::string(limits::LOG_DIRECTORY) + '/')
+        findings.note(file.line, "the packaged service may write to ", file.directory,
+                      " only if its unit allows it; see journalctl -u voxstat after the start");
 }
 
 // A file that somebody else has made, by a trial run as root for example, is as bad as none.
 void check_file(const OutputFile& file, const DaemonUser& user, Findings& findings)
 {
     const std::string path = file.path();
-    if (!user.can_be_asked() || user.access(file.directory, W_OK | X_OK) != 0 ||
-        access(path.c_str(), F_OK) != 0)
+    if (user.access(file.directory, W_OK | X_OK) != 0 || access(path.c_str(), F_OK) != 0)
         return;
     const int error = fs::is_directory(path) ? EISDIR : user.access(path, W_OK);
     if (error != 0)

@@ -24,7 +24,7 @@ int obstacle(const std::string& path, const DaemonUser& user)
         return errno;
     if (S_ISDIR(info.st_mode))
         return EISDIR;
-    return user.can_be_asked() ? user.access(path, R_OK) : 0;
+    return user.access(path, R_OK);
 }
 
 }  // namespace
@@ -44,7 +44,7 @@ std::string check_serial_number(const Settings& settings, const DaemonUser& user
     std::string serial = ConfigFile(path, ':').getStringValue("serial", "");
     if (serial.empty())
         findings.warning(line, path, " has no serial number", EFFECT,
-                         "write it as \"serial: ", "ABC12\", with a ':' and in lower case");
+                         "write it as \"serial: ABC12\", with a ':' and in lower case");
     else if (serial.find_first_of("\"\\\r") != std::string::npos)
         findings.error(line, path, " has a quote, a backslash or a carriage return in the serial ",
                        "number, which spoils every posted batch; write letters and digits only");

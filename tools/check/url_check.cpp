@@ -27,7 +27,7 @@ void check_scheme(const std::string& scheme, std::size_t line, Findings& finding
 {
     if (scheme != "http" && scheme != "https")
         findings.error(line, "elastic_url begins with ", scheme,
-                       "://, which takes no posts; begin ", "it with http:// or https://");
+                       "://, which takes no posts; begin it with http:// or https://");
     const char* authorities = curl_version_info(CURLVERSION_NOW)->cainfo;
     if (scheme == "https" && authorities != nullptr && access(authorities, R_OK) != 0)
         findings.error(line, "no https server is trusted, since ", authorities, " is missing; apt ",

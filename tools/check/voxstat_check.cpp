@@ -34,10 +34,10 @@ bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& fi
     else if (type != std::filesystem::file_type::regular)
         findings.error(0, "there is no such file, and the daemon would end at once; name it with ",
                        "-f FILE");
-    else if (user.can_be_asked() && user.access(file, R_OK) != 0)
+    else if (user.access(file, R_OK) != 0)
         findings.error(0, "the user ", user.name(),
-                       " cannot read this, and the daemon would end at ", "once; chgrp ",
-                       user.name(), ' ', file, " && chmod g+r ", file);
+                       " cannot read this, and the daemon would end at once; chgrp ", user.name(),
+                       ' ', file, " && chmod g+r ", file);
     return findings.status() == 0;
 }
 
