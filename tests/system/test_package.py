@@ -15,6 +15,7 @@ def test_unit():
     told = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager", UNIT], capture_output=True,
                           text=True).stdout
     assert float(re.search(r"exposure level for .*: ([\d.]+)", told)[1]) <= 1.3
+    assert "\nExecStartPre=-/usr/sbin/voxstat-check " in UNIT.read_text()     # "-": a finding does not keep the daemon
     assert int(re.search(r"^TimeoutStopSec=(\d+)", UNIT.read_text(), re.M)[1]) > 60     # the main loop's wait
 
 
@@ -25,8 +26,8 @@ def test_package(start, tmp_path):
     package = ROOT / built.stdout.splitlines()[-1]
     subprocess.run(["dpkg-deb", "--extract", package, tmp_path / "root"], check=True)
     for path in ("etc/voxstat/voxstat.cfg", "lib/systemd/system/voxstat.service", "usr/lib/sysusers.d/voxstat.conf",
-                 "usr/lib/tmpfiles.d/voxstat.conf", "usr/share/man/man8/voxstat.8.gz",
-                 "usr/share/man/man5/voxstat.cfg.5.gz"):
+                 "usr/lib/tmpfiles.d/voxstat.conf", "usr/sbin/voxstat-check", "usr/share/man/man8/voxstat.8.gz",
+                 "usr/share/man/man8/voxstat-check.8.gz", "usr/share/man/man5/voxstat.cfg.5.gz"):
         assert (tmp_path / "root" / path).stat().st_size > 0
     daemon = start(launch=["sh", "-c", f'shift; exec {tmp_path}/root/usr/sbin/voxstat "$@"', "sh"])
     daemon.send(report())

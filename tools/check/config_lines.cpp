@@ -76,7 +76,7 @@ void ConfigLines::look_at(std::string line)
 {
     if (_number == 1 && line.starts_with(BYTE_ORDER_MARK)) {
         _findings.error(1, "a byte order mark stands before the first line, whose key the daemon ",
-                        "does not know for that; remove it: sed -i '1s/^\\xEF\\xBB\\xBF//' ",
+                        R"(does not know for that; remove it: sed -i '1s/^\xEF\xBB\xBF//' )",
                         _path);
         return;
     }
