@@ -63,7 +63,7 @@ void text_to_both_lines_queued(benchmark::State& state)
                 web_client->WC_Write(&packet);
         }
         state.PauseTiming();
-        file_logger->fl_write_file(QOS_STAT, false, true);
+        file_logger->fl_write_file(QOS_STAT, false, false);
         web_client->wc_perform();
         state.ResumeTiming();
     }

@@ -155,13 +155,18 @@ void FileObject::fobj_close()
 std::string FileObject::fobj_take_block(std::string& buffer, time_t last_write, time_t tail_timeout,
                                         bool everything) const
 {
+    std::string block;
+    if (everything) {
+        block.swap(buffer);  // needs no memory: the last block is not lost for want of it
+        return block;
+    }
     const std::size_t length = buffer.size();
     const std::size_t whole_blocks = length - length % BLOCK_SIZE;
     const bool take_all = length == whole_blocks ||
                           (length < BLOCK_SIZE && time(nullptr) - last_write > tail_timeout) ||
-                          time_2_rotate() || everything;
+                          time_2_rotate();
     const std::size_t taken = take_all ? length : whole_blocks;
-    std::string block(buffer, 0, taken);  // may lack memory: the buffer stays whole then
+    block.assign(buffer, 0, taken);  // may lack memory: the buffer stays whole then
     buffer.erase(0, taken);
     return block;
 }

@@ -59,7 +59,8 @@ public:
     // Cuts off the buffer what is to be written to this file now; empty when nothing is due. Whole
     // blocks of 1024 bytes keep the writes large; the tail waits until the last write (seconds
     // since the epoch) is more than tail_timeout seconds ago, unless the file is to rotate or
-    // everything is wanted. Logs nothing. Throws std::bad_alloc; the buffer is as it was then.
+    // everything is wanted, as at the stop. Logs nothing. Throws std::bad_alloc, but not when
+    // everything is wanted; the buffer is as it was then.
     std::string fobj_take_block(std::string& buffer, time_t last_write, time_t tail_timeout,
                                 bool everything) const;
 

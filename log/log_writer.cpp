@@ -138,10 +138,18 @@ std::string SimpleLogger::dbg_take_block(bool flush_all)
         _buffer.clear();
         return "";
     }
-    if (_lost != 0) {
+    if (_lost != 0)
+        dbg_note_lost();
+    return _file->fobj_take_block(_buffer, _last_write_time, TAIL_TIMEOUT_SECONDS, flush_all);
+}
+
+// Without the memory for it, the note waits for the next pass; the block does not.
+void SimpleLogger::dbg_note_lost() noexcept
+{
+    try {
         _buffer += dbg_format_line(
             DBG_WARN, {"LOG FILE WRITE OVERFLOW: ", std::to_string(_lost), "messages lost"});
         _lost = 0;
+    } catch (const std::exception&) {
     }
-    return _file->fobj_take_block(_buffer, _last_write_time, TAIL_TIMEOUT_SECONDS, flush_all);
 }

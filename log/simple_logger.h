@@ -91,6 +91,7 @@ private:
     bool dbg_buffer_line(const std::string& line);
     void dbg_count_lost();
     std::string dbg_take_block(bool flush_all);
+    void dbg_note_lost() noexcept;
 
     // An array, since threads read it without a lock while the main thread still registers groups:
     // no element ever moves, and the count tells which are there. Not owned.

@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-Daemon::Daemon(const std::string& config) : faults(&Faults::shared(dir / "faults"))
+Daemon::Daemon(const std::string& config) : faults(&Faults::shared((dir / "faults").c_str()))
 {
     std::filesystem::create_directories(dir / "root/var/log");
     faults->set_root(dir / "root");

@@ -13,6 +13,7 @@
 #include <arpa/inet.h>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -29,7 +30,7 @@
         const int error = Faults::self().next_call(Faults::id(#name) __VA_OPT__(, ) __VA_ARGS__); \
         return error != 0 ? (failure) : __real_##name arguments;                                  \
     }
-#define MAPPED(path) Faults::self().mapped(path).c_str()
+#define MAPPED(path) Faults::self().mapped(path).data()
 
 static useconds_t cut_pause(useconds_t pause)
 {
@@ -97,7 +98,7 @@ int __wrap_bind(int fd, const sockaddr* address, socklen_t size)
 int __wrap_asprintf(char** text, const char* format, ...)
 {
     *text = reinterpret_cast<char*>(1);  // undefined after a failure: using it shall crash
-    if (Faults::self().next_call(Faults::id("asprintf")) != 0)
+    if (Faults::self().next_call(Faults::id("asprintf")) != 0 || Faults::self().refuses_memory())
         return -1;
     va_list values;
     va_start(values, format);
@@ -138,9 +139,9 @@ Faults& Faults::self()
     return *used;
 }
 
-Faults& Faults::shared(const std::string& path)
+Faults& Faults::shared(const char* path)
 {
-    const int fd = __real_open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int fd = __real_open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (ftruncate(fd, sizeof(Faults)) != 0)
         abort();
     void* const memory = mmap(nullptr, sizeof(Faults), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -151,11 +152,17 @@ Faults& Faults::shared(const std::string& path)
 void Faults::arm(std::string_view function, int n, int error, bool onwards)
 {
     Calls& calls = _calls[id(function)];
-    calls.n = 0;
+    calls.first = 0;
     calls.made = 0;
     calls.error = error;
-    calls.onwards = onwards;
-    calls.n = n;
+    calls.end = onwards ? INT_MAX : n + 1;
+    calls.first = n;
+}
+
+void Faults::refuse_memory(int n, int times)
+{
+    arm("allocation", n, ENOMEM);
+    _calls[id("allocation")].end = n + times;
 }
 
 void Faults::disarm()
@@ -169,11 +176,18 @@ int Faults::next_call(std::size_t function, long argument, long second)
     if (watch)
         watch(FUNCTIONS[function], argument, second);
     Calls& calls = _calls[function];
-    const int call = ++calls.made;
-    const int n = calls.n;
-    if (n == 0 || (calls.onwards ? call < n : call != n))
-        return 0;
-    return errno = calls.error;
+    return calls.next_fails() ? errno = calls.error : 0;
+}
+
+bool Faults::Calls::next_fails()
+{
+    const int call = ++made;
+    return first > 0 && first <= call && call < end;
+}
+
+bool Faults::refuses_memory()
+{
+    return calls("poll") > 0 && _calls[id("allocation")].next_fails();
 }
 
 void Faults::set_root(const std::string& directory)
@@ -181,9 +195,11 @@ void Faults::set_root(const std::string& directory)
     _root.at(directory.copy(_root.data(), _root.size() - 1)) = '\0';
 }
 
-std::string Faults::mapped(const char* path) const
+std::array<char, 512> Faults::mapped(const char* path) const
 {
     const std::string_view given = path;
     const bool fixed = given.starts_with("/var/log/") || given.starts_with("/home/build/");
-    return std::string(fixed ? _root.data() : "").append(given);
+    std::array<char, 512> result;
+    std::snprintf(result.data(), result.size(), "%s%s", fixed ? _root.data() : "", path);
+    return result;
 }

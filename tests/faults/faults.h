@@ -15,23 +15,27 @@
 
 struct Faults {
     // clang-format off
-    static constexpr std::array<std::string_view, 24> FUNCTIONS = {
+    static constexpr std::array<std::string_view, 25> FUNCTIONS = {
         "open", "write", "fsync", "stat", "rename", "remove", "mkdir", "chown", "opendir",
         "access", "socket", "bind", "fcntl", "poll", "recvfrom", "pthread_create",
         "pthread_mutex_init", "asprintf", "curl_global_init", "curl_easy_init",
-        "curl_easy_setopt", "curl_easy_perform", "signal", "usleep"};
+        "curl_easy_setopt", "curl_easy_perform", "signal", "usleep", "allocation"};
     // clang-format on
     static constexpr int SHORT_COUNT = -1;  // as the error of write(): half of the bytes go out
 
     static Faults& self();
     // Maps the file, made when it is missing, until the process ends.
-    static Faults& shared(const std::string& path);
+    static Faults& shared(const char* path);
 
     // The n-th call of the function from now on, 1 being the next, fails with the error: an errno,
     // for pthread_* the result and for curl_easy_* the CURLcode. Onwards: so do all after it.
     void arm(std::string_view function, int n, int error, bool onwards = false);
     void disarm();                                                                    // all of them
     int calls(std::string_view function) const { return _calls[id(function)].made; }  // since arm()
+
+    // The same of all allocations, so many in a row. They count from the first wait for input on: a
+    // lack of memory before that may end the daemon. In tests/faults only.
+    void refuse_memory(int n, int times);
 
     // In a test's own process only: called before every call of these functions, on its thread,
     // with the arguments that matter most. While it is set, poll() does not wait.
@@ -49,9 +53,11 @@ struct Faults {
     std::atomic<long> clock_stands_at;  // unless 0, the second at which it stands still
     std::atomic<bool> skip_pauses;      // usleep() returns at once
 
-    // For the wrappers: the error that this call must fail with, or 0; the path to use.
+    // For the wrappers: the error that this call must fail with, or 0; whether this allocation must
+    // fail; the path to use. They allocate nothing.
     int next_call(std::size_t function, long argument = 0, long second = 0);
-    std::string mapped(const char* path) const;
+    bool refuses_memory();
+    std::array<char, 512> mapped(const char* path) const;
 
     static constexpr std::size_t id(std::string_view function)
     {
@@ -63,8 +69,8 @@ struct Faults {
 
 private:
     struct Calls {
-        std::atomic<int> made, n, error;  // n 0: none fails
-        std::atomic<bool> onwards;
+        std::atomic<int> made, first, end, error;  // those from the first to before the end fail
+        bool next_fails();
     };
     std::array<Calls, FUNCTIONS.size()> _calls;
     std::array<char, 256> _root{};
