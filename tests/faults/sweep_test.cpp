@@ -192,7 +192,7 @@ struct Life {
             if (entry.path().extension() == "" || count(path, "_200") > 0)
                 continue;
             const std::string text = read_file(path);
-            headless += text.find("\x01") != 20 && text.find(" SN RTCP_CNAME\n") > 176;
+            headless += text.find('\x01') != 20 && text.find(" SN RTCP_CNAME\n") > 176;
             written += text;
         }
         std::string posted;

@@ -251,7 +251,7 @@ TEST(FileLogger, FlushesEachFileWhateverHappensToTheOthers)
         ConfigFile config = config_of("qos_stat_dir=" + dir.path);
         FileLogger logger(&config);
         std::string logged;
-        log.take();
+        LogCapture::take();
         for (const int file : {0, 1, 2}) {
             EXPECT_EQ(200, queue(logger, file, 200));
             logged += (file == broken ? "[ERROR] Failed to open " : " [INFO] Opened for writing ") +

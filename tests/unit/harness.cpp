@@ -99,7 +99,7 @@ std::string voice_record(const std::string& payload, std::size_t length)
 LogCapture::LogCapture(const std::string& config)
 {
     ConfigFile file = config_of(config);
-    take([&file] {
+    (void)take([&file] {
         DBG->init(&file);
         DBG->dbg_stop();
     });
@@ -129,7 +129,7 @@ PauseWatch::PauseWatch()
         std::array<char, 16> name{};
         pthread_getname_np(pthread_self(), name.data(), name.size());
         const std::lock_guard lock(_mutex);
-        _pauses[name.data() + (" " + std::to_string(pause))]++;
+        _pauses[std::string(name.data()).append(" ").append(std::to_string(pause))]++;
     };
 }
 

@@ -157,20 +157,21 @@ TEST(Logger, RotatesItsFileAtTwentyMegabytes)
     DBG->init(file.config.get());
     DBG->dbg_stop();
     const std::string live = file.dir + "d.log", archive = file.dir + "d_2023-11-14_22-13-20";
-    for (const std::size_t size : {LIMIT - 300, LIMIT}) {
+    const auto write = [&](bool flush_all) {
+        file.log(2500);
+        DBG->dbg_write_file(false, flush_all);
+    };
+    for (const std::size_t size : {LIMIT - 1, LIMIT}) {
         write_file(live, "");
         std::filesystem::resize_file(live, size);
+        write(true);
         if (size < LIMIT) {
-            file.log(300);
-            DBG->dbg_write_file(false, false);
-            EXPECT_EQ(LIMIT, std::filesystem::file_size(live));
+            EXPECT_EQ(size + 2500, std::filesystem::file_size(live));
+            write(false);  // whole, since it is the last
         }
-        file.log(2500);  // whole when it is the last
-        DBG->dbg_write_file(false, size == LIMIT);
         EXPECT_EQ(1, file.files());
-        EXPECT_EQ(LIMIT + 2500,
-                  std::filesystem::file_size(archive + (size < LIMIT ? ".log" : "_002.log")));
     }
+    EXPECT_EQ(LIMIT + 2500, std::filesystem::file_size(archive + "_002.log"));
 }
 
 TEST(Logger, WritesTheLinesOfManyThreads)

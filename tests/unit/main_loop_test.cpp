@@ -47,7 +47,7 @@ TEST(MainLoop, HandsOnWhatComes)
     ConfigFile config = config_of("qos_stat_dir=" + dir.path + "\nsn_file_path=" + (dir / "sn") +
                                   "\nlog.http=4\nelastic_url=http://127.0.0.1:1/");
     MainLoop loop(&config);
-    log.take();
+    LogCapture::take();
     const std::string near = "1970-Jan-01 00:00:00.000 +0000 near_end 0 0 0 0.0 0 0 AB12 ";
     const auto service = [](const std::string& time) {
         const std::string start = "post \"1970-Jan-0" + time + ".250 +0000 0-0 0.0 near_end ",

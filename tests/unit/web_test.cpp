@@ -45,7 +45,7 @@ TEST(WebClient, OutlivesTransmissionsThatFail)
 {
     LogCapture log;
     WebClient client = idle_client("http://127.0.0.1:1/", "log.http=0");
-    log.take();
+    LogCapture::take();
     QoSPacket packet = report(200);
     const std::string set = "[ERROR] curl_easy_setopt(CURLOPT_POSTFIELDS",
                       refused = "[ERROR] Unable to transmitt http - curl_easy_perform failed: 7\n";
@@ -77,12 +77,12 @@ TEST(WebClient, FillsItsBufferAndCountsWhatIsLost)
             EXPECT_EQ(i == 0 ? 1022 : 1024, client.WC_Write(&packet));
         EXPECT_EQ(2 + last, client.WC_Write(&filling));
         EXPECT_EQ(last == 1024 ? 202 : 0, client.WC_Write(&more));  // 102400 bytes: one more fits
-        log.take();
+        LogCapture::take();
         for (int i = 0; i < 3; i++)
             EXPECT_EQ(" WebClient OVERFLOW\n",
                       log.take([&] { EXPECT_EQ(0, client.WC_Write(&more)); }));
         client.wc_perform();
-        log.take();
+        LogCapture::take();
         EXPECT_EQ(200, client.WC_Write(&more));
         EXPECT_EQ(202, client.WC_Write(&more));
         EXPECT_EQ(std::string(" [WARN] WebClient OVERFLOW: ") + (last == 1024 ? "3" : "4") + "\n",
@@ -95,7 +95,7 @@ TEST(WebClient, KeepsTheBatchWhenNoHandleIsIdle)
     LogCapture log;
     faults.arm("curl_easy_init", 1, 1, true);
     WebClient client = idle_client("http://127.0.0.1:1/", "log.http=2");
-    log.take();
+    LogCapture::take();
     QoSPacket packet = report(200);
     EXPECT_EQ(200, client.WC_Write(&packet));
     client.wc_perform();
