@@ -10,6 +10,7 @@
 #include <set>
 #include <system_error>
 
+#include "log/debug_group.h"
 #include "tools/check/findings.h"
 #include "tools/check/loss_log.h"
 #include "tools/check/output_file.h"
@@ -21,8 +22,8 @@ namespace {
 // What the kernel charges for a report of 500 bytes, with all that it keeps beside the text.
 constexpr unsigned long CHARGED_FOR_REPORT = 1280;
 
-constexpr const char* HEADING = "%-36s %12s %12s %20s\n";
-constexpr const char* QUEUE_ROW = "%-36s %12lu %12lu %20lu\n";
+constexpr const char* HEADING = "%-32s %9s %9s %20s\n";
+constexpr const char* QUEUE_ROW = "%-32s %9lu %9lu %20lu\n";
 
 std::string date_and_time(time_t moment)
 {
@@ -93,19 +94,26 @@ std::vector<std::string> log_paths(const Settings& settings, const Process& daem
     return paths;
 }
 
-void find_log_losses(const Settings& settings, const Process& daemon, const OutputFile& last_file,
-                     Findings& findings)
+// Returns how many losses the log tells of.
+unsigned long find_log_losses(const Settings& settings, const Process& daemon,
+                              const OutputFile& last_file, Findings& findings)
 {
     LossLog log(daemon.started());
     bool is_read = false;
+    unsigned long losses = 0;
     for (const std::string& path : log_paths(settings, daemon, last_file))
         is_read = log.add(path);
-    for (const LossLog::Kind& kind : log.kinds())
+    for (const LossLog::Kind& kind : log.kinds()) {
+        losses += kind.count;
         if (kind.count != 0)
             findings.warning(0, "lost: ", kind.lost, ": ", kind.count, "; ", kind.remedy);
+    }
     if (!is_read)
         findings.note(0, "the log was not read, and it may tell of more; journalctl _PID=",
                       daemon.id(), " | grep -E 'OVERFLOW|[Ff]ailed|Dropped|ignoring what'");
+    else if (settings.number(keys::LOG_DEFAULT) == DBG_ERROR)
+        findings.note(0, "log.default hides what the daemon itself drops; set log.default = 1");
+    return losses;
 }
 
 }  // namespace
@@ -141,5 +149,7 @@ void show_daemon(const Settings& settings, const std::string& config_path, Findi
         findings.warning(0, "the file is younger than the daemon, which reads it once; systemctl ",
                          "restart voxstat");
     check_open_files(*daemon, files, findings);
-    find_log_losses(settings, *daemon, files.back(), findings);
+    const unsigned long losses = find_log_losses(settings, *daemon, files.back(), findings);
+    if (losses + reports->dropped + voice->dropped == 0)
+        findings.note(0, "lost: nothing that the queues or the log tell of");
 }
