@@ -49,7 +49,7 @@ constexpr unsigned SHORT_PAUSE_US = 10000;
 constexpr int IDLE_PASSES_LIMIT = 499;
 constexpr std::size_t BUFFER_RESERVATION = 10240;
 
-// A count that nobody collects, with a voice cap below 0 for example, stays at its end.
+// A count that nobody collects, with a voice cap below 0 for example, stays at its maximum.
 void count_lost(int& lost)
 {
     if (lost < INT_MAX)

@@ -5,8 +5,8 @@
 
 #include "log/simple_logger.h"
 
-// Runs one step. A step that throws, for want of memory or of a file, is given up and its reason
-// logged; what it was at work on is lost, the next step is tried all the same. Any thread.
+// Runs one step. When it throws, because memory is short or a file cannot be opened, logs the reason
+// and gives the step up: what it was working on is lost, and the loop goes on. Any thread.
 template <typename Step>
 void guarded(Step step)
 {

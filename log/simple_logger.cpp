@@ -64,7 +64,7 @@ void SimpleLogger::Log(int group_index, DbgLevel level, LogPieces pieces) noexce
     try {
         buffered = dbg_buffer_line(dbg_format_line(level, pieces));
     } catch (const std::exception&) {
-        // No memory for the line: it is as lost as one that finds the buffer full.
+        // No memory for the line: it is lost, like one that finds the buffer full.
     }
     if (!buffered)
         dbg_count_lost();

@@ -6,8 +6,7 @@
 //
 // The logger's mutex is the innermost of the program: it is held for an append, for cutting a block
 // and, without a log file, while the buffer is printed, but never while the file object is at work,
-// since that one logs through this logger. A standard output that takes nothing thus holds up
-// whoever logs.
+// which logs through this logger. So a standard output that takes nothing holds up whoever logs.
 #pragma once
 
 #include <pthread.h>

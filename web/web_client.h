@@ -5,8 +5,8 @@
 // look at it every 100 ms; the one that finds a batch due takes the whole buffer and posts it as
 // a JSON array through an idle handle. A batch that fails is lost, and so are the lines that are
 // still buffered at the stop. Nothing is retried here, but libcurl sends a request once more when
-// the server closes a connection that was used before without an answer: a batch may arrive twice,
-// and the log says that it was sent once. There are no time-outs but libcurl's own.
+// the server closes a reused connection without an answer: a batch may arrive twice, and the log
+// says that it was sent once. There are no time-outs but libcurl's own.
 // Logs through the group "HTTP", whose level is log.http.
 #pragma once
 

@@ -17,7 +17,7 @@ public:
     // Whether this process is that user or may become it. Else it cannot tell what the user may do.
     bool can_be_asked() const;
 
-    // 0, or the error number of what stands against it. 0 too when it cannot be told. Mode as for
+    // 0, or the number of the error that the user would meet. 0 too when it cannot be told. Mode as for
     // access(2).
     int access(const std::string& path, int mode) const;
 

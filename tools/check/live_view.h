@@ -1,4 +1,4 @@
-// The running daemon in one screen: its receive queues, its files, and what has been lost, and
+// The running daemon on one screen: its receive queues, its files, and what has been lost, and
 // where.
 #pragma once
 

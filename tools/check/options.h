@@ -11,6 +11,6 @@ struct Options {
     bool live = false;
 
     // What the command line asks for. Prints --help or --version and ends the process with 0; a
-    // mistake is told on standard error, and ends it with 2.
+    // mistake is reported on standard error, and ends it with 2.
     static Options read(int argc, char** argv);
 };

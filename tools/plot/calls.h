@@ -1,4 +1,4 @@
-// The reports put together to calls.
+// The reports, grouped into calls.
 #pragma once
 
 #include <string>

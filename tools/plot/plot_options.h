@@ -15,7 +15,7 @@ struct PlotOptions {
     bool concealment = true;         // of lost packets, for the estimate of the speech quality
     Thresholds thresholds;
 
-    // What is chosen of the reports; times in the zone that the file is written in, as seconds.
+    // Which reports to take; times are in the time zone of the file, in seconds.
     std::string gcid;
     std::optional<double> from, to;
 
