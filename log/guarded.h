@@ -5,8 +5,8 @@
 
 #include "log/simple_logger.h"
 
-// Runs one step. When it throws, because memory is short or a file cannot be opened, logs the reason
-// and gives the step up: what it was working on is lost, and the loop goes on. Any thread.
+// Runs one step. When it throws, because memory is short or a file cannot be opened, logs the
+// reason and gives the step up: what it was working on is lost, and the loop goes on. Any thread.
 template <typename Step>
 void guarded(Step step)
 {

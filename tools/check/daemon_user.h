@@ -17,8 +17,8 @@ public:
     // Whether this process is that user or may become it. Else it cannot tell what the user may do.
     bool can_be_asked() const;
 
-    // 0, or the number of the error that the user would meet. 0 too when it cannot be told. Mode as for
-    // access(2).
+    // 0, or the number of the error that the user would meet. 0 too when it cannot be told. Mode as
+    // for access(2).
     int access(const std::string& path, int mode) const;
 
     // The same for opening a UDP port on all local IPv4 addresses; the port is closed again.

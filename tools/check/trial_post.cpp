@@ -32,7 +32,7 @@ constexpr Remedy FAILURES[] = {
     {CURLE_SSL_CONNECT_ERROR, "see whether the port speaks TLS; if it does not, write http://"},
     {CURLE_GOT_NOTHING, "see whether this port speaks HTTP, or wants https://"},
     {CURLE_SEND_ERROR, "see the server's log for why it closes the connection"},
-    {CURLE_RECV_ERROR, "see whether this port wants https://, and else the server's log"},
+    {CURLE_RECV_ERROR, "see whether this port wants https://; otherwise see the server's log"},
     {CURLE_PEER_FAILED_VERIFICATION,
      "let the machine trust the issuer: put its certificate (PEM) into "
      "/usr/local/share/ca-certificates/NAME.crt, run update-ca-certificates, and use the name that "
