@@ -4,7 +4,7 @@
 --
 -- incoming and lines_shard hold nothing. What the engine has accepted lies in a file of the node that took
 -- it until the shard of its unit has it. The lines are cut into columns behind that, many batches at
--- once: to set up this work costs more than to do it for a batch. The cluster "fleet" (engine.xml) says
+-- once, since setting this work up costs more than doing it for one batch. The cluster "fleet" (engine.xml) says
 -- which shards there are; read from reports and heartbeats, which are all of them.
 --
 -- Retention: each month is a partition; on each node
@@ -45,7 +45,7 @@ ENGINE = Distributed(fleet, fleet, heartbeats_shard);
 
 -- The columns of a line stand at fixed places up to the far-end address. Six numbers follow, which may be
 -- wider than their columns, then ten characters or more of SSRC, five of serial number, and the name,
--- which may hold anything. What has not this form (the brackets, a name that was cut) is left out.
+-- which may hold anything. Lines of another form (brackets, a name that was cut) are left out.
 CREATE MATERIALIZED VIEW IF NOT EXISTS fleet.cut_reports TO fleet.reports_shard AS
 WITH
     substring(message, 14, length(message) - 13 - if(endsWith(message, ','), 3, 2)) AS line,
