@@ -245,8 +245,9 @@ class Daemon:
             f"{key.replace('__', '.')} = {value}\n" for key, value in settings.items() if value is not None))
         arguments = ["-f", directory / "voxstat.cfg"] if arguments is None else arguments
         with open(directory / "out", "wb") as out, open(directory / "err", "wb") as err:
-            self.process = subprocess.Popen([*launch, VOXSTAT, *arguments], cwd=directory, stdout=out, stderr=err,
-                                            stdin=subprocess.DEVNULL)
+            # A test that is killed takes its daemon with it.
+            self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *launch, VOXSTAT, *arguments],
+                                            cwd=directory, stdin=subprocess.DEVNULL, stdout=out, stderr=err)
 
     # Starting and stopping.
 
