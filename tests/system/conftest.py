@@ -264,10 +264,13 @@ class Daemon:
         except OSError:     # it has just ended, or closed one of its files
             return False
 
+    def state(self):
+        """The main thread's letter in ps: S when it waits, T when it is stopped."""
+        return Path(f"/proc/{self.process.pid}/task/{self.process.pid}/stat").read_text().rpartition(") ")[2][0]
+
     def drained(self):
         """True when the daemon has done with every datagram that was sent to it, and its main loop waits."""
-        state = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/stat").read_text().rpartition(") ")[2][0]
-        return state == "S" and all(waiting == 0 for _, waiting, _ in self.sockets())
+        return self.state() == "S" and all(waiting == 0 for _, waiting, _ in self.sockets())
 
     def wait_ready(self):
         """Waits until the main loop reads. False when the daemon has ended instead."""

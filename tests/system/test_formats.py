@@ -49,6 +49,7 @@ def test_records(daemon):
 def test_reports_come_first(start):
     daemon = start(log__network=4)
     daemon.process.send_signal(signal.SIGSTOP)
+    wait_for(lambda: daemon.state() == "T")
     daemon.send_voice(voice_record(b"v"))
     daemon.send(report(TID=1), report(TID=2))
     daemon.send_voice(voice_record())
