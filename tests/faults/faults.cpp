@@ -32,6 +32,21 @@
     }
 #define MAPPED(path) Faults::self().mapped(path).data()
 
+// With 64-bit offsets and times the C library has other names for some functions.
+#define LINKED_AS(name, symbol, result, parameters)                   \
+    extern "C" result __real_##name parameters asm("__real_" symbol); \
+    extern "C" result __wrap_##name parameters asm("__wrap_" symbol);
+#ifdef __USE_TIME_BITS64  // where they would have 32 bits
+#define TIME64(usual, widened) widened
+#else
+#define TIME64(usual, widened) usual
+#endif
+LINKED_AS(open, "open64", int, (const char*, int, mode_t))
+LINKED_AS(stat, TIME64("stat64", "__stat64_time64"), int, (const char*, struct stat*))
+LINKED_AS(fcntl, TIME64("fcntl64", "__fcntl_time64"), int, (int, int, long))
+LINKED_AS(time, TIME64("time", "__time64"), time_t, (time_t*))
+LINKED_AS(gettimeofday, TIME64("gettimeofday", "__gettimeofday64"), int, (timeval*, void*))
+
 static useconds_t cut_pause(useconds_t pause)
 {
     return Faults::self().skip_pauses ? 1 : pause;
@@ -107,7 +122,6 @@ int __wrap_asprintf(char** text, const char* format, ...)
     return length;
 }
 
-int __real_gettimeofday(timeval* now, void* zone);
 int __wrap_gettimeofday(timeval* now, void* zone)
 {
     const int result = __real_gettimeofday(now, zone);
@@ -118,7 +132,6 @@ int __wrap_gettimeofday(timeval* now, void* zone)
     return result;
 }
 
-time_t __real_time(time_t* result);
 time_t __wrap_time(time_t* /*result, null in all of the program*/)
 {
     return moved(__real_time(nullptr));
