@@ -1,8 +1,10 @@
 // The file logger.
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 
 #include "filelog/file_logger.h"
 #include "records/qos_packet.h"
@@ -206,14 +208,10 @@ TEST(FileLogger, PausesFollowTheVoiceTraffic)
         std::vector<long> pauses;  // of the writer thread
         std::atomic<bool> done{false};
         FileLogger* logger = nullptr;
-        std::atomic<bool> ready{false}, named{false};
+        std::atomic<bool> ready{false};
         Faults::watch = [&](std::string_view function, long pause, long /*unused*/) {
             if (function != "usleep" || !ready || done)
                 return;
-            std::array<char, 16> name{};
-            pthread_getname_np(pthread_self(), name.data(), name.size());
-            if (std::string("QoS_FileLogger") == name.data())
-                named = true;
             pauses.push_back(pause);
             if (pauses.size() == 2 || pauses.size() == 602) {
                 for (const int file : {2, 1, 0})
@@ -226,7 +224,6 @@ TEST(FileLogger, PausesFollowTheVoiceTraffic)
         ready = true;
         EXPECT_TRUE(eventually([&] { return done.load(); }));
         own.fl_stop();
-        EXPECT_TRUE(named);
         std::vector<long> expected(1301, 100000);
         if (!off)
             for (const long after : {2, 602})  // the pass that writes, and 499 empty ones
@@ -266,4 +263,26 @@ TEST(FileLogger, FlushesEachFileWhateverHappensToTheOthers)
             EXPECT_EQ(file == broken ? 0 : HEADERS[file] + 200,
                       read_file(dir / NAMES[file]).size());
     }
+}
+
+TEST(FileLogger, DoesWithoutAFileThatItCannotMake)
+{
+    LogCapture log("log.default=0");
+    poll(nullptr, 0, 0);  // from now on memory can be refused
+    const TempDir dir;
+    ConfigFile config = config_of("qos_file_name=other\nqos_stat_dir=" + dir.path);
+    std::set<std::string> logged;
+    for (int n = 1; n < 100; n++) {
+        faults.arm("pthread_mutex_init", 1, ENOMEM, true);  // no thread
+        faults.refuse_memory(n, 1);
+        try {
+            const FileLogger logger(&config);
+        } catch (const std::bad_alloc&) {  // before the files
+        }
+        faults.refuse_memory(0, 0);
+        const std::string all = log.take();
+        logged.insert(all.substr(0, all.find('\n')));
+    }
+    for (const char* const name : {"QoS_Stat", "QoS_Stat_Sessions_Summary", "RTP_Streams_No_Voice"})
+        EXPECT_EQ(1U, logged.count("[ERROR] " + (dir / name) + " Unable to open: std::bad_alloc"));
 }

@@ -121,29 +121,6 @@ std::string LogCapture::bare(const std::string& log)
     return std::regex_replace(text, std::regex("\n\n+"), "\n").substr(1);
 }
 
-PauseWatch::PauseWatch()
-{
-    Faults::watch = [this](std::string_view function, long pause, long /*unused*/) {
-        if (function != "usleep")
-            return;
-        std::array<char, 16> name{};
-        pthread_getname_np(pthread_self(), name.data(), name.size());
-        const std::lock_guard lock(_mutex);
-        _pauses[std::string(name.data()).append(" ").append(std::to_string(pause))]++;
-    };
-}
-
-bool PauseWatch::seen(const std::string& pause)
-{
-    return eventually([&] { return times(pause) > 0; });
-}
-
-int PauseWatch::times(const std::string& pause)
-{
-    const std::lock_guard lock(_mutex);
-    return _pauses[pause];
-}
-
 HttpServer::HttpServer() : _socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     sockaddr_in address = loopback(0);

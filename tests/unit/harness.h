@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -46,18 +45,6 @@ struct LogCapture {
     // stamps and thread identifiers: "[ERROR] text", " [WARN] text".
     static std::string take(const std::function<void()>& action = [] {});
     static std::string bare(const std::string& log);
-};
-
-// Records how long which thread pauses, as "thread microseconds". Made before the threads are.
-class PauseWatch {
-public:
-    PauseWatch();
-    bool seen(const std::string& pause);  // until it is
-    int times(const std::string& pause);
-
-private:
-    std::mutex _mutex;  // guards _pauses
-    std::map<std::string, int> _pauses;
 };
 
 // A web server on loopback that records every request and answers "200 OK".

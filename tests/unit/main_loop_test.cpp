@@ -1,9 +1,12 @@
 // The main loop, driven pass by pass: what happens while it waits is a step.
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <regex>
+#include <set>
 
 #include "app/main_loop.h"
+#include "log/simple_logger.h"
 #include "unit/harness.h"
 
 static Faults& faults = Faults::self();
@@ -109,4 +112,32 @@ TEST(MainLoop, HandsOnWhatComes)
     at_each_wait(steps);
     loop.start();
     EXPECT_EQ(expected, handed_on());
+}
+
+TEST(MainLoop, ItsThreadsHaveTheirNamesAndPauses)
+{
+    const TempDir dir;
+    ConfigFile config = config_of("elastic_url=http://127.0.0.1:1/\nqos_stat_dir=" + dir.path);
+    std::mutex mutex;
+    std::set<std::string> pauses, expected = {"QoS_SimpleLogge 100000", "QoS_FileLogger 100000"};
+    for (const char* const worker : {"0", "1", "2", "3", "4"})
+        expected.insert(std::string("QoS_Web_") + worker + " 100000");
+    Faults::watch = [&](std::string_view function, long pause, long /*unused*/) {
+        std::array<char, 16> name{};
+        pthread_getname_np(pthread_self(), name.data(), name.size());
+        const std::lock_guard lock(mutex);
+        if (function == "usleep" && std::string_view(name.data()).starts_with("QoS_"))
+            pauses.insert(name.data() + (" " + std::to_string(pause)));
+        if (function == "poll")
+            MainLoop::stop();
+    };
+    faults.any_port = true;
+    DBG->init(&config);
+    MainLoop loop(&config);
+    EXPECT_TRUE(eventually([&] {
+        const std::lock_guard lock(mutex);
+        return pauses == expected;
+    }));
+    loop.start();
+    DBG->dbg_stop();
 }

@@ -102,21 +102,3 @@ TEST(WebClient, KeepsTheBatchWhenNoHandleIsIdle)
     EXPECT_EQ(" [INFO] Skipping http transmission - no available idle curl handles!\n", log.take());
     EXPECT_EQ(202, client.WC_Write(&packet));
 }
-
-TEST(WebClient, SharesTheWorkAmongFiveWorkers)
-{
-    LogCapture log;
-    PauseWatch pauses;
-    faults.arm("curl_easy_perform", 1, 7, true);
-    ConfigFile config = config_of("log.http=2\nelastic_url=http://127.0.0.1:1/");
-    QoSPacket packet = report(200);
-    WebClient client(&config);
-    for (const char* const worker : {"0", "1", "2", "3", "4"}) {
-        EXPECT_LT(0, client.WC_Write(&packet));
-        faults.clock_shift += 6;
-        EXPECT_TRUE(pauses.seen("QoS_Web_" + std::string(worker) + " 100000"));
-    }
-    client.wc_stop();
-    EXPECT_EQ(0, client.WC_Write(&packet));
-    EXPECT_EQ(5U, count(log.take(), " [INFO] Terminating WebClient thread...\n"));
-}
