@@ -78,8 +78,10 @@ def report(event="QOS_NEAREND", **fields):
 
 
 COLUMNS = [     # the numbers of a session's line and of a summary's
-    "PORT %5d PACKETS %7d LOST_SINCE_LAST_REPORT %4d LOST_LOST_SINCE_LAST_REPORT_PERCENT %5.1f JITTER_AVG %6d RTT_AVG %5d",
-    "PORT %5d DURATION %5d PACKETS %7d LOST %4d LOST_PERCENT %5.1f JITTER_AVG %6d JITTER_MAX %6d RTT_AVG %6d RTT_MAX %6d",
+    "PORT %5d PACKETS %7d LOST_SINCE_LAST_REPORT %4d LOST_LOST_SINCE_LAST_REPORT_PERCENT %5.1f JITTER_AVG %6d "
+    "RTT_AVG %5d",
+    "PORT %5d DURATION %5d PACKETS %7d LOST %4d LOST_PERCENT %5.1f JITTER_AVG %6d JITTER_MAX %6d RTT_AVG %6d "
+    "RTT_MAX %6d",
 ]
 
 
@@ -338,8 +340,8 @@ class Daemon:
             not tags or entry.split("]")[0][1:] in tags)]
 
     def logged(self, entry, seconds=30):
-        """Waits until this text stands in the output."""
-        wait_for(lambda: entry in "\n".join(self.log()), seconds, f"for {entry!r} in\n" + self.output()[-3000:])
+        """Waits until this text stands in the log."""
+        wait_for(lambda: entry in "\n".join(self.log()), seconds, f"for {entry!r}")
 
     def read(self, name):
         """A file of its statistics directory; empty when it is not there."""
