@@ -12,9 +12,9 @@
 
 static Faults& faults = Faults::self();
 
-static std::map<std::string, std::size_t> sizes_of(const TempDir& dir)
+static std::map<std::string, std::uintmax_t> sizes_of(const TempDir& dir)
 {
-    std::map<std::string, std::size_t> sizes;
+    std::map<std::string, std::uintmax_t> sizes;
     for (const auto& entry : std::filesystem::directory_iterator(dir.path))
         sizes[entry.path().filename()] = entry.is_directory() ? 0 : entry.file_size();
     return sizes;

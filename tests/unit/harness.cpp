@@ -85,10 +85,9 @@ void send_udp(int port, const std::string& datagram, unsigned host)
            sizeof address);
 }
 
-std::string voice_record(const std::string& payload, std::size_t length)
+std::string voice_record(const std::string& payload, std::optional<std::uint32_t> length)
 {
-    const std::size_t told = length == std::string::npos ? payload.size() : length;
-    const std::uint32_t word = htonl(static_cast<std::uint32_t>(told));
+    const std::uint32_t word = htonl(length.value_or(static_cast<std::uint32_t>(payload.size())));
     return std::string(reinterpret_cast<const char*>(&word), sizeof word) +
            std::string("\xC0\x00\x02\x01\xCB\x00\x71\x05\x13\x8C\x1F\x90"
                        "\x65\x53\xF1\x00\x00\x01\xE2\x40",

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,7 +37,7 @@ void stop_the_clock(long at = NOON);  // in UTC
 // To 127.0.0.<host>.
 void send_udp(int port, const std::string& datagram, unsigned host = 1);
 // A voice record; its length word is the truth unless it is given.
-std::string voice_record(const std::string& payload, std::size_t length = std::string::npos);
+std::string voice_record(const std::string& payload, std::optional<std::uint32_t> length = {});
 
 // Starts the logger and ends its writer thread, so that all that is logged waits to be taken.
 struct LogCapture {

@@ -3,8 +3,9 @@
 #include <poll.h>
 #include <sys/stat.h>
 
-#include <climits>
+#include <ctime>
 #include <filesystem>
+#include <limits>
 
 #include "log/simple_logger.h"
 #include "log/utils.h"
@@ -29,8 +30,12 @@ TEST(TimeStamps, EveryForm)
         {"EST5", {0, 999}, "1969-Dec-31 ", "19:00:00.000 ", "-0500"},
         {"UTC", {0, 1500000}, "1970-Jan-01 ", "00:00:00.1500 ", "+0000"},
         {"UTC", {0, -1500}, "1970-Jan-01 ", "00:00:00.-001 ", "+0000"},
-        {"UTC", {LONG_MAX, 999999}, "1970-Jan-01 ", "00:00:00.999 ", "+0000"},
-        {"UTC", {LONG_MIN, 0}, "1970-Jan-01 ", "00:00:00.000 ", "+0000"},
+        {"UTC",
+         {std::numeric_limits<time_t>::max(), 999999},
+         "1970-Jan-01 ",
+         "00:00:00.999 ",
+         "+0000"},
+        {"UTC", {std::numeric_limits<time_t>::min(), 0}, "1970-Jan-01 ", "00:00:00.000 ", "+0000"},
     };
     for (const Row& row : rows) {
         setenv("TZ", row.zone, 1);

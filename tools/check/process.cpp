@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -14,7 +15,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* DAEMON_NAME = "voxstat";
-constexpr long MS_PER_SECOND = 1000, NS_PER_MS = 1000000;
+constexpr std::int64_t MS_PER_SECOND = 1000, NS_PER_MS = 1000000;
 constexpr int START_TIME = 19;  // of the words behind the name in "stat", counted from 0
 
 std::string directory(pid_t id)
@@ -22,7 +23,7 @@ std::string directory(pid_t id)
     return "/proc/" + std::to_string(id) + '/';
 }
 
-long milliseconds(clockid_t clock)
+std::int64_t milliseconds(clockid_t clock)
 {
     timespec now{};
     clock_gettime(clock, &now);

@@ -9,7 +9,7 @@
 
 struct UdpSocket {
     unsigned port;
-    ino_t inode;
+    unsigned long inode;
     uid_t user;
     unsigned long waiting;  // bytes in the receive queue, as the kernel counts them
     unsigned long dropped;  // datagrams that found the queue full, since the socket was made

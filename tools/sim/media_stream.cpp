@@ -48,7 +48,7 @@ MediaStream::MediaStream(const CallIdentity& call, CallEnd end, const Trouble& t
 std::string MediaStream::session_report(SimTime now, SimTime interval, WallTime start)
 {
     const QualitySample sample = _quality.at(seconds(now));
-    const long packets = interval / PACKET_TIME;
+    const long packets = static_cast<long>(interval / PACKET_TIME);
     const long lost =
         std::lround(static_cast<double>(packets) * std::min(sample.loss_percent, 100.0) / 100);
     const long jitter = std::lround(sample.jitter_ms);
@@ -71,7 +71,7 @@ std::string MediaStream::session_report(SimTime now, SimTime interval, WallTime 
 
 std::string MediaStream::end_of_session_report(SimTime begin, SimTime end, WallTime start) const
 {
-    const long packets = (end - begin) / PACKET_TIME;
+    const long packets = static_cast<long>((end - begin) / PACKET_TIME);
 
     ReportText report;
     report.add("TYPE", _end == CallEnd::NEAR ? "QOS_EOS_NEAREND" : "QOS_EOS_FAREND");

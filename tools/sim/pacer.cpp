@@ -7,7 +7,8 @@ void Pacer::wait_until(std::chrono::nanoseconds since_start) const
 {
     constexpr std::chrono::nanoseconds SECOND = std::chrono::seconds(1);
     const std::chrono::nanoseconds deadline = _start.time_since_epoch() + since_start;
-    const timespec at = {.tv_sec = deadline / SECOND, .tv_nsec = (deadline % SECOND).count()};
+    const timespec at = {.tv_sec = deadline / SECOND,
+                         .tv_nsec = static_cast<long>((deadline % SECOND).count())};
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {}
 }
 

@@ -13,7 +13,7 @@ void ReportText::add(std::string_view key, std::string_view value)
     _text += value;
 }
 
-void ReportText::add(std::string_view key, long value)
+void ReportText::add(std::string_view key, std::int64_t value)
 {
     add(key, std::to_string(value));
 }
@@ -28,7 +28,7 @@ void ReportText::add_decimal(std::string_view key, double value)
 void ReportText::add_time(std::string_view key, std::chrono::system_clock::time_point time)
 {
     constexpr long MICROSECONDS = 1000000;
-    const long since_epoch =
+    const std::int64_t since_epoch =
         std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
     std::string full_key(key);
     add(full_key + "_SEC", since_epoch / MICROSECONDS);

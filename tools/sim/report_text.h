@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -10,7 +11,7 @@ class ReportText {
 public:
     // The key goes without its common beginning, "QOS_EV_".
     void add(std::string_view key, std::string_view value);
-    void add(std::string_view key, long value);
+    void add(std::string_view key, std::int64_t value);
     void add_decimal(std::string_view key, double value);  // one place behind the point
     // The keys that begin so and end in "_SEC" and "_USEC".
     void add_time(std::string_view key, std::chrono::system_clock::time_point time);

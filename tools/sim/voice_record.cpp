@@ -28,7 +28,7 @@ void append_32(std::string& bytes, std::uint32_t value)
 void VoiceRecord::append_to(std::string& datagram, std::string_view sound) const
 {
     constexpr long MICROSECONDS = 1000000;
-    const long since_epoch =
+    const std::int64_t since_epoch =
         std::chrono::duration_cast<std::chrono::microseconds>(captured.time_since_epoch()).count();
 
     append_32(datagram, static_cast<std::uint32_t>(RTP_HEADER_SIZE + sound.size()));
