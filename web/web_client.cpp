@@ -180,8 +180,8 @@ bool WebClient::wc_batch_is_due() const
 
 HttpHanle* WebClient::wc_find_idle_handle() const
 {
-    const auto idle = std::find_if(curl_handles.begin(), curl_handles.end(),
-                                   [](const auto& handle) { return handle->is_idle(); });
+    const auto* const idle = std::find_if(curl_handles.begin(), curl_handles.end(),
+                                          [](const auto& handle) { return handle->is_idle(); });
     return idle == curl_handles.end() ? nullptr : idle->get();
 }
 
