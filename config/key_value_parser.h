@@ -20,7 +20,8 @@ public:
     bool onlyWhitespace(const std::string& line) const;
 
     // Checks a line of a file read with '='. Erases leading blanks and tabs from the line; then
-    // false when it starts with '=', holds none, or has nothing but blanks after the first one.
+    // false when it starts with '=', holds none, or has nothing but blanks after the first one. The
+    // loader does without it: extractContents() skips what it cannot use.
     bool validLine(std::string& line) const;
 
     // The key is the first word of the line, ended by a tab, a blank, '=' or ':'.
