@@ -280,7 +280,7 @@ TEST(FileLogger, DoesWithoutAFileThatItCannotMake)
         } catch (const std::bad_alloc&) {  // before the files
         }
         faults.refuse_memory(0, 0);
-        const std::string all = log.take();
+        const std::string all = LogCapture::take();
         logged.insert(all.substr(0, all.find('\n')));
     }
     for (const char* const name : {"QoS_Stat", "QoS_Stat_Sessions_Summary", "RTP_Streams_No_Voice"})

@@ -116,8 +116,10 @@ std::string LogCapture::bare(const std::string& log)
 {
     static const std::regex decoration(R"([A-Z][a-z]{2}-\d\d \d\d:\d\d:\d\d\.\d{3}  )"
                                        R"(( ?\[[A-Z]+\]) \[0x[0-9a-f]{1,6}\])");
-    const std::string text = std::regex_replace("\n" + log, decoration, "$1");
-    return std::regex_replace(text, std::regex("\n\n+"), "\n").substr(1);
+    std::string text = std::regex_replace("\n" + log, decoration, "$1");
+    while (count(text, "\n\n") > 0)
+        text = replaced(text, "\n\n", "\n");
+    return text.substr(1);
 }
 
 HttpServer::HttpServer() : _socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
