@@ -11,6 +11,7 @@ import base64
 import hashlib
 import http.client
 import os
+import random
 import re
 import secrets
 import shutil
@@ -51,12 +52,15 @@ def password_line(user, password):
     return f"{user}:{{SSHA}}{base64.b64encode(digest).decode()}\n"
 
 
-def write_configuration(directory, nodes, listen, passwords, home=None, rate=100, timeout=10):
-    """nodes: (host, native port, HTTP port) of each; home: where the gateway will find the directory."""
-    key = secrets.token_hex(16)
+def write_configuration(directory, nodes, listen, passwords, home=None, engine_listen="127.0.0.1", rate=100, timeout=10):
+    """nodes: (host, native port, HTTP port) of each; home: where the gateway will find the directory. The key, by which
+    gateway and nodes know each other, stays the same when the directory is written again."""
+    directory.mkdir(parents=True, exist_ok=True)
+    users = directory / "users.xml"
+    key = re.search("<password>(.+)</password>", users.read_text())[1] if users.exists() else secrets.token_hex(16)
     parameters = sorted({found for text in QUERIES.values() for found in PARAMETER.findall(text)})
     values = {
-        "KEY": key, "HOME": home or directory, "RATE": rate, "TIMEOUT": timeout,
+        "KEY": key, "ENGINE_LISTEN": engine_listen, "HOME": home or directory, "RATE": rate, "TIMEOUT": timeout,
         "SHARDS": "\n".join(
             # with a database of its own no node counts as local, so that its rows, too, come in large blocks
             f"            <shard><replica><host>{host}</host><port>{port}</port><user>gateway</user>"
@@ -68,7 +72,6 @@ def write_configuration(directory, nodes, listen, passwords, home=None, rate=100
                                 for name, kind in parameters),
         "QUERIES": "\n".join(query_location(name, text) for name, text in QUERIES.items()),
     }
-    directory.mkdir(parents=True, exist_ok=True)
     for name in ("engine.xml", "users.xml", "gateway.conf"):
         text = re.sub(r"@(\w+)@", lambda match: str(values[match[1]]), (HERE / name).read_text())
         (directory / name).write_text(text)
@@ -78,7 +81,6 @@ def write_configuration(directory, nodes, listen, passwords, home=None, rate=100
     for name in ("index.html", "fleet.js"):
         shutil.copy(HERE / name, directory / "page")
     shutil.copy(HERE / "schema.sql", directory)
-    return key
 
 
 def make_certificate(directory, name):
@@ -88,9 +90,17 @@ def make_certificate(directory, name):
 
 
 def free_port():
-    with socket.socket() as one:
-        one.bind(("127.0.0.1", 0))
-        return one.getsockname()[1]
+    """Below the range that the kernel gives to clients, and free with the port above it for datagrams too."""
+    while True:
+        port = random.randrange(10000, 32000, 2)
+        try:
+            for kind in (socket.SOCK_STREAM, socket.SOCK_DGRAM):
+                with socket.socket(type=kind) as one, socket.socket(type=kind) as two:
+                    one.bind(("", port))
+                    two.bind(("", port + 1))
+            return port
+        except OSError:
+            continue
 
 
 def wait_for(condition, seconds, what):
@@ -124,7 +134,7 @@ class Shard:
         ports = {"http_port": self.http, "tcp_port": self.native, "interserver_http_port": self.interserver}
         paths = {"path": "data", "tmp_path": "tmp", "user_files_path": "files", "format_schema_path": "formats"}
         settings = {**ports, **{tag: f"{place}/{name}/" for tag, name in paths.items()},
-                    "interserver_http_host": "127.0.0.1", "listen_host": "127.0.0.1", "users_config": "users.xml",
+                    "interserver_http_host": "127.0.0.1", "users_config": "users.xml",
                     "default_profile": "default", "default_database": "default", "timezone": "UTC",
                     "mark_cache_size": 100000000, "uncompressed_cache_size": 0}
         (place / "config.xml").write_text(
@@ -244,9 +254,10 @@ def main():
     parser.add_argument("directory", type=Path)
     parser.add_argument("node", nargs="+", help="host name of an engine node, which is a shard each")
     options = parser.parse_args()
-    passwords = {user: secrets.token_hex(16) for user in ("unit", "viewer")}
+    passwords = {user: secrets.token_hex(16) for user in ("unit", "viewer")
+                 if not (options.directory / f"{user}s.htpasswd").exists()}
     write_configuration(options.directory, [(node, 9000, 8123) for node in options.node],
-                        ["443 ssl"], passwords, options.home, options.rate)
+                        ["443 ssl"], passwords, options.home, "::", options.rate)
     for user, password in passwords.items():
         print(f"{user}'s password: {password}")
 

@@ -19,13 +19,19 @@ UNITS = 20
 PICTURE = HERE.parent / "build/fleet.png"
 
 
-def start_unit(directory, number, elastic_url):
-    directory.mkdir()
-    port = free_port()
-    (directory / "sn").write_text(f"serial: {10000 + number}\n")
-    (directory / "voxstat.cfg").write_text(f"qos_port={port}\nqos_stat_dir={directory}/stat\nsn_file_path={directory}/sn\n"
-                                           f"elastic_url={elastic_url}\n")
-    return port, run([BUILD / "voxstat", "-f", "voxstat.cfg"], directory)
+def start_units(store, count):
+    """[(port, process)] of so many daemons that post to the store."""
+    units = []
+    for number in range(count):
+        directory, port = store.directory / f"unit{number}", free_port()
+        directory.mkdir()
+        (directory / "sn").write_text(f"serial: {10000 + number}\n")
+        (directory / "voxstat.cfg").write_text(
+            f"qos_port={port}\nqos_stat_dir={directory}/stat\nsn_file_path={directory}/sn\n"
+            f"elastic_url={store.elastic_url()}\n")
+        units.append((port, run([BUILD / "voxstat", "-f", "voxstat.cfg"], directory)))
+    wait_for(lambda: all(bound(port) for port, _ in units), 30, "the daemons' ports")
+    return units
 
 
 def bound(port):
@@ -54,8 +60,7 @@ def trial(directory, once):
     units = []
     try:
         store.start()
-        units = [start_unit(directory / f"unit{number}", number, store.elastic_url()) for number in range(UNITS)]
-        wait_for(lambda: all(bound(port) for port, _ in units), 30, "daemons' ports")
+        units = start_units(store, UNITS)
         print(f"Two engine nodes, the gateway and {UNITS} daemons are up; half a minute of traffic follows.", flush=True)
         traffic = [subprocess.Popen([BUILD / "tools/voxstat-sim", "--port", str(port), "--speed", "10", "--seed", str(seed),
                                      *([] if seed == 7 else ["--bad", "0"])], stdout=subprocess.PIPE, text=True)

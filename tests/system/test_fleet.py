@@ -110,6 +110,8 @@ def test_access(fleet):
         with pytest.raises(OSError):
             fleet.shards[0].sql(statement, user="viewer", password=key)
     assert fleet.count("reports") == 0
+    fleet.shards[0].kill()
+    assert {fleet.status("/ingest", "unit", body=b"[\n]") for _ in range(20)} == {200}      # by the other node
 
 
 @pytest.mark.parametrize("fleet", [{"shards": 1, "rate": 1}], indirect=True)
