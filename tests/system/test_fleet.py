@@ -8,6 +8,7 @@ import subprocess
 import sys
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from conftest import BUILD, ROOT, batch, line, report, wait_for
@@ -40,17 +41,15 @@ def post(fleet, *lines):
 
 def stored_lines(fleet):
     """What the store has, as the lines that it came from."""
-    rows = fleet.shards[1].sql(
-        "SELECT toUInt32(time), ms, zone, type, port, packets, lost, loss, jitter, rtt, hex(gcid), hex(tid), hex(far_end), "
-        "hex(ssrc), hex(sn), hex(name) FROM fleet.reports FORMAT TSV").splitlines()
-    for row in rows:
-        moment, ms, zone, kind, *numbers = row.split("\t")
-        gcid, tid, far_end, ssrc, sn, name = (bytes.fromhex(text) for text in numbers[6:])
-        stamp = time.strftime("%Y-%b-%d %H:%M:%S", time.gmtime(int(moment) + int(zone) * 60))
-        port, packets, lost, loss, jitter, rtt = map(float, numbers[:6])
-        zone = "%+03d%02d" % divmod(int(zone), 60)
-        yield (SESSION % (f"{stamp}.{int(ms):03d} {zone}", gcid.decode(), tid.decode(), kind, far_end.decode(), port,
-                          packets, lost, loss, jitter, rtt, ssrc.decode(), sn.decode())).encode() + name
+    for row in fleet.shards[1].sql(
+            "SELECT toUInt32(time), zone, ms, hex(gcid), hex(tid), hex(type), hex(far_end), hex(ssrc), hex(sn), hex(name), "
+            "port, packets, lost, loss, jitter, rtt FROM fleet.reports FORMAT TSV").splitlines():
+        moment, zone, ms, *columns = row.split("\t")
+        stamp = time.strftime("%Y-%b-%d %H:%M:%S", time.gmtime(int(moment) + 60 * int(zone)))
+        stamp += ".%03d %+03d%02d" % (int(ms), *divmod(int(zone), 60))
+        *texts, ssrc, sn, name = (bytes.fromhex(text).decode("utf-8", "surrogateescape") for text in columns[:7])
+        line = SESSION % (stamp, *texts, *map(float, columns[7:]), ssrc, sn) + name
+        yield line.encode("utf-8", "surrogateescape")
 
 
 HOSTILE = [r"back\slash at the end\ "[:-1], 'quo"te', '"quoted"', "it's", '"},', '"}', "tab\there", "\x01\x1b[31m", "a, b",
@@ -66,7 +65,7 @@ def test_every_report_of_twenty_units(fleet, start):
                for number, unit in enumerate(units)]
     odd = [report(RTCP_CNAME=name, GCID=f"3-{number}") for number, name in enumerate(HOSTILE + LOST)]
     odd.append(report(RTCP_CNAME="wide", PORT=123456, PACKETS=2000000000, LOST_SINCE_LAST_REPORT=-12345, JITTER_AVG=9999999,
-                      LOST_LOST_SINCE_LAST_REPORT_PERCENT=12345, SSRC="longer than usual"[:6] + "123456", TIME_STAMP_SEC=0))
+                      LOST_LOST_SINCE_LAST_REPORT_PERCENT=12345, SSRC="longer123456", TIME_STAMP_SEC=0))
     units[0].send(*(text.encode("utf-8", "surrogateescape") for text in odd))
     sent = sum(int(re.search(r"(\d+) session reports", run.communicate()[0])[1]) for run in traffic)
     expected = sent + len(HOSTILE) + 1
@@ -97,8 +96,8 @@ ACCESS = [  # path, user, password, body: status
     ("/query/days?from=0&to=9", None, None, None, 401), ("/query/days?from=0&to=9", "viewer", None, b"x", 403),
     ("/query/days?from=0&to=9)+OR+(1", "viewer", None, None, 500), ("/query/days", "viewer", None, None, 500),
     ("/query/call?from=0&to=9&sn=')--&name=&gcid=", "viewer", None, None, 200),
-    ("/", "viewer", None, None, 200), ("/", "viewer", None, b"x", 405), ("/", "unit", None, None, 401), ("/units.htpasswd", "viewer", None, None, 404),
-    ("/?query=SELECT+1", "viewer", None, b"DROP DATABASE fleet", 405), ("/query/", "viewer", None, None, 404),
+    ("/", "viewer", None, None, 200), ("/", "unit", None, None, 401), ("/units.htpasswd", "viewer", None, None, 404),
+    ("/?query=SELECT+1", "viewer", None, b"DROP DATABASE fleet", 405),
 ]
 
 
@@ -149,7 +148,7 @@ def test_queries(fleet):
     assert sorted(rows("silent", "unit", since=0, after=4, to=now + 5)) == [("A",), ("B",), ("C",), ("D",)]
     assert rows("reporting", "units", "calls", "reports") == [(4, 4, 6)]
     assert sum(day[0] for day in rows("days", "reports")) == 6
-    assert [row[0] for row in rows("trend", "reports", step=7200, ms=0.5)] in ([6], [1, 5], [5, 1])
+    assert sum(bucket[0] for bucket in rows("trend", "reports", step=60, ms=0.5)) == 6
     assert rows("call", "type", "loss", sn="C", name="bad", gcid="3-9") == [("near_end", 5), ("near_end", 15)]
     assert set(QUERIES) == {"worst_calls", "units", "silent", "reporting", "days", "trend", "call"}
 
@@ -170,18 +169,18 @@ def test_a_killed_node(fleet):
     def names():
         return fleet.shards[0].sql("SELECT name FROM fleet.reports").split()
 
-    threads = [threading.Thread(target=unit, args=(f"U{number}",)) for number in range(6)]
-    for thread in threads:
-        thread.start()
-    wait_for(lambda: fleet.count("reports") > 100)
-    fleet.shards[1].kill()
-    already = len(accepted)
-    wait_for(lambda: len(accepted) > already + 300, 60, "for the other node to take the batches")
-    fleet.shards[1].start()
-    wait_for(fleet.shards[1].ready, 60)
-    ending.set()
-    for thread in threads:
-        thread.join()
+    with ThreadPoolExecutor(6) as pool:
+        units = pool.map(unit, (f"U{number}" for number in range(6)))
+        try:
+            wait_for(lambda: fleet.count("reports") > 100)
+            fleet.shards[1].kill()
+            already = len(accepted)
+            wait_for(lambda: len(accepted) > already + 300, 60, "for the other node to take the batches")
+            fleet.shards[1].start()
+            wait_for(fleet.shards[1].ready, 60)
+        finally:
+            ending.set()
+    list(units)     # raises what a unit raised
     wait_for(lambda: fleet.mend() or set(accepted) <= set(names()), 90, "for all rows")
     twice = len(names()) - len(set(names()))
     print(f"{len(accepted)} rows accepted, {len(refused)} refused, {twice} stored twice")
@@ -208,10 +207,9 @@ def test_a_silent_node_frees_the_units(fleet, start):
 
 
 def test_over_tls(fleet, start):
-    """The machine's store of certificates is what a unit trusts; here, a copy of it in a mount namespace."""
-    store = fleet.directory / "store.crt"
-    store.write_bytes((fleet.directory / "tls.crt").read_bytes())
-    launch = ["unshare", "-rm", "sh", "-c", 'mount --bind "$0" /etc/ssl/certs/ca-certificates.crt && exec "$@"', store]
+    """The machine's store of certificates is what a unit trusts; here, in a mount namespace."""
+    launch = ["unshare", "-rm", "sh", "-c", 'mount --bind "$0" /etc/ssl/certs/ca-certificates.crt && exec "$@"',
+              fleet.directory / "tls.crt"]
     if subprocess.run([*launch, "true"], capture_output=True).returncode != 0:
         pytest.skip("no mount namespace, or no ca-certificates")
     trusting, stranger = (start(launch=words, log__http=2, elastic_url=fleet.elastic_url("https")) for words in (launch, ()))
