@@ -59,8 +59,8 @@ private:
     std::unique_ptr<WebClient> web_client;
     std::string serial_number;  // empty when unknown
 
-    // Storage that stands for the whole run: a voice datagram costs no allocation, a report those of
-    // its two lines, but for a buffer that has to grow and for messages that pass their group.
+    // Storage that stands for the whole run: a voice datagram costs no allocation, a report those
+    // of its two lines, but for a buffer that has to grow and for messages that pass their group.
     std::array<char, BUFFER_SIZE> buffer;  // every datagram, and the service reports
     std::optional<QoSPacket> report;       // built and destroyed in place
     VoicePacket voice_packet;              // reused for every record

@@ -89,7 +89,7 @@ constexpr std::size_t slot_of(std::string_view key, Factors factors)
     return (factors.length * key.size() + factors.first * first + factors.last * last) % SLOT_COUNT;
 }
 
-constexpr bool keep_keys_apart(Factors factors)
+constexpr bool keep_keys_apart(const Factors& factors)
 {
     std::array<bool, SLOT_COUNT> taken{};
     for (const std::string_view key : KEYS)

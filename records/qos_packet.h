@@ -21,9 +21,9 @@ public:
     QoSPacket(const QoSPacket&) = delete;
     QoSPacket& operator=(const QoSPacket&) = delete;
 
-    // Fills the fields from the text. Only its first 1023 characters are read as keys and values; of
-    // what follows, no more than whether there is anything but one line feed, which is warned of. A
-    // key that the limit cuts off, without its '=', is not looked up.
+    // Fills the fields from the text. Only its first 1023 characters are read as keys and values;
+    // of what follows, no more than whether there is anything but one line feed, which is warned
+    // of. A key that the limit cuts off, without its '=', is not looked up.
     void extract_keys(const char* text);
 
     // 0 to 24 for a known key, 25 for any other. The case matters.
