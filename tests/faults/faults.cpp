@@ -19,17 +19,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 // A wrapper that fails when it is its turn and passes its arguments on otherwise; a watch is told
 // of the arguments that come last. Functions with optional arguments are declared with the one
 // that they may have: it travels the same way.
-#define WRAP(result, name, parameters, failure, arguments, ...)                                   \
-    extern "C" result __real_##name parameters;                                                   \
-    extern "C" result __wrap_##name parameters                                                    \
-    {                                                                                             \
-        const int error = Faults::self().next_call(Faults::id(#name) __VA_OPT__(, ) __VA_ARGS__); \
-        return error != 0 ? (failure) : __real_##name arguments;                                  \
+#define WATCHED(result, name, parameters, failure, arguments, told, also_told)          \
+    extern "C" result __real_##name parameters;                                         \
+    extern "C" result __wrap_##name parameters                                          \
+    {                                                                                   \
+        const int error = Faults::self().next_call(Faults::id(#name), told, also_told); \
+        return error != 0 ? (failure) : __real_##name arguments;                        \
     }
+#define WRAP(result, name, parameters, failure, arguments) \
+    WATCHED(result, name, parameters, failure, arguments, 0, 0)
 #define MAPPED(path) Faults::self().mapped(path).data()
 
 // With 64-bit offsets and times the C library has other names for some functions.
@@ -61,27 +64,27 @@ WRAP(int, stat, (const char* path, struct stat* info), -1, (MAPPED(path), info))
 WRAP(int, rename, (const char* from, const char* to), -1, (MAPPED(from), MAPPED(to)))
 WRAP(int, remove, (const char* path), -1, (MAPPED(path)))
 WRAP(int, mkdir, (const char* path, mode_t mode), -1, (MAPPED(path), mode))
-WRAP(int, chown, (const char* path, uid_t user, gid_t group), -1, (MAPPED(path), user, group),
-     user, group)
+WATCHED(int, chown, (const char* path, uid_t user, gid_t group), -1, (MAPPED(path), user, group),
+        user, group)
 WRAP(DIR*, opendir, (const char* path), nullptr, (MAPPED(path)))
 WRAP(int, access, (const char* path, int mode), -1, (MAPPED(path), mode))
 WRAP(int, socket, (int domain, int type, int protocol), -1, (domain, type, protocol))
 WRAP(int, fcntl, (int fd, int command, long argument), -1, (fd, command, argument))
-WRAP(int, poll, (pollfd* set, nfds_t count, int timeout), -1,
-     (set, count, Faults::watch ? 0 : timeout), timeout)
+WATCHED(int, poll, (pollfd* set, nfds_t count, int timeout), -1,
+        (set, count, Faults::watch ? 0 : timeout), timeout, 0)
 WRAP(ssize_t, recvfrom, (int fd, void* data, size_t size, int flags, sockaddr* from,
      socklen_t* length), -1, (fd, data, size, flags, from, length))
 WRAP(int, pthread_create, (pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
      void* argument), error, (thread, how, entry, argument))
 WRAP(int, pthread_mutex_init, (pthread_mutex_t* mutex, const pthread_mutexattr_t* how), error,
      (mutex, how))
-WRAP(CURLcode, curl_global_init, (long flags), static_cast<CURLcode>(error), (flags), flags)
+WRAP(CURLcode, curl_global_init, (long flags), static_cast<CURLcode>(error), (flags))
 WRAP(CURL*, curl_easy_init, (), nullptr, ())
-WRAP(CURLcode, curl_easy_setopt, (CURL* handle, CURLoption option, long value),
-     static_cast<CURLcode>(error), (handle, option, value), option, value)
+WATCHED(CURLcode, curl_easy_setopt, (CURL* handle, CURLoption option, long value),
+        static_cast<CURLcode>(error), (handle, option, value), option, value)
 WRAP(CURLcode, curl_easy_perform, (CURL* handle), static_cast<CURLcode>(error), (handle))
 WRAP(sighandler_t, signal, (int number, sighandler_t handler), SIG_ERR, (number, handler))
-WRAP(int, usleep, (useconds_t pause), -1, (cut_pause(pause)), pause)
+WATCHED(int, usleep, (useconds_t pause), -1, (cut_pause(pause)), pause, 0)
 // clang-format on
 
 static time_t moved(time_t now)
@@ -141,6 +144,11 @@ time_t __wrap_time(time_t* /*result, null in all of the program*/)
 
 Faults::Watch Faults::watch;
 
+void Faults::set_watch(Watch new_watch)
+{
+    watch = std::move(new_watch);
+}
+
 Faults& Faults::self()
 {
     static constinit Faults own;
@@ -164,12 +172,12 @@ Faults& Faults::shared(const char* path)
 
 void Faults::arm(std::string_view function, int n, int error, bool onwards)
 {
-    Calls& calls = _calls[id(function)];
-    calls.first = 0;
-    calls.made = 0;
-    calls.error = error;
-    calls.end = onwards ? INT_MAX : n + 1;
-    calls.first = n;
+    Calls& armed = _calls[id(function)];
+    armed.first = 0;
+    armed.made = 0;
+    armed.error = error;
+    armed.end = onwards ? INT_MAX : n + 1;
+    armed.first = n;
 }
 
 void Faults::refuse_memory(int n, int times)
@@ -188,8 +196,8 @@ int Faults::next_call(std::size_t function, long argument, long second)
 {
     if (watch)
         watch(FUNCTIONS[function], argument, second);
-    Calls& calls = _calls[function];
-    return calls.next_fails() ? errno = calls.error : 0;
+    Calls& counted = _calls[function];
+    return counted.next_fails() ? errno = counted.error : 0;
 }
 
 bool Faults::Calls::next_fails()

@@ -40,7 +40,7 @@ struct Faults {
     // In a test's own process only: called before every call of these functions, on its thread,
     // with the arguments that matter most. While it is set, poll() does not wait.
     using Watch = std::function<void(std::string_view function, long argument, long second)>;
-    static Watch watch;  // set while no other thread runs
+    static void set_watch(Watch watch);  // while no other thread runs
 
     // The directory below which the daemon's fixed directories lie; empty: where they really are.
     void set_root(const std::string& directory);
@@ -66,6 +66,8 @@ struct Faults {
             index++;
         return index;
     }
+
+    static Watch watch;
 
 private:
     struct Calls {

@@ -209,7 +209,7 @@ TEST(FileLogger, PausesFollowTheVoiceTraffic)
         std::atomic<bool> done{false};
         FileLogger* logger = nullptr;
         std::atomic<bool> ready{false};
-        Faults::watch = [&](std::string_view function, long pause, long /*unused*/) {
+        Faults::set_watch([&](std::string_view function, long pause, long /*unused*/) {
             if (function != "usleep" || !ready || done)
                 return;
             pauses.push_back(pause);
@@ -218,7 +218,7 @@ TEST(FileLogger, PausesFollowTheVoiceTraffic)
                     EXPECT_EQ(off && file == 2 ? 0 : 1024, queue(*logger, file, 1024));
             }
             done = pauses.size() > 1300;
-        };
+        });
         FileLogger own(&config);
         logger = &own;
         ready = true;
@@ -230,7 +230,7 @@ TEST(FileLogger, PausesFollowTheVoiceTraffic)
                 std::fill_n(expected.begin() + after, 500, 10000);
         EXPECT_EQ(expected, pauses);
         own.fl_cleanup();
-        Faults::watch = nullptr;
+        Faults::set_watch(nullptr);
         std::string opened;
         for (const char* const name : NAMES)
             if (!off || name != NAMES[2])

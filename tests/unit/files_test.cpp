@@ -60,10 +60,10 @@ TEST(FileObject, ReportsEveryEventAndNamesArchivesApart)
     const TempDir dir;
     const std::string path = dir / "new/F.txt", archive = dir / "new/F_2023-11-14_22-13-20";
     long owner = -1, group = -1;
-    Faults::watch = [&](std::string_view function, long first, long second) {
+    Faults::set_watch([&](std::string_view function, long first, long second) {
         if (function == "chown")
             owner = first, group = second;
-    };
+    });
     {
         FileObject file("header\n", 7, dir / "new", "F", ".txt", 20, 2);
         struct stat made {};

@@ -184,10 +184,10 @@ TEST(Logger, PrintsWithoutItsFile)
 {
     LogFile file("log.default=0");
     poll(nullptr, 0, 0);  // from now on memory can be refused
-    Faults::watch = [](std::string_view function, long /*unused*/, long /*unused*/) {
+    Faults::set_watch([](std::string_view function, long /*unused*/, long /*unused*/) {
         if (function == "pthread_create")  // then comes the file
             faults.refuse_memory(4, 1);
-    };
+    });
     CaptureStdout();
     DBG->init(file.config.get());
     EXPECT_EQ("Unable to open log file /var/log/current/d.logfor writing (std::bad_alloc). "

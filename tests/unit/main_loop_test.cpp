@@ -17,8 +17,8 @@ static const std::string NEAR = "QOS_EV_TYPE=QOS_NEAREND\nQOS_EV_RTCP_CNAME=",
 // Calls one step at each wait of the loop, and ends the loop at the first wait without one.
 static void at_each_wait(std::vector<std::function<void()>> steps)
 {
-    Faults::watch = [steps = std::move(steps), next = 0U](std::string_view function, long timeout,
-                                                          long /*unused*/) mutable {
+    Faults::set_watch([steps = std::move(steps), next = 0U](std::string_view function, long timeout,
+                                                            long /*unused*/) mutable {
         if (function != "poll")
             return;
         EXPECT_EQ(60000, timeout);
@@ -26,7 +26,7 @@ static void at_each_wait(std::vector<std::function<void()>> steps)
             steps[next++]();
         else
             MainLoop::stop();
-    };
+    });
 }
 
 // What was handed on, with one blank between two columns.
@@ -122,7 +122,7 @@ TEST(MainLoop, ItsThreadsHaveTheirNamesAndPauses)
     std::set<std::string> pauses, expected = {"QoS_SimpleLogge 100000", "QoS_FileLogger 100000"};
     for (const char* const worker : {"0", "1", "2", "3", "4"})
         expected.insert(std::string("QoS_Web_") + worker + " 100000");
-    Faults::watch = [&](std::string_view function, long pause, long /*unused*/) {
+    Faults::set_watch([&](std::string_view function, long pause, long /*unused*/) {
         std::array<char, 16> name{};
         pthread_getname_np(pthread_self(), name.data(), name.size());
         const std::lock_guard lock(mutex);
@@ -130,7 +130,7 @@ TEST(MainLoop, ItsThreadsHaveTheirNamesAndPauses)
             pauses.insert(name.data() + (" " + std::to_string(pause)));
         if (function == "poll")
             MainLoop::stop();
-    };
+    });
     faults.any_port = true;
     DBG->init(&config);
     MainLoop loop(&config);

@@ -30,10 +30,10 @@ TEST(WebClient, SetsItsHandlesUp)
 {
     LogCapture log;
     std::map<long, long> options;
-    Faults::watch = [&options](std::string_view function, long option, long value) {
+    Faults::set_watch([&options](std::string_view function, long option, long value) {
         if (function == "curl_easy_setopt")
             options.emplace(option, value);
-    };
+    });
     idle_client("http://127.0.0.1:1/");
     EXPECT_EQ(1, options[CURLOPT_HEADER]);
     EXPECT_EQ(1, options[CURLOPT_VERBOSE]);
