@@ -160,7 +160,7 @@ void HttpServer::serve(int fd)
             continue;
         {
             const std::lock_guard lock(_mutex);
-            _requests.push_back({data.substr(0, end), data.substr(end + END.size())});
+            _requests.push_back({data.substr(end + END.size())});
         }
         data.clear();
         const std::string answer = "HTTP/1.1 200 OK\r\n" + LENGTH + "4" + END + "fine";

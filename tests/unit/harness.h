@@ -48,11 +48,11 @@ struct LogCapture {
     static std::string bare(const std::string& log);
 };
 
-// A web server on loopback that records every request and answers "200 OK".
+// A web server on loopback that records the body of every request and answers "200 OK".
 class HttpServer {
 public:
     struct Request {
-        std::string head, body;
+        std::string body;
     };
     HttpServer();
     ~HttpServer();
