@@ -196,6 +196,22 @@ TEST(FileLogger, KeepsFewArchives)
     }
 }
 
+TEST(FileLogger, TakesNamesAndNumbersFromItsConfiguration)
+{
+    IdleFileLogger idle("qos_file_name=a\nqos_file_name_eos=b\nrtp_dump_file_name=c\n"
+                        "max_file_size_rtp=1\nmax_archived_files_rtp=1");
+    for (const int file : {0, 1, 2, 2}) {  // both dumps are full at once
+        queue(idle.logger, file, 200);
+        write_step(idle.logger, file, true);
+    }
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(idle.dir.path))
+        names.insert(entry.path().filename());
+    EXPECT_EQ((std::set<std::string>{"a.txt", "b.txt", "c_2023-11-14_22-13-20_002.pcap"}), names);
+    EXPECT_EQ(144U + 200, read_file(idle.dir / "a.txt").size());
+    EXPECT_EQ(191U + 200, read_file(idle.dir / "b.txt").size());
+}
+
 // The pause of the thread and the order of a pass, told by a thread that queues in its own pauses.
 TEST(FileLogger, PausesFollowTheVoiceTraffic)
 {
