@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <utility>
 
 #include "log/simple_logger.h"
@@ -105,7 +106,7 @@ consteval Factors find_factors()
         for (std::size_t first = 1; first < SLOT_COUNT; first++)
             if (keep_keys_apart({length, first, 1}))
                 return {length, first, 1};
-    throw SLOT_COUNT;  // does not compile: it is too small
+    throw std::length_error("SLOT_COUNT is too small");  // stops the compiler
 }
 constexpr Factors FACTORS = find_factors();
 
