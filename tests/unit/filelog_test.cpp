@@ -157,42 +157,45 @@ TEST(FileLogger, ADueFileTakesTheWholeBufferAndRotates)
 // With nothing configured: the names, the archives that are kept, and when they are trimmed.
 TEST(FileLogger, KeepsFewArchives)
 {
-    const TempDir root;
-    faults.set_root(root.path);
-    const std::string dir = root / "home/build/zkhome/QoS/";
-    std::filesystem::create_directories(dir);
     struct Row {
         int file;
         std::size_t limit;  // bytes
         std::size_t at_start, at_rotation;
     };
     const Row rows[] = {{0, 20971520, 4, 4}, {1, 5242880, 2, 2}, {2, 52428800, 25, 20}};
-    const auto archives = [&dir](const std::string& stem) {
-        std::string names;
-        for (const auto& entry : std::filesystem::directory_iterator(dir))
-            names += entry.path().filename();
-        return count(names, stem + "_2");
-    };
     const auto stem_of = [](int file) {
         return std::filesystem::path(NAMES[file]).stem().string();
     };
-    for (const Row& row : rows) {
-        const std::string live = dir + NAMES[row.file];
-        for (int i = 10; i < 35; i++)
-            write_file(dir + stem_of(row.file) + "_2020-01-01_00-00-" + std::to_string(i) +
-                           live.substr(live.rfind('.')),
-                       "");
-        write_file(live, "");
-        std::filesystem::resize_file(live, row.limit);
-    }
-    ConfigFile config = config_of("");
-    FileLogger logger(&config);
-    logger.fl_stop();
-    for (const Row& row : rows) {
-        EXPECT_EQ(row.at_start, archives(stem_of(row.file)));
-        queue(logger, row.file, 200);
-        write_step(logger, row.file, true);
-        EXPECT_EQ(row.at_rotation, archives(stem_of(row.file)));
+    for (const std::size_t below : {0U, 1U}) {  // its limit when the write begins
+        const TempDir root;
+        faults.set_root(root.path);
+        const std::string dir = root / "home/build/zkhome/QoS/";
+        std::filesystem::create_directories(dir);
+        const auto archives = [&dir](const std::string& stem) {
+            std::string names;
+            for (const auto& entry : std::filesystem::directory_iterator(dir))
+                names += entry.path().filename();
+            return count(names, stem + "_2");
+        };
+        for (const Row& row : rows) {
+            const std::string live = dir + NAMES[row.file];
+            for (int i = 10; i < 35; i++)
+                write_file(dir + stem_of(row.file) + "_2020-01-01_00-00-" + std::to_string(i) +
+                               live.substr(live.rfind('.')),
+                           "");
+            write_file(live, "");
+            std::filesystem::resize_file(live, row.limit - below);
+        }
+        ConfigFile config = config_of("");
+        FileLogger logger(&config);
+        logger.fl_stop();
+        for (const Row& row : rows) {
+            EXPECT_EQ(row.at_start, archives(stem_of(row.file)));
+            queue(logger, row.file, 200);
+            write_step(logger, row.file, true);
+            EXPECT_EQ(below == 0 ? row.at_rotation : row.at_start, archives(stem_of(row.file)));
+            EXPECT_EQ(below == 1, std::filesystem::exists(dir + NAMES[row.file]));
+        }
     }
 }
 
