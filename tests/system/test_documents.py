@@ -1,11 +1,11 @@
-"""What the documents say of the sources: every message is explained, every file that is named is there."""
+"""What the documents say of the sources: each key, with its default and range; each message; files that are there."""
 import re
 import shutil
 import subprocess
 
 import pytest
 
-from conftest import ROOT
+from conftest import BUILD, ROOT
 
 ROOMS = "app config log files net records filelog web"
 FOLDERS = r"bench|docs|fleet|fuzz|packaging|scripts|tests|tools|\.ci"
@@ -65,3 +65,43 @@ def test_manual_pages_are_clean():
     pages = sorted((ROOT / "packaging").glob("*.[1-8]"))
     remarks = subprocess.run(["mandoc", "-Tlint", *pages], capture_output=True, text=True).stdout
     assert [row for row in remarks.splitlines() if "outdated mandoc.db" not in row] == []
+
+
+# --- the keys, as voxstat-check shows its one table of them ---------------------------------------
+
+HELP = subprocess.run([BUILD / "tools/check/voxstat-check", "--help"], capture_output=True, text=True).stdout
+ROWS = re.findall(r"^  (\S+) +(\S+) +(?:(\d+ (?:to \d+|or more)) )?\([\w. ]+\)$", HELP.partition("\n\n  Key")[2], re.M)
+
+
+def packaged():
+    """The configuration: "# Default 30. Seconds, 0 or more." before "#key = 30"."""
+    for default, rest, key, value in re.findall(r"^# Default (\S+?)(?: \(.*?\))?\. (.*)\n#?(\S+) =(.*)$",
+                                                (ROOT / "packaging/voxstat.cfg").read_text(), re.M):
+        if key != "qos_stat_dir":   # the package sets another
+            assert value.strip() == default.replace("unset", ""), key
+        yield key, default, rest
+
+
+def manual():
+    """The manual page: "Default 30.", or a path or a name on the next line, behind .It Cm KEY."""
+    page = (ROOT / "packaging/voxstat.cfg.5").read_text()
+    for key, text in re.findall(r"^\.It Cm (\S+)\n(.*?)(?=^\.(?:It|El))", page, re.M | re.S):
+        default, rest = re.search(r"Default(?:\n\.(?:Pa|Dq))? (\S+?)[.:]?(?: \.| .*)?$(.*)", text, re.M | re.S).groups()
+        yield key, default, rest.replace(" ;", ";")
+
+
+def index():
+    for key, default in re.findall(r"^\| `(\S+)` \| `?([^`|]+?)`? \|", (ROOT / "docs/operations.md").read_text(), re.M):
+        if key in [row[0] for row in ROWS]:
+            yield key, default, None
+
+
+@pytest.mark.parametrize("document", [packaged, manual, index])
+def test_document_has_each_key(document):
+    assert len(ROWS) == 16
+    described = {key: (default, rest) for key, default, rest in document()}
+    assert list(described) == [row[0] for row in ROWS]
+    for key, default, bounds in ROWS:
+        assert described[key][0] == default, key
+        if bounds and key != "rtp_logging" and document != index:
+            assert bounds in described[key][1].replace("\n", " "), key
