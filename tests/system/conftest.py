@@ -34,14 +34,6 @@ def pytest_configure(config):
     config.addinivalue_line("markers", "long: takes more than a few seconds; run by scripts/test --long")
 
 
-def pytest_sessionfinish(session):
-    """Ends with 77, which ctest takes for "skipped", when every case was."""
-    reporter = session.config.pluginmanager.getplugin("terminalreporter")
-    stats = reporter.stats if reporter else {}
-    if stats.get("skipped") and not any(stats.get(key) for key in ("passed", "failed", "error")):
-        session.exitstatus = 77
-
-
 @pytest.fixture
 def tmp_path():
     """A directory that is gone after the test, unlike pytest's own."""
@@ -236,7 +228,7 @@ class Daemon:
     A setting's "__" stands for the point of its key: log__default=2. None leaves a setting out.
     """
 
-    def __init__(self, directory, launch=(), serial=None, arguments=None, port=None, **settings):
+    def __init__(self, directory, launch=(), serial=None, port=None, **settings):
         self.directory = directory
         self.stat = directory / "stat"
         self.port = port or free_ports()
@@ -245,38 +237,32 @@ class Daemon:
         settings = {"qos_port": self.port, "qos_stat_dir": self.stat, "sn_file_path": directory / "sn", **settings}
         (directory / "voxstat.cfg").write_text("".join(
             f"{key.replace('__', '.')} = {value}\n" for key, value in settings.items() if value is not None))
-        arguments = ["-f", directory / "voxstat.cfg"] if arguments is None else arguments
         with open(directory / "out", "wb") as out, open(directory / "err", "wb") as err:
             # A test that is killed takes its daemon with it.
-            self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *launch, VOXSTAT, *arguments],
-                                            cwd=directory, stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+            self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *launch, VOXSTAT], cwd=directory,
+                                            stdin=subprocess.DEVNULL, stdout=out, stderr=err)
 
     # Starting and stopping.
 
     def sockets(self):
-        """(inode, bytes waiting, datagrams dropped) of the report and the voice socket, when both are open."""
-        table = [row.split() for row in Path(f"/proc/{self.process.pid}/net/udp").read_text().splitlines()[1:]]
-        rows = {int(row[1].split(":")[1], 16): (row[9], int(row[4].split(":")[1], 16), int(row[12])) for row in table}
-        return [rows[port] for port in (self.port, self.port + 1) if port in rows]
-
-    def listening(self):
+        """(bytes waiting, datagrams dropped) of its report and its voice socket; fewer before both are open."""
+        process = Path(f"/proc/{self.process.pid}")
         try:
-            held = {os.readlink(fd) for fd in glob.glob(f"/proc/{self.process.pid}/fd/*")}
-            return sum(f"socket:[{row[0]}]" in held for row in self.sockets()) == 2
+            held = {os.readlink(fd) for fd in process.glob("fd/*")}
+            rows = [row.split() for row in (process / "net/udp").read_text().splitlines()[1:]]
         except OSError:     # it has just ended, or closed one of its files
-            return False
-
-    def state(self):
-        """The main thread's letter in ps: S when it waits, T when it is stopped."""
-        return Path(f"/proc/{self.process.pid}/task/{self.process.pid}/stat").read_text().rpartition(") ")[2][0]
+            return []
+        return [(int(row[4].split(":")[1], 16), int(row[12])) for port in (self.port, self.port + 1) for row in rows
+                if row[1].endswith(f":{port:04X}") and f"socket:[{row[9]}]" in held]
 
     def drained(self):
         """True when the daemon has done with every datagram that was sent to it, and its main loop waits."""
-        return self.state() == "S" and all(waiting == 0 for _, waiting, _ in self.sockets())
+        state = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/stat").read_text().rpartition(") ")[2][0]
+        return state == "S" and [waiting for waiting, _ in self.sockets()] == [0, 0]
 
     def wait_ready(self):
         """Waits until the main loop reads. False when the daemon has ended instead."""
-        wait_for(lambda: self.listening() or self.process.poll() is not None, 60, "for its ports")
+        wait_for(lambda: len(self.sockets()) == 2 or self.process.poll() is not None, 60, "for its ports")
         if self.process.poll() is not None:
             return False
         self.send_voice(b"")        # leaves no trace but in the queue
@@ -321,12 +307,11 @@ class Daemon:
     def output(self):
         return (self.directory / "out").read_text(errors="replace")
 
-    def log(self, *tags, text=None):
-        """The log as "[INFO] text", of some tags only if given. Lines without stamp stand as they are, empty ones
-        do not, nor does the wait that a stop interrupts or not. DIR, QOS and VOICE stand for what differs from run to
-        run: the directory and the ports."""
+    def log(self):
+        """The log as "[INFO] text". Lines without stamp stand as they are, empty ones do not, nor does the wait that
+        a stop interrupts or not. DIR, QOS and VOICE stand for the directory and the ports."""
         entries = []
-        for row in (self.output() if text is None else text).splitlines():
+        for row in self.output().splitlines():
             match = LOG_LINE.fullmatch(row)
             if match:
                 entries.append(f"{match[1].strip()} {match[2]}")
@@ -336,8 +321,7 @@ class Daemon:
                 entries.append(row)
         for value, name in ((self.directory, "DIR"), (self.port, "QOS"), (self.port + 1, "VOICE")):
             entries = [re.sub(rf"(?<!\d){value}(?!\d)", name, entry) for entry in entries]
-        return [entry for entry in entries if "NetReceiver select() failed" not in entry and (
-            not tags or entry.split("]")[0][1:] in tags)]
+        return [entry for entry in entries if "NetReceiver select() failed" not in entry]
 
     def logged(self, entry, seconds=30):
         """Waits until this text stands in the log."""
@@ -364,11 +348,9 @@ class Daemon:
         return found
 
     def passes(self, thread, count=3):
-        """Waits until the threads of which this is the name, or its start, have paused so many times more.
-        Returns the seconds that it took."""
-        begun, before = time.monotonic(), self.pauses()
+        """Waits until the threads of which this is the name, or its start, have paused so many times more."""
+        before = self.pauses()
         wait_for(lambda: all(now >= before[name] + count for name, now in self.pauses().items() if thread in name), 60)
-        return time.monotonic() - begun
 
 
 @pytest.fixture
@@ -392,9 +374,3 @@ def start(tmp_path):
     yield run
     for daemon in daemons:
         daemon.kill()
-
-
-@pytest.fixture
-def daemon(start):
-    """A daemon that says all it does but the datagrams themselves."""
-    return start(log__default=2, log__network=2, log__http=2)

@@ -168,7 +168,7 @@ def test_live(start, web):
     daemon = start(elastic_url=web.url, serial="ABC12")
     config = daemon.directory / "voxstat.cfg"
     daemon.process.send_signal(signal.SIGSTOP)
-    wait_for(lambda: daemon.send(report()) or daemon.sockets()[0][2] == 3, what="for drops")
+    wait_for(lambda: daemon.send(report()) or daemon.sockets()[0][1] == 3, what="for drops")
     daemon.process.send_signal(signal.SIGCONT)
     daemon.send_voice(voice_record(length=500))
     daemon.logged("curl_easy_perform failed")

@@ -36,7 +36,7 @@ def test_soak(start, web):
             web.requests.clear()
             samples.append(use(daemon))
     web.speaks.set()
-    assert sum(dropped for _, _, dropped in daemon.sockets()) == 0      # by the kernel, at a full socket
+    assert sum(dropped for _, dropped in daemon.sockets()) == 0      # by the kernel, at a full socket
     daemon.stop()
     warm, late = samples[SECONDS // 4:SECONDS // 2], samples[3 * SECONDS // 4:]
     # The allocator keeps a little; a connection to the server is open now and then.

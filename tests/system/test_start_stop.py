@@ -1,34 +1,54 @@
-"""Starts and stops that are out of the ordinary."""
+"""The command line, and what starts and stops the daemon, or must not stop it."""
 import signal
-import socket
-import sys
+import subprocess
 
 import pytest
 
-from conftest import HEADERS, Daemon, free_ports, line, report, wait_for
+from conftest import VOXSTAT, Daemon, free_ports, report, wait_for
 
-SERIAL_NUMBERS = [  # the file, what is said, what stands in the lines
-    (None, ["[WARN] Caught an exception: Failed to open config file: DIR/sn"], "0"),
-    ("serial: AB12\n", ["[INFO] Serial Number: AB12"], "AB12"),
-    ("number: 5\n", ["[INFO] Serial Number is not defined."], "0"),
-    ("serial = X\n", ["[INFO] KeyValueParser::parseLine ignoring invalid line: serial = X",
-                      "[INFO] Serial Number is not defined."], "0"),
-]
+USAGE = "Usage: voxstat [-f <filename>]\nIf filename is missing then default voxstat.cfg is assumed.\n"
 
 
-@pytest.mark.parametrize("text, said, serial", SERIAL_NUMBERS)
-def test_serial_number(start, tmp_path, text, said, serial):
-    if text:
-        (tmp_path / "sn").write_text(text)
-    daemon = start(tmp_path, log__default=2)
+@pytest.mark.parametrize("arguments, reason", [     # what stands before the usage text
+    ("", "Failed to open config file: voxstat.cfg\n"),
+    ("-f none", "Failed to open config file: none\n"),
+    ("-f", ""), ("good.cfg", ""), ("-F good.cfg", ""), ("-f good.cfg extra", ""),
+])
+def test_usage(tmp_path, arguments, reason):
+    (tmp_path / "good.cfg").write_text(f"qos_port = {free_ports()}\nqos_stat_dir = {tmp_path}/stat\n")
+    end = subprocess.run([VOXSTAT, *arguments.split()], cwd=tmp_path, capture_output=True, text=True, timeout=60)
+    assert (end.returncode, end.stdout, end.stderr) == (0, reason + USAGE, "")
+
+
+@pytest.mark.parametrize("descriptors", ["<&- >&- 2>&-", "> >(exec true)"])
+def test_descriptors_that_lead_nowhere(start, descriptors):
+    """Closed by a supervisor, or a pipe that nobody reads. This configuration is named; all others are the default."""
+    daemon = start(launch=["bash", "-c", f'exec "$@" -f ./voxstat.cfg {descriptors}', "bash"], log__default=4)
     daemon.send(report())
     daemon.stop()
-    assert daemon.log()[1:1 + len(said)] == said
-    assert daemon.text() == HEADERS["QoS_Stat.txt"] + line(SERIAL_NUM=serial)
+    assert daemon.text().count("\n") == 2
 
 
-def test_further_signals_change_nothing(start, web):
-    daemon = start(elastic_url=web.url, log__default=2, log__network=2)
+def test_limit_of_the_file_size(start, tmp_path):
+    """As on a full disk: the write is refused, and the signal that comes with it ends nothing."""
+    (tmp_path / "stat").mkdir()
+    (tmp_path / "stat/QoS_Stat.txt").write_bytes(b"x" * 100000)
+    daemon = start(tmp_path, launch=["prlimit", "--fsize=100000"], log__default=4)
+    daemon.send(report())
+    daemon.logged("[DEBUG] File too large (27) on writing to file DIR/stat/QoS_Stat.txt")
+    daemon.stop()
+
+
+def test_port_that_is_taken(start, tmp_path):
+    second = Daemon(tmp_path, port=start().port)
+    second.wait()
+    assert second.log() == ["[ERROR] NetReceiver() unable to bind to port: QOS(errno: 98)",
+                            "[ERROR] Caught an exception: NetReceiver() fatal error..."]
+
+
+def test_further_signals_change_nothing(start, tmp_path, web):
+    (tmp_path / "sn").write_text("number: 5\n")
+    daemon = start(tmp_path, elastic_url=web.url, log__default=2)
     web.speaks.clear()
     daemon.send(report())
     wait_for(lambda: web.requests)      # the stop waits for the answer
@@ -38,36 +58,5 @@ def test_further_signals_change_nothing(start, web):
     assert daemon.process.poll() is None
     web.speaks.set()
     daemon.wait()
-    entries = daemon.log("INFO")
-    assert len(entries) == len(set(entries)) and entries[-2] == "[INFO] Terminating application..."
-
-
-BLOCKING_PARENT = """
-import os, signal, sys
-signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT])
-os.execv(sys.argv[1], sys.argv[1:])
-"""
-
-
-@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT])
-def test_parent_that_blocks_the_stop_signals(start, number):
-    daemon = start(launch=[sys.executable, "-c", BLOCKING_PARENT])
-    daemon.stop(number)
-
-
-@pytest.mark.parametrize("taken", [0, 1])
-def test_port_that_is_taken(tmp_path, taken):
-    port = free_ports()
-    with socket.socket(type=socket.SOCK_DGRAM) as other:
-        other.bind(("", port + taken))
-        daemon = Daemon(tmp_path, port=port, log__default=0, log__network=0)
-        daemon.wait()
-    assert daemon.log() == [f"[ERROR] NetReceiver() unable to bind to port: {('QOS', 'VOICE')[taken]}(errno: 98)",
-                            "[ERROR] Caught an exception: NetReceiver() fatal error..."]
-
-
-def test_without_standard_descriptors(start):
-    daemon = start(launch=["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh"], log__default=4)
-    daemon.send(report(RTCP_CNAME="x"))
-    daemon.stop()
-    assert daemon.text() == HEADERS["QoS_Stat.txt"] + line(RTCP_CNAME="x")
+    entries = daemon.log()
+    assert len(entries) == len(set(entries)) and entries[0] == "[INFO] Serial Number is not defined."
