@@ -341,8 +341,7 @@ class Daemon:
     def pauses(self):
         """How often each thread has waited since its start, by its name."""
         found = {}
-        # The main thread comes last, since a sanitizer's own thread bears the same name.
-        for task in sorted(glob.glob(f"/proc/{self.process.pid}/task/*"), key=lambda task: task.endswith(f"/{self.process.pid}")):
+        for task in glob.glob(f"/proc/{self.process.pid}/task/*"):
             waits = re.search(r"\nvoluntary_ctxt_switches:\s*(\d+)", Path(task, "status").read_text())
             found[Path(task, "comm").read_text().strip()] = int(waits[1])
         return found
