@@ -34,9 +34,9 @@ def test_defaults(start, tmp_path):
     assert daemon.output() == "Initialized logging. File name: /var/log/current/d.log\n"
     daemon.output = (tmp_path / "log/current/d.log").read_text
     said = daemon.log()
-    assert said[:2] == ["[WARN] Empty URL value for WebClient. HTTP reporting is unavailable.",
-                        "[INFO] Serial Number: 4711"]
-    assert "[WARN] ignoring unknown key: key" in said and said[-1] == "[INFO] Terminating SimpleLogger thread..."
+    assert said[0] == "[WARN] Empty URL value for WebClient. HTTP reporting is unavailable."
+    assert {"[INFO] Serial Number: 4711", "[WARN] ignoring unknown key: key"} < set(said)
+    assert said[-1] == "[INFO] Terminating SimpleLogger thread..."
     assert daemon.text() == HEADERS["QoS_Stat.txt"] + line(SERIAL_NUM="4711")
     assert daemon.text(SUMMARY) == HEADERS[SUMMARY] + line("QOS_EOS_NEAREND", SERIAL_NUM="4711")
     assert daemon.dump() == PCAP_HEADER + pcap_record(voice_record(b"rtp"))
