@@ -52,7 +52,7 @@ MISTAKES = [    # a line, from the fourth on; how what is said of it begins
     ("log.http = 2",),
     ("log.http = 7 # all", "warning: log.http stands in line 10 too",
      "error: log.http = 7 counts as 1; write a number, 0 to 4"),
-    ("max_buf_timeout_rtp = -1s", "error: max_buf_timeout_rtp = -1s is read as -1, which writes the dump in many small"),
+    ("max_buf_timeout_rtp = -1s", "error: max_buf_timeout_rtp = -1s is read as -1, which writes the dump in many"),
     ("max_length_per_sec_rtp = 1023", "warning: the buffer of the dump is full with one record"),
     ("rtp_dump_file_name = a/b", "error: rtp_dump_file_name = a/b holds a '/'"),
     ('qos_file_name = "Stat"', "error: the quotes become part of the value"),
@@ -60,7 +60,7 @@ MISTAKES = [    # a line, from the fourth on; how what is said of it begins
      "error: lines end in a carriage return, which becomes part of a name",
      "error: reports and summaries would share one file"),
     ("elastic_url = http://me:secret@h/_bulk#b", "warning: a '#' starts a comment",
-     "error: elastic_url leads to a bulk", "warning: the log shows the credentials", "warning: everybody can read the credentials"),
+     "error: elastic_url leads to a bulk", "warning: the log shows the credentials", "warning: everybody can read"),
 ]
 
 
