@@ -3,7 +3,6 @@
 The model computes what a report or a voice record should look like in the files. It shares no code with
 the daemon. Everything runs on free ports and below a temporary directory that goes with the test.
 """
-import glob
 import json
 import os
 import random
@@ -123,41 +122,41 @@ def pcap_record(record):
 
 # --- the web server -----------------------------------------------------------------------------
 
-class Recorder:
+class Recorder(ThreadingHTTPServer):
     """A web server that notes every request. Its answers can be changed at any time."""
 
-    def __init__(self):
-        recorder = self
+    daemon_threads, block_on_close = True, False
+    status = 200
+    closing = False     # ends the connection without an answer
 
-        class Handler(BaseHTTPRequestHandler):
-            protocol_version = "HTTP/1.1"
+    class Handler(BaseHTTPRequestHandler):
+        protocol_version = "HTTP/1.1"
 
-            def do_POST(self):
-                body = self.rfile.read(int(self.headers["Content-Length"])).decode()
-                recorder.requests.append((self.path, self.headers, body))
-                recorder.speaks.wait(60)
-                if recorder.closing:
-                    self.close_connection = True
-                    return
-                self.send_response(recorder.status)
+        def do_POST(self):
+            body = self.rfile.read(int(self.headers["Content-Length"])).decode()
+            self.server.requests.append((self.path, self.headers, body))
+            self.server.speaks.wait(60)
+            if self.server.closing:
+                self.close_connection = True
+            else:
+                self.send_response(self.server.status)
                 self.send_header("Content-Length", "2")
                 self.end_headers()
                 self.wfile.write(b"{}")
 
-            def log_message(self, *_):
-                pass
+        def log_message(self, *_):
+            pass
 
+    def __init__(self):
+        super().__init__(("127.0.0.1", 0), self.Handler)
+        self.url = f"http://127.0.0.1:{self.server_port}/qos"
         self.requests = []              # (path, headers, body)
-        self.status = 200
-        self.closing = False            # ends the connection without an answer
         self.speaks = threading.Event()     # cleared, it takes requests and is silent
         self.speaks.set()
-        self.server = ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        self.server.daemon_threads = True
-        self.server.block_on_close = False
-        self.server.handle_error = lambda *_: None      # the daemon was killed
-        self.url = f"http://127.0.0.1:{self.server.server_port}/qos"
-        threading.Thread(target=self.server.serve_forever, args=(0.05,), daemon=True).start()
+        threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
+
+    def handle_error(self, *_):     # the daemon was killed
+        pass
 
     def lines(self):
         """Each statistics line posted, with a line feed as in the files."""
@@ -165,8 +164,8 @@ class Recorder:
 
     def close(self):
         self.speaks.set()
-        self.server.shutdown()
-        self.server.server_close()
+        self.shutdown()
+        self.server_close()
 
 
 @pytest.fixture
@@ -176,37 +175,9 @@ def web():
     recorder.close()
 
 
-# --- the clock ----------------------------------------------------------------------------------
-
-class Clock:
-    """The time of day that a daemon sees which was started with launch=clock.launch."""
-
-    def __init__(self, library, path):
-        self.path = path
-        self.launch = ["env", f"LD_PRELOAD={library}", f"FAKETIME_TIMESTAMP_FILE={path}", "FAKETIME_NO_CACHE=1",
-                       "FAKETIME_DONT_FAKE_MONOTONIC=1", "NO_FAKE_STAT=1"]
-        self.set("+0")
-
-    def set(self, moment):
-        """Such as "+300" (seconds ahead); a number is the second at which the clock stands still."""
-        if isinstance(moment, int):
-            moment = time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(moment))
-        self.path.with_suffix(".new").write_text(moment + "\n")
-        os.replace(self.path.with_suffix(".new"), self.path)
-
-
-@pytest.fixture
-def clock(tmp_path):
-    libraries = glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
-    if SANITIZERS or not libraries:
-        pytest.skip("the sanitizers and libfaketime exclude each other" if SANITIZERS else "no libfaketime")
-    return Clock(libraries[0], tmp_path / "clock")
-
-
 # --- the daemon ---------------------------------------------------------------------------------
 
-LOG_LINE = re.compile(r"[A-Z][a-z]{2}-\d\d \d\d:\d\d:\d\d\.\d{3}  "
-                      r"(\[ERROR\]|\[TRACE\]|\[DEBUG\]| \[WARN\]| \[INFO\]) \[0x[0-9a-f]{1,6}\] (.*)")
+STAMP = re.compile(r"^[A-Z][a-z]{2}-\d\d \d\d:\d\d:\d\d\.\d{3} {2,3}(\[[A-Z]+\]) \[0x[0-9a-f]{1,6}\]", re.M)
 
 
 def free_ports():
@@ -225,10 +196,11 @@ def free_ports():
 class Daemon:
     """One run of the daemon. Its statistics stand in directory/stat, its output in directory/out.
 
-    A setting's "__" stands for the point of its key: log__default=2. None leaves a setting out.
+    A setting's "__" stands for the point of its key: log__default=2. None leaves a setting out. The program runs
+    by the words of launch, such as ["env", "TZ=UTC"].
     """
 
-    def __init__(self, directory, launch=(), serial=None, port=None, **settings):
+    def __init__(self, directory, launch=(), program=None, serial=None, port=None, **settings):
         self.directory = directory
         self.stat = directory / "stat"
         self.port = port or free_ports()
@@ -239,8 +211,8 @@ class Daemon:
             f"{key.replace('__', '.')} = {value}\n" for key, value in settings.items() if value is not None))
         with open(directory / "out", "wb") as out, open(directory / "err", "wb") as err:
             # A test that is killed takes its daemon with it.
-            self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *launch, VOXSTAT], cwd=directory,
-                                            stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+            self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *launch, program or VOXSTAT],
+                                            cwd=directory, stdin=subprocess.DEVNULL, stdout=out, stderr=err)
 
     # Starting and stopping.
 
@@ -308,20 +280,13 @@ class Daemon:
         return (self.directory / "out").read_text(errors="replace")
 
     def log(self):
-        """The log as "[INFO] text". Lines without stamp stand as they are, empty ones do not, nor does the wait that
-        a stop interrupts or not. DIR, QOS and VOICE stand for the directory and the ports."""
-        entries = []
-        for row in self.output().splitlines():
-            match = LOG_LINE.fullmatch(row)
-            if match:
-                entries.append(f"{match[1].strip()} {match[2]}")
-            elif row and entries and entries[-1].startswith("[DEBUG]"):
-                entries[-1] += "\n" + row
-            elif row:
-                entries.append(row)
+        """The log as "[INFO] text", without empty lines and the wait that a stop interrupts or not. DIR, QOS and VOICE
+        stand for the directory and the ports. Text without a stamp goes on with the message before it."""
+        text = self.output()
         for value, name in ((self.directory, "DIR"), (self.port, "QOS"), (self.port + 1, "VOICE")):
-            entries = [re.sub(rf"(?<!\d){value}(?!\d)", name, entry) for entry in entries]
-        return [entry for entry in entries if "NetReceiver select() failed" not in entry]
+            text = re.sub(rf"(?<!\d){value}(?!\d)", name, text)
+        entries = STAMP.sub("\0\\1", re.sub("\n+", "\n", text)).split("\0")
+        return [entry.strip("\n") for entry in entries if entry and "NetReceiver select() failed" not in entry]
 
     def logged(self, entry, seconds=30):
         """Waits until this text stands in the log."""
@@ -337,19 +302,6 @@ class Daemon:
 
     def dump(self):
         return self.read("RTP_Streams_No_Voice.pcap")
-
-    def pauses(self):
-        """How often each thread has waited since its start, by its name."""
-        found = {}
-        for task in glob.glob(f"/proc/{self.process.pid}/task/*"):
-            waits = re.search(r"\nvoluntary_ctxt_switches:\s*(\d+)", Path(task, "status").read_text())
-            found[Path(task, "comm").read_text().strip()] = int(waits[1])
-        return found
-
-    def passes(self, thread, count=3):
-        """Waits until the threads of which this is the name, or its start, have paused so many times more."""
-        before = self.pauses()
-        wait_for(lambda: all(now >= before[name] + count for name, now in self.pauses().items() if thread in name), 60)
 
 
 @pytest.fixture

@@ -1,15 +1,7 @@
-"""The batches that are posted: their form, and when they are due."""
+"""The batches that are posted, their form, and what the web client says of them."""
 import re
 
 from conftest import batch, line, report, wait_for
-
-START = 1700000000
-
-
-def row(name, size=0):
-    """A line's name with which its JSON takes so many bytes."""
-    return name + "-" * max(0, size - len(batch([line(RTCP_CNAME=name)])) + 4)
-
 
 def web_log(daemon):
     """What the web client says by itself, without libcurl's trace and the addresses of handles."""
@@ -36,26 +28,6 @@ def test_first_line_goes_at_once(start, web):
         *["[INFO] Terminating WebClient thread..."] * 5,
         f"[INFO] WebClient stat: Lines Sent=1; Bytes Sent={len(body)}"]
     assert "[DEBUG] WebClient::WC_Write() new event: " + body[2:-2] in daemon.log()
-
-
-def test_when_a_batch_is_due(start, web, clock):
-    clock.set(START)
-    daemon = start(elastic_url=web.url, launch=clock.launch)
-    ten = [row(f"{i}", 920) for i in range(10)]
-    lines = [[row("first")], [row("a"), row("b")], [*ten, row("c", 1019)], [*ten, row("d", 1020)]]
-    for number, names in enumerate(lines):
-        daemon.send(*(report(RTCP_CNAME=name) for name in names))
-        if number in (1, 2):    # too few bytes, and too early for them
-            clock.set(START + 6 * number - 1)
-            wait_for(daemon.drained)
-            daemon.passes("QoS_Web")
-            assert len(web.requests) == number
-            clock.set(START + 6 * number)
-        wait_for(lambda: len(web.requests) > number)
-    assert [body for _, _, body in web.requests] == [
-        batch(line(RTCP_CNAME=name) for name in names) for names in lines]
-    assert len(batch(line(RTCP_CNAME=name) for name in lines[3])) == 10240 + 4
-    daemon.stop()
 
 
 def test_everything_once_and_in_order(start, web):

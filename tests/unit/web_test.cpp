@@ -41,6 +41,37 @@ TEST(WebClient, SetsItsHandlesUp)
     EXPECT_EQ(0, options[CURLOPT_FAILONERROR]);
 }
 
+TEST(WebClient, SendsWhatIsDue)
+{
+    LogCapture log;
+    stop_the_clock();
+    WebClient client = idle_client("http://127.0.0.1:1/");
+    faults.arm("curl_easy_perform", 1, 7, true);
+    const auto write = [&client](std::size_t size, int times = 1) {
+        QoSPacket packet = report(size);
+        for (int i = 0; i < times; i++)
+            client.WC_Write(&packet);
+    };
+    const auto sends = [&client](long seconds) {
+        faults.clock_shift += seconds;
+        const int before = faults.calls("curl_easy_perform");
+        client.wc_perform();
+        return faults.calls("curl_easy_perform") - before;
+    };
+    write(200);
+    EXPECT_EQ(1, sends(0));
+    EXPECT_EQ(0, sends(6));
+    write(200);
+    EXPECT_EQ(1, sends(0));
+    write(1023);
+    write(1022, 9);
+    EXPECT_EQ(0, sends(5));
+    EXPECT_EQ(1, sends(1));  // by age
+    write(1024);
+    write(1022, 9);
+    EXPECT_EQ(1, sends(0));  // by size: 10240 bytes
+}
+
 TEST(WebClient, OutlivesTransmissionsThatFail)
 {
     LogCapture log;
