@@ -6,16 +6,18 @@ const SILENT_AFTER_S = 600;     // two heartbeats missed
 const KNOWN_FOR_S = 86400;      // a unit is forgotten a day after its last heartbeat
 const REFRESH_MS = 60000;
 const STEPS = 90;               // points of a curve over the chosen time
+const TIME_STEPS_S = [1, 5, 15, 60, 300, 900, 3600, 14400, 86400];    // between the marks of a time axis
 
 const element = id => document.getElementById(id);
+const create = (tag, properties) => Object.assign(document.createElement(tag), properties);
 const msPerUnit = () => Number(element("unit").value);
-const color = name => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
 const number = (value, digits = 1) => Number(value).toLocaleString(undefined, {maximumFractionDigits: digits});
+const percent = value => number(value, 2);
 const moment = seconds => seconds ? new Date(seconds * 1000).toLocaleString(undefined,
     {dateStyle: "short", timeStyle: "medium"}) : "never";
 const delay = value => number(value * (msPerUnit() || 1));
 const delayUnit = () => msPerUnit() ? "ms" : "as reported";
-const opinion = value => msPerUnit() ? number(value, 2) : "–";
+const opinion = value => msPerUnit() ? percent(value) : "–";
 
 function chosenTime() {
     const period = element("period").value;
@@ -26,6 +28,7 @@ function chosenTime() {
     return {from: seconds("from") || 0, to: seconds("to") || now};
 }
 
+// The rows of a query's answer, and how many there are without its limit.
 async function ask(query, parameters) {
     let answer, text;
     try {
@@ -37,47 +40,72 @@ async function ask(query, parameters) {
     }
     if (answer.ok) {
         try {
-            return JSON.parse(text).data;
+            const {data, rows_before_limit_at_least: total = data.length} = JSON.parse(text);
+            return [data, total];
         } catch {
-            throw new Error(`${query}: ${text.slice(-1000)}`);  // the engine failed on the way
+            throw new Error(text.slice(-1000));     // the engine failed on the way
         }
     }
     if (text.startsWith("<"))   // the gateway's own page
         text = answer.status === 429 ? "Too many queries from here." : "No engine answers the gateway.";
-    throw new Error(`${query}: ${answer.status} ${text}`);
+    throw new Error(`${answer.status} ${text.replace(/\s+/g, " ")}`);
 }
 
-function showError(error) {
-    element("error").hidden = !error;
-    element("error").textContent = error ? error.message : "";
-}
+// Of each query: how often it was asked, when its part of the page was drawn, and why it failed if it did.
+const parts = {};
 
-// Charts, which are drawn anew with each change.
-const drawn = new Map();
-
-function timeLabel(seconds, span) {
-    const options = span > 172800 ? {month: "short", day: "numeric"} :
-        {hour: "2-digit", minute: "2-digit", ...(span < 600 ? {second: "2-digit"} : {})};
-    return new Date(seconds * 1000).toLocaleString(undefined, options);
-}
-
-// curves: [label, colour, dashes, points]
-function drawChart(place, title, curves, {from, to}, range = {min: 0}) {
-    let box = place.querySelector(`[data-title="${title}"]`);
-    if (!box) {
-        box = document.createElement("div");
-        box.className = "chart";
-        box.dataset.title = title;
-        box.append(document.createElement("canvas"));
-        place.append(box);
+// Asks, and draws the answer unless the query was asked again meanwhile. When it fails, its part of the page stays and
+// says how old it is.
+async function show(query, parameters, draw) {
+    const part = parts[query] ??= {asked: 0}, turn = ++part.asked;
+    let failure;
+    try {
+        const answer = await ask(query, parameters);
+        if (turn === part.asked) {
+            draw(...answer);
+            part.drawn = Date.now() / 1000;
+        }
+    } catch (error) {
+        failure = error.message;
     }
-    box.hidden = false;
-    drawn.get(box)?.destroy();
-    const canvas = box.firstChild;
+    if (turn !== part.asked)
+        return;
+    part.failure = failure;
+    for (const place of document.querySelectorAll(`[data-query=${query}]`)) {
+        place.classList.toggle("stale", Boolean(failure));
+        place.style.setProperty("--age", part.drawn ? `" (of ${moment(part.drawn)})"` : '" (not read yet)"');
+    }
+    showFailures();
+}
+
+function showFailures() {
+    const failed = Object.entries(parts).filter(([, {failure}]) => failure);
+    const text = failed.length && [`Not up to date: ${failed.map(([query]) => query.replace("_", " ")).join(", ")}.`,
+        ...new Set(failed.map(([, {failure}]) => failure))].join("\n");
+    element("error").hidden = !text;
+    if (text && element("error").textContent !== text)      // else it would be read out again
+        element("error").textContent = text;
+}
+
+// Charts. A chart: [title, curves, range of the values]; a curve: [label, colour, dashes, points].
+function drawCharts(place, charts, time) {
+    for (const canvas of place.querySelectorAll("canvas"))
+        Chart.getChart(canvas)?.destroy();
+    place.replaceChildren();
+    for (const chart of charts) {
+        const box = create("div", {className: "chart"});
+        place.append(box);
+        drawChart(box.appendChild(document.createElement("canvas")), ...chart, time);
+    }
+}
+
+function drawChart(canvas, title, curves, range, {from, to}) {
+    const color = name => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
+    const grid = {color: color("--line")}, ticks = {color: color("--dim"), maxRotation: 0};
+    const stepSize = TIME_STEPS_S.find(step => to - from <= 7 * step);
     canvas.setAttribute("role", "img");
     canvas.setAttribute("aria-label", title);
-    const grid = {color: color("--line")}, ticks = {color: color("--dim"), maxTicksLimit: 6, maxRotation: 0};
-    drawn.set(box, new Chart(canvas, {
+    new Chart(canvas, {
         type: "line",
         data: {datasets: curves.map(([label, hue, borderDash, data]) => ({
             label, data, borderDash, borderColor: color(hue), backgroundColor: color(hue), borderWidth: 2,
@@ -87,148 +115,169 @@ function drawChart(place, title, curves, {from, to}, range = {min: 0}) {
             interaction: {mode: "nearest", axis: "x", intersect: false},
             scales: {
                 x: {type: "linear", min: from, max: to, grid,
-                    ticks: {...ticks, callback: value => timeLabel(value, to - from)}},
-                y: {...range, grace: "5%", grid, ticks}},
+                    ticks: {...ticks, stepSize, includeBounds: false, callback: value => timeLabel(value, to - from)}},
+                y: {...range, grace: "5%", grid, ticks: {...ticks, maxTicksLimit: 6}}},
             plugins: {
                 title: {display: true, text: title, color: color("--text"), align: "start"},
                 legend: {display: curves.length > 1, align: "start",
                     labels: {color: color("--dim"), boxHeight: 0, boxWidth: 24}},
-                tooltip: {callbacks: {title: items => moment(items[0].parsed.x)}}}}}));
+                tooltip: {callbacks: {title: items => moment(items[0].parsed.x)}}}}});
 }
 
-const points = (rows, column, scale = 1) => rows.map(row => ({x: row.t, y: row[column] * scale}));
+function timeLabel(seconds, span) {
+    return new Date(seconds * 1000).toLocaleString(undefined, {
+        ...(span > 86400 ? {month: "short", day: "numeric"} : {}), hour: "2-digit", minute: "2-digit",
+        ...(span < 420 ? {second: "2-digit"} : {})});
+}
+
+const points = (rows, column, factor = 1) => rows.map(row => ({x: row.t, y: row[column] * factor}));
+
+// The charts of a fleet and of a call; curves(column, factor) gives the curves of one.
+const charts = curves => [["Loss (%)", curves("loss", 1), {min: 0}],
+    [`Jitter (${delayUnit()})`, curves("jitter", msPerUnit() || 1), {min: 0}],
+    [`Round trip (${delayUnit()})`, curves("rtt", msPerUnit() || 1), {min: 0}]];
 
 function showTrend(rows, time) {
-    const place = element("trend"), scale = msPerUnit() || 1;
-    const pair = (name, factor) => [["mean", "--one", [], points(rows, `${name}_mean`, factor)],
-        ["95 % are below", "--two", [4, 4], points(rows, `${name}_p95`, factor)]];
-    drawChart(place, "Loss (%)", pair("loss", 1), time);
-    drawChart(place, `Jitter (${delayUnit()})`, pair("jitter", scale), time);
-    drawChart(place, `Round trip (${delayUnit()})`, pair("rtt", scale), time);
-    drawChart(place, "Estimated MOS", [["mean", "--one", [], points(rows, "mos")]], time, {min: 1, max: 4.5});
-    for (const box of place.children) {
-        const other = msPerUnit() ? "as reported" : "ms";
-        box.hidden = box.dataset.title.includes(`(${other})`) || (!msPerUnit() && box.dataset.title.includes("MOS"));
-    }
+    const pair = (column, factor) => [["mean", "--one", [], points(rows, `${column}_mean`, factor)],
+        ["95 % are below", "--two", [4, 4], points(rows, `${column}_p95`, factor)]];
+    const mos = ["Estimated MOS", [["mean", "--one", [], points(rows, "mos")]], {min: 1, max: 4.5}];
+    drawCharts(element("trend"), msPerUnit() ? [...charts(pair), mos] : charts(pair), time);
+
+    const reports = rows.reduce((sum, row) => sum + row.reports, 0);
+    const mean = (column, form) =>
+        reports ? form(rows.reduce((sum, row) => sum + row[column] * row.reports, 0) / reports) : "–";
+    const unit = msPerUnit() ? " ms" : "";
+    element("mean-loss").textContent = mean("loss_mean", value => `${percent(value)} %`);
+    element("mean-jitter").textContent = mean("jitter_mean", value => delay(value) + unit);
+    element("mean-rtt").textContent = mean("rtt_mean", value => delay(value) + unit);
+    element("mean-mos").textContent = mean("mos", opinion);
 }
 
-function showTiles(reporting, silent, trend) {
-    const mean = column => trend.reduce((sum, row) => sum + row[column] * row.reports, 0) /
-        trend.reduce((sum, row) => sum + row.reports, 0);
-    const values = trend.length ? {loss: number(mean("loss_mean"), 2) + " %", jitter: delay(mean("jitter_mean")),
-        rtt: delay(mean("rtt_mean")), mos: opinion(mean("mos"))} : {loss: "–", jitter: "–", rtt: "–", mos: "–"};
-    const tiles = [[number(reporting.units), "units report"], [number(silent.length), "silent units", silent.length > 0],
-        [number(reporting.calls), "calls"], [number(reporting.reports), "reports"], [values.loss, "mean loss"],
-        [values.jitter, `mean jitter, ${delayUnit()}`], [values.rtt, `mean round trip, ${delayUnit()}`],
-        [values.mos, "estimated MOS"]];
-    element("tiles").replaceChildren(...tiles.map(([value, name, alarm]) => {
-        const tile = document.createElement("div"), strong = document.createElement("b");
-        tile.className = "tile";
-        strong.textContent = value;
-        strong.classList.toggle("alarm", Boolean(alarm));
-        const label = document.createElement("span");
-        label.textContent = name;
-        tile.append(strong, label);
-        return tile;
-    }));
+function showTotals([totals = {units: 0, calls: 0, reports: 0}]) {
+    for (const [name, value] of Object.entries(totals))
+        element(`${name}-count`).textContent = number(value);
 }
 
-// Tables. A column: [key, title, form of a value (without one it is text)]; chosen: what a row opens.
+// Tables. A column: [key, title, form of a value (without one it is text)]; choose: what a click on a row does.
 const order = {calls: ["mos", 1], silent: ["last_heartbeat", 1], units: ["loss_mean", -1]};
 
-function showTable(id, columns, rows, caption, chosen) {
-    const table = element(id), [key, sign] = order[id];
-    const sorted = [...rows].sort((a, b) => sign * (typeof a[key] === "number" ? a[key] - b[key] :
-        a[key].localeCompare(b[key])));
-    const head = document.createElement("tr");
+function showTable(id, columns, rows, caption, choose) {
+    const table = element(id), [key, sign] = order[id], focused = document.activeElement;
+    const again = () => showTable(id, columns, rows, caption, choose);
+    const cell = (tag, form, content, properties) => {
+        const made = create(tag, {className: form ? "" : "text", ...properties});
+        made.append(content);
+        return made;
+    };
+    const head = create("tr"), body = create("tbody");
     for (const [column, title, form] of columns) {
-        const cell = document.createElement("th"), button = document.createElement("button");
-        cell.scope = "col";
-        cell.className = form ? "" : "text";
-        if (column === key)
-            cell.setAttribute("aria-sort", sign > 0 ? "ascending" : "descending");
-        button.textContent = title;
+        const button = create("button", {textContent: title, value: column});
         button.addEventListener("click", () => {
             order[id] = [column, column === key ? -sign : form ? -1 : 1];
-            showTable(id, columns, rows, caption, chosen);
-            [...table.querySelectorAll("th button")].find(other => other.textContent === title).focus();
+            again();
         });
-        cell.append(button);
-        head.append(cell);
+        const made = cell("th", form, button, {scope: "col"});
+        if (column === key)
+            made.setAttribute("aria-sort", sign > 0 ? "ascending" : "descending");
+        head.append(made);
     }
-    const body = document.createElement("tbody");
-    for (const row of sorted) {
+    const compare = (a, b) => typeof a === "number" ? a - b : a.localeCompare(b);
+    for (const row of [...rows].sort((a, b) => sign * compare(a[key], b[key]))) {
         const line = body.insertRow();
         for (const [column, , form] of columns) {
-            const cell = line.insertCell(), text = form ? form(row[column]) : row[column];
-            cell.className = form ? "" : "text";
-            if (chosen && column === columns[0][0]) {
-                const button = document.createElement("button");
-                button.textContent = text || "(none)";
-                cell.append(button);
-            } else {
-                cell.textContent = cell.title = text;
-            }
+            const text = form ? form(row[column]) : row[column], opens = choose && column === columns[0][0];
+            const content = opens ? create("button", {textContent: text || "(none)", value: row.key}) : text;
+            line.append(cell("td", form, content, {title: text}));
         }
-        if (chosen)
-            line.addEventListener("click", () => chosen(row, line));
-    }
-    table.replaceChildren(table.createTHead(), body);
-    table.tHead.replaceChildren(head);
-    table.createCaption().textContent = rows.length ? caption : "None.";
-}
-
-let open = null;    // the call whose curves are shown
-
-async function showCall(row) {
-    open = row;
-    const margin = Math.max(5, (row.until - row.since) * 0.02);
-    const time = {from: Math.floor(row.since - margin), to: Math.ceil(row.until + margin)};
-    const rows = await ask("call", {...time, sn: row.sn_hex, name: row.name_hex, gcid: row.gcid_hex});
-    const section = element("call"), place = section.querySelector(".charts"), scale = msPerUnit() || 1;
-    section.hidden = false;
-    section.querySelector("h2").textContent = `Call ${row.call || "(none)"} of unit ${row.unit} ${row.rtcp_name}`;
-    section.querySelector("p").textContent = `${moment(row.since)} to ${moment(row.until)}, ${rows.length} reports, ` +
-        `far end ${[...new Set(rows.map(report => report.far_end))].join(", ")}`;
-    const ends = (column, factor) => [["near end", "--one", []], ["far end", "--two", [6, 3]]].map(
-        ([label, hue, dash]) => [label, hue, dash,
-            points(rows.filter(report => report.type === label.replace(" ", "_")), column, factor)]);
-    place.replaceChildren();
-    drawChart(place, "Loss (%)", ends("loss", 1), time);
-    drawChart(place, `Jitter (${delayUnit()})`, ends("jitter", scale), time);
-    drawChart(place, `Round trip (${delayUnit()})`, ends("rtt", scale), time);
-}
-
-async function refresh() {
-    const time = chosenTime(), ms = msPerUnit();
-    try {
-        const step = Math.max(1, Math.ceil((time.to - time.from) / STEPS));
-        const [trend, reporting, silent, calls, units] = await Promise.all([
-            ask("trend", {...time, ms, step}), ask("reporting", time), ask("silent", {...time, since: time.to - KNOWN_FOR_S, after: SILENT_AFTER_S}),
-            ask("worst_calls", {...time, ms}), ask("units", time)]);
-        showError(null);
-        showTiles(reporting[0] ?? {units: 0, calls: 0, reports: 0}, silent, trend);
-        showTrend(trend, time);
-        showTable("calls", [["call", "Call"], ["unit", "Unit"], ["rtcp_name", "RTCP name"], ["mos", "MOS", opinion],
-            ["loss_mean", "Loss %", value => number(value, 2)], ["loss_max", "Loss max %", number],
-            ["jitter_max", `Jitter max (${delayUnit()})`, delay], ["rtt_max", `RTT max (${delayUnit()})`, delay],
-            ["reports", "Reports", number], ["until", "Last report", moment]], calls,
-        "Lowest estimated quality first. Choose a call to see its curves.", (row, line) => {
-            document.querySelector("tr[aria-current]")?.removeAttribute("aria-current");
+        if (!choose)
+            continue;
+        if (row.key === open?.key)
             line.setAttribute("aria-current", "true");
-            showCall(row).then(() => element("call").focus(), showError);
+        line.addEventListener("click", () => {
+            choose(row);
+            again();
         });
-        showTable("silent", [["unit", "Unit"], ["last_heartbeat", "Last heartbeat", moment],
-            ["last_report", "Last report", moment]], silent, "No heartbeat for more than ten minutes, but one in the day before.");
-        showTable("units", [["unit", "Unit"], ["rtcp_name", "RTCP name"], ["loss_mean", "Loss %", value => number(value, 2)],
-            ["loss_max", "Loss max %", number], ["jitter_mean", `Jitter (${delayUnit()})`, delay],
-            ["rtt_mean", `RTT (${delayUnit()})`, delay], ["calls", "Calls", number],
-            ["reports", "Reports", number], ["until", "Last report", moment]], units, "Highest mean loss first.");
-        if (open)
-            await showCall(open);
-    } catch (error) {
-        showError(error);
     }
+    const hadFocus = table.contains(focused), top = create("thead");
+    top.append(head);
+    table.replaceChildren(create("caption", {textContent: rows.length ? caption : "None."}), top, body);
+    const same = [...table.querySelectorAll("button")].find(button => button.value === focused.value);
+    if (hadFocus)
+        same?.focus({preventScroll: true});
+}
+
+const share = (rows, total) => rows.length < total ? `${number(rows.length)} of ${number(total)}` : number(total);
+
+function showCalls(rows, total) {
+    showTable("calls", [["call", "Call"], ["unit", "Unit"], ["rtcp_name", "RTCP name"], ["mos", "MOS", opinion],
+        ["loss_mean", "Loss %", percent], ["loss_max", "Loss max %", number],
+        ["jitter_max", `Jitter max (${delayUnit()})`, delay], ["rtt_max", `RTT max (${delayUnit()})`, delay],
+        ["reports", "Reports", number], ["until", "Last report", moment]], rows,
+    `The lowest estimated quality: ${share(rows, total)} calls. Choose one to see its curves.`, row => {
+        open = row;
+        showCall(chosenTime()).then(() => element("call").focus());
+    });
+}
+
+function showSilent(rows, total) {
+    element("silent-count").textContent = number(total);
+    element("silent-count").classList.toggle("alarm", total > 0);
+    showTable("silent", [["unit", "Unit"], ["last_heartbeat", "Last heartbeat", moment],
+        ["last_report", "Last report", moment]], rows,
+    `${share(rows, total)} units without a heartbeat for more than ten minutes. Each had one in the day before, ` +
+        "or has reports in the chosen time.");
+}
+
+function showUnits(rows, total) {
+    showTable("units", [["unit", "Unit"], ["rtcp_name", "RTCP name"], ["loss_mean", "Loss %", percent],
+        ["loss_max", "Loss max %", number], ["jitter_mean", `Jitter (${delayUnit()})`, delay],
+        ["rtt_mean", `RTT (${delayUnit()})`, delay], ["calls", "Calls", number],
+        ["reports", "Reports", number], ["until", "Last report", moment]], rows,
+    `The highest mean loss: ${share(rows, total)} units.`);
+}
+
+let open = null;    // the row of the call whose curves are shown
+
+function showCall({to}) {
+    const row = open;
+    const period = {from: row.since, to: Math.max(to, row.until + 1)};  // it may have gone on
+    return show("call", {...period, sn: row.sn_hex, name: row.name_hex, gcid: row.gcid_hex}, (latest, total) => {
+        if (row !== open)
+            return;
+        const reports = latest.reverse(), section = element("call");
+        const begin = reports[0]?.t ?? row.since, end = reports.at(-1)?.t ?? row.until;
+        const margin = Math.max(5, (end - begin) * 0.02);
+        const ends = (column, factor) => [["near end", "--one", []], ["far end", "--two", [6, 3]]].map(
+            ([label, ...style]) => [label, ...style,
+                points(reports.filter(({type}) => type === label.replace(" ", "_")), column, factor)]);
+        section.hidden = false;
+        section.querySelector("h2").textContent = `Call ${row.call || "(none)"} of unit ${row.unit} ${row.rtcp_name}`;
+        const far = [...new Set(reports.map(report => report.far_end || "unknown"))].join(", ");
+        section.querySelector("p").textContent =
+            `${moment(begin)} to ${moment(end)}, ${share(reports, total)} reports, far end ${far}`;
+        drawCharts(section.querySelector(".charts"), charts(ends), {from: begin - margin, to: end + margin});
+    });
+}
+
+function closeCall() {
+    document.querySelector("tr[aria-current] button")?.focus();
+    document.querySelector("tr[aria-current]")?.removeAttribute("aria-current");
+    element("call").hidden = true;
+    open = null;
+    delete parts.call;
+    showFailures();
+}
+
+function refresh() {
+    const time = chosenTime(), ms = msPerUnit();
+    const step = Math.max(1, Math.ceil((time.to - time.from) / STEPS));
+    show("reporting", time, showTotals);
+    show("silent", {...time, since: time.to - KNOWN_FOR_S, after: SILENT_AFTER_S}, showSilent);
+    show("trend", {...time, ms, step}, rows => showTrend(rows, time));
+    show("worst_calls", {...time, ms}, showCalls);
+    show("units", time, showUnits);
+    if (open)
+        showCall(time);
 }
 
 element("period").addEventListener("change", () => {
@@ -243,6 +292,7 @@ for (const id of ["from", "to", "unit"])
         refresh();
     });
 element("refresh").addEventListener("click", refresh);
+element("close").addEventListener("click", closeCall);
 matchMedia("(prefers-color-scheme: dark)").addEventListener("change", refresh);
 element("unit").value = localStorage.getItem("unit") ?? "1";
 setInterval(() => document.hidden || refresh(), REFRESH_MS);

@@ -1,5 +1,6 @@
 -- The fleet over time, in steps of so many seconds; ms is the unit of jitter and round-trip time in
--- milliseconds. The 95 % are exact up to 30,000 of that unit. mos: E-model for G.711 with loss concealment, a jitter buffer of twice the jitter.
+-- milliseconds. The 95 % are exact up to 30,000 of that unit. mos: E-model for G.711 with loss concealment, a
+-- jitter buffer of twice the jitter.
 WITH
     greatest(0, least(100, loss)) AS p,
     {ms:Float64} * (rtt / 2 + 2 * jitter) AS d,

@@ -1,11 +1,11 @@
--- The hundred calls with the lowest mean estimate of speech quality; sn_hex and the like name a call to
--- call.sql, whatever bytes they have.
+-- The hundred calls with the lowest mean estimate of speech quality. sn_hex and the like name a call to
+-- call.sql, whatever bytes they have; key tells one from another.
 WITH
     greatest(0, least(100, loss)) AS p,
     {ms:Float64} * (rtt / 2 + 2 * jitter) AS d,
     greatest(0, 93.2 - 0.024 * d - if(d > 177.3, 0.11 * (d - 177.3), 0) - 95 * p / (p + 25.1)) AS r
 SELECT
-    any(sn) AS unit, any(name) AS rtcp_name, any(gcid) AS call,
+    toString(cityHash64(sn, name, gcid)) AS key, any(sn) AS unit, any(name) AS rtcp_name, any(gcid) AS call,
     hex(unit) AS sn_hex, hex(rtcp_name) AS name_hex, hex(call) AS gcid_hex,
     toUInt32(min(at)) AS since, toUInt32(max(at)) AS until, count() AS reports,
     avg(p) AS loss_mean, max(p) AS loss_max, max(jitter) AS jitter_max, max(rtt) AS rtt_max,

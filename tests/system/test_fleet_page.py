@@ -2,23 +2,29 @@
 import time
 
 import pytest
-from conftest import batch, wait_for
+from conftest import wait_for
 from test_fleet import call, fleet, post, pytestmark  # noqa: F401
 
 webdriver = pytest.importorskip("selenium.webdriver", reason="no python3-selenium")
 ODD = ["<img src=x onerror=document.title='odd'>", "'; DROP TABLE fleet.reports_shard; --", "</script><script>x()"]
+CURVES = ("return [...document.querySelectorAll('#call canvas')]"
+          ".map(canvas => Chart.getChart(canvas).data.datasets[0].data.length)")
+# The answers to what is asked before release() come after it.
+HOLD = """
+const ask = window.fetch, held = [], released = new Promise(resolve => { window.release = resolve; });
+window.fetch = async (...question) => {
+    const text = ask(...question).then(answer => answer.text());
+    held.push(text);
+    await released;
+    return {ok: true, text: () => text};
+};
+refresh();
+window.fetch = ask;
+window.answered = Promise.all(held);"""
 
 
 @pytest.fixture
 def page(fleet, tmp_path):  # noqa: F811
-    now = int(time.time()) - 60
-    lines = [call(f"unit{unit}", gcid=f"3-{unit}", sn=f"U{unit}", event=event, seconds=now + step, loss=0.4, jitter=5)
-             for unit in range(4) for step in range(30) for event in ("QOS_NEAREND", "QOS_FAREND")]
-    lines += [call("unit1", gcid="3-77", sn="U1", seconds=now + step, loss=9, jitter=60, rtt=300) for step in range(30)]
-    lines += [call(name, gcid="<b>4</b>", sn="<i>", loss=3 - place) for place, name in enumerate(ODD)]
-    post(fleet, *lines)
-    wait_for(lambda: fleet.count("reports") == len(lines))
-    fleet.shards[0].sql(f"INSERT INTO fleet.heartbeats_shard VALUES ({now - 3600}, '<s>')")
     options = webdriver.ChromeOptions()
     for option in ("--headless=new", "--no-sandbox", "--disable-gpu", f"--user-data-dir={tmp_path}/profile"):
         options.add_argument(option)
@@ -27,45 +33,80 @@ def page(fleet, tmp_path):  # noqa: F811
         browser = webdriver.Chrome(options=options)
     except Exception as error:      # of several kinds, where there is no browser or no driver
         pytest.skip(f"no chromium with its driver: {error}")
-    browser.get(fleet.url.replace("//", f"//viewer:{fleet.passwords['viewer']}@"))
     yield browser
     browser.quit()
 
 
-def texts(page, selector):
-    return page.execute_script("return [...document.querySelectorAll(arguments[0])].map(found => found.innerText)", selector)
+def fill(fleet, now):  # noqa: F811
+    lines = [call(f"unit{unit}", gcid=f"3-{unit}", sn=f"U{unit}", event=event, seconds=now + step, loss=0.4, jitter=5)
+             for unit in range(4) for step in range(30) for event in ("QOS_NEAREND", "QOS_FAREND")]
+    lines += [call("unit1", gcid="3-77", sn="U1", seconds=now + step, loss=9, jitter=60, rtt=300) for step in range(30)]
+    lines += [call(name, gcid="<b>4</b>", sn="<i>", loss=3 - place) for place, name in enumerate(ODD)]
+    post(fleet, *lines)
+    wait_for(lambda: fleet.count("reports") == len(lines))
+    fleet.shards[0].sql(f"INSERT INTO fleet.heartbeats_shard SELECT toDateTime({now - 3600}), "
+                        "concat('<s>', toString(number)) FROM system.numbers LIMIT 600")
 
 
 def test_page(fleet, page):  # noqa: F811
-    rows = wait_for(lambda: texts(page, "#calls tbody tr"), 30, "for the table")
-    assert rows[0].startswith("3-77\tU1\tunit1\t2.") and len(rows) == 8      # the worst call of all
-    assert set(ODD) <= set(texts(page, "#calls td:nth-child(3)"))
-    assert texts(page, "#silent td:first-child") == ["<s>"]
-    tiles = texts(page, ".tile")
-    assert tiles[0] == "5\nunits report" and tiles[1] == "1\nsilent units" and tiles[2] == "8\ncalls"
-    assert len(page.find_elements("css selector", "#trend canvas")) == 4
+    def find(selector):
+        return page.find_element("css selector", selector)
 
-    # By the keyboard: the worst call's curves, near and far end; then the order of the table.
-    page.find_element("css selector", "#calls tbody button").send_keys("\n")
-    wait_for(lambda: len(page.find_elements("css selector", "#call canvas")) == 3, 30, "for the curves")
-    assert texts(page, "#call h2") == ["Call 3-77 of unit U1 unit1"]
-    curve = "return Chart.getChart(document.querySelector('#call canvas')).data.datasets.map(set => set.data.length)"
-    assert page.execute_script(curve) == [30, 0]
-    page.find_element("css selector", "#calls th:nth-child(9) button").send_keys("\n")
-    assert texts(page, "#calls tbody tr")[0].split("\t")[8] == "60"
+    def texts(selector):
+        return page.execute_script(
+            "return [...document.querySelectorAll(arguments[0])].map(found => found.innerText)", selector)
+
+    def refresh(script="refresh()"):
+        page.execute_script("window.old = document.querySelector('#units tbody');" + script)
+        wait_for(lambda: page.execute_script("return !old.isConnected"), 30, "for the new answers")
+
+    now = int(time.time()) - 60
+    fill(fleet, now)
+    page.get(fleet.url.replace("//", f"//viewer:{fleet.passwords['viewer']}@"))
+    rows = wait_for(lambda: texts("#calls tbody tr"), 30, "for the table")
+    assert rows[0].startswith("3-77\tU1\tunit1\t2.") and len(rows) == 8      # the worst call of all
+    assert set(ODD) <= set(texts("#calls td:nth-child(3)"))
+    wait_for(lambda: "–" not in "".join(texts(".tile")))
+    assert texts(".tile")[:3] == ["5\nunits report", "600\nsilent units", "8\ncalls"]
+    assert len(texts("#silent tbody tr")) == 500 and "500 of 600 units" in texts("#silent caption")[0]
+
+    # By the keyboard: the worst call's curves, which go on; then the order of the table.
+    find("#calls tbody button").send_keys("\n")
+    wait_for(lambda: page.execute_script(CURVES) == [30, 30, 30], 30, "for the curves")
+    assert texts("#call h2") == ["Call 3-77 of unit U1 unit1"]
+    assert page.switch_to.active_element.get_attribute("id") == "call"
+    post(fleet, call("unit1", gcid="3-77", sn="U1", seconds=now + 40, loss=9, jitter=60, rtt=300))
+    find("#calls th:nth-child(9) button").send_keys("\n")
+    assert texts("#calls tbody tr")[0].split("\t")[8] == "60"
+    wait_for(lambda: (refresh(), page.execute_script(CURVES) == [31, 31, 31])[1], 30, "for the new report")
+    assert page.switch_to.active_element.text.startswith("Reports")
+    assert texts("#calls tr[aria-current=true] td:first-child") == ["3-77"]
+    assert page.execute_script("return Object.keys(Chart.instances).length") == 7
 
     # A call of a hostile name is found by it.
     [odd] = [row for row in page.find_elements("css selector", "#calls tbody tr") if ODD[1] in row.text]
     odd.click()
-    wait_for(lambda: texts(page, "#call h2") == [f"Call <b>4</b> of unit <i> {ODD[1]}"], 30, "for the odd call")
-    assert page.execute_script(curve) == [1, 0] and page.title == "Call quality of the fleet"
+    wait_for(lambda: texts("#call h2") == [f"Call <b>4</b> of unit <i> {ODD[1]}"], 30, "for the odd call")
+    assert page.execute_script(CURVES) == [1, 1, 1] and page.title == "Call quality of the fleet"
+    find("#close").click()
+    assert not find("#call").is_displayed() and page.switch_to.active_element.text == "<b>4</b>"
 
-    # The unit: without one there is no MOS.
-    page.find_element("css selector", "#unit option[value='0']").click()
-    wait_for(lambda: "–\nestimated MOS" in texts(page, ".tile"), 30, "for the change of the unit")
+    # An answer that comes late does not replace a newer one. Without a unit there is no MOS.
+    page.execute_script(HOLD)
+    refresh("for (const [id, value] of [['period', 'chosen'], ['to', '2020-01-01T00:00'], ['unit', '0']])"
+            "    element(id).value = value;"
+            "refresh()")
+    page.execute_async_script("release(); answered.then(() => setTimeout(arguments[0]))")
+    assert texts("#calls caption") == ["None."] and "–\nestimated MOS" in texts(".tile")
+    refresh("element('period').value = '900'; refresh()")
     assert page.get_log("browser") == []
 
+    # What fails, stays and says so.
+    refresh("const ask = fetch; fetch = url => ask(url.replace('silent', 'nothing')); refresh(); fetch = ask")
+    wait_for(lambda: "Not up to date: silent." in texts("#error")[0], 30, "for the failure")
+    assert texts(".stale") == [texts(".tile")[1], texts("section[data-query=silent]")[0]]
     for shard, message in ((1, "All connection tries failed"), (0, "No engine answers the gateway.")):
         fleet.shards[shard].kill()
-        page.find_element("css selector", "#refresh").click()
-        wait_for(lambda: message in texts(page, "#error")[0], 30, f"for {message}")      # noqa: B023
+        find("#refresh").click()
+        wait_for(lambda: message in texts("#error")[0], 30, f"for {message}")      # noqa: B023
+    assert len(texts("#calls tbody tr")) == 8
