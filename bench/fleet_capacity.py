@@ -20,21 +20,21 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "fleet"))
-from fleet import QUERIES, Fleet, wait_for  # noqa: E402
-from trial import start_units  # noqa: E402
+from fleet import QUERIES, running_fleet, wait_for  # noqa: E402
+from trial import running_units  # noqa: E402
 
 SECONDS = int(os.environ.get("SECONDS_EACH", 5))
 MILLIONS = 10
 UNIT_REPORTS_PER_SECOND = 40    # a hundred calls, two ends, a report of each every five seconds
-LINE = ('{"message": "%s   3-%04d       2.117 near_end     203.0.113.5  5004     250    2   0.8     12    40 3735928559 '
-        'SN000 unit7@192.0.2.7"}')
-FILL = f"""
+LINE = ('{"message": "%s   3-%04d       2.117 near_end     203.0.113.5  5004     250    2   0.8     12    40 '
+        '3735928559 SN000 unit7@192.0.2.7"}')
+FILL = """
 INSERT INTO fleet.reports_shard SELECT now() AS received, now() - toUInt32(number % 3600) AS at, at AS time, 0 AS ms,
-    0 AS zone, concat('3-', toString(intDiv(number, 700) % 100)) AS gcid, '2.117' AS tid,
+    0 AS zone, concat('3-', toString(intDiv(number, {units}) % 100)) AS gcid, '2.117' AS tid,
     if(number % 2, 'near_end', 'far_end') AS type, '203.0.113.5' AS far_end, 5004 AS port, 250 AS packets, 2 AS lost,
     toFloat32(rand(1) % 30 / 10) AS loss, rand(2) % 20 AS jitter, 30 + rand(3) % 40 AS rtt, toString(rand(4)) AS ssrc,
-    toString(10000 + number % 700) AS sn, concat('unit', toString(number % 700), '@192.0.2.7') AS name
-FROM system.numbers LIMIT {MILLIONS * 1000000}"""
+    toString(10000 + number % {units}) AS sn, concat('unit', toString(number % {units}), '@192.0.2.7') AS name
+FROM system.numbers LIMIT {reports}"""
 # Every request comes from another unit, so that both shards get their part.
 SCRIPT = """
 local count, file = 0, io.open("%s"); local body = file:read("*a"); file:close()
@@ -57,33 +57,38 @@ def batches_per_second(store, lines, through_gateway):
     (store.directory / "body").write_text("[\n" + ",\n".join(LINE % (stamp, row) for row in range(lines)) + "\n]")
     (store.directory / "wrk.lua").write_text(SCRIPT % (
         store.directory / "body", "Basic " + base64.b64encode(f"unit:{store.passwords['unit']}".encode()).decode()))
-    statement = re.search(r'"(query=INSERT[^"]*)"', (store.directory / "gateway.conf").read_text())[1]
-    url = f"{store.url}/ingest" if through_gateway else f"http://127.0.0.1:{store.shards[0].http}/?{statement}"
-    if not through_gateway:
-        (store.directory / "wrk.lua").write_text((store.directory / "wrk.lua").read_text().replace("Authorization", "X-None"))
+    if through_gateway:
+        url = f"{store.url}/ingest"
+    else:
+        statement = re.findall(r'((?:query=INSERT|input_format)[^"]*)"', (store.directory / "gateway.conf").read_text())
+        url = f"http://127.0.0.1:{store.shards[0].http}/?{'&'.join(statement)}"
+        script = store.directory / "wrk.lua"
+        script.write_text(script.read_text().replace("Authorization", "X-None"))
     processes = [store.gateway, *(shard.process for shard in store.shards)]
     rows, used = store.count("reports"), sum(map(processor_seconds, processes))
-    output = subprocess.run(["wrk", "-t1", "-c64", f"-d{SECONDS}", "--timeout", "20", "-s", store.directory / "wrk.lua", url],
-                            check=True, capture_output=True, text=True).stdout
+    output = subprocess.run(["wrk", "-t1", "-c64", f"-d{SECONDS}", "--timeout", "20",
+                             "-s", store.directory / "wrk.lua", url], check=True, capture_output=True, text=True).stdout
     requests = int(re.search(r"(\d+) requests in", output)[1])
-    refused = re.search(r"Non-2xx or 3xx responses: (\d+)", output)
+    refused = int((re.search(r"Non-2xx or 3xx responses: (\d+)", output) or [0, 0])[1])
     begin = time.monotonic()
-    wait_for(lambda: store.count("reports") >= rows + lines * (requests - int(refused[1] if refused else 0)), 120, "the rows")
+    wait_for(lambda: store.count("reports") >= rows + lines * (requests - refused), 120, "the rows")
     late = time.monotonic() - begin
     reports = store.count("reports") - rows
     used = sum(map(processor_seconds, processes)) - used
     rate = reports / lines / (SECONDS + late)      # what is stored counts, not what is answered
-    print(f"{len(store.shards)} shards, {'gateway' if through_gateway else 'direct ':7}, {lines:2} lines: {rate:6.0f} batches/s, "
-          f"{1000 * used / reports * 1000:6.2f} ms of processor for 1,000 reports, {refused[1] if refused else 0} refused, stored "
-          f"{late:.1f} s after the last answer" + (f"; {rate * lines / UNIT_REPORTS_PER_SECOND:.0f} units" if lines == 65 else ""),
-          flush=True)
+    print(f"{len(store.shards)} shards, {'gateway' if through_gateway else 'direct':7}, {lines:2} lines: "
+          f"{rate:6.0f} batches/s, {1000 * used / reports * 1000:6.2f} ms of processor for 1,000 reports, "
+          f"{refused} refused, stored {late:.1f} s after the last answer"
+          + (f"; {rate * lines / UNIT_REPORTS_PER_SECOND:.0f} units" if lines == 65 else ""), flush=True)
 
 
-def query_times(store):
+def query_times(store, units):
+    """Over the reports of an hour, of a hundred calls of each unit."""
     store.shards[0].sql("TRUNCATE TABLE fleet.reports_shard")
-    store.shards[0].sql(FILL)
-    size = store.shards[0].sql("SELECT sum(bytes) / sum(rows) FROM system.parts WHERE active AND table = 'reports_shard'")
-    print(f"{MILLIONS} million reports in one shard, {float(size):.0f} bytes each:")
+    store.shards[0].sql(FILL.format(units=units, reports=MILLIONS * 1000000))
+    size = store.shards[0].sql(
+        "SELECT sum(bytes) / sum(rows) FROM system.parts WHERE active AND table = 'reports_shard'")
+    print(f"{MILLIONS} million reports of {units} units in one shard, {float(size):.0f} bytes each:")
     now = int(time.time())
     period = {"from": now - 3700, "to": now + 60, "ms": 1, "step": 60, "since": now - 86400, "after": 600}
     for query in QUERIES:
@@ -96,12 +101,12 @@ def query_times(store):
             times.append(time.monotonic() - begin)
             assert status == 200, answer
         used = processor_seconds(store.shards[0].process) - used
-        print(f"  {query:12} {min(times):.2f} s, {used / 3:.2f} s of processor, {json.loads(answer)['rows']} rows", flush=True)
+        print(f"  {query:12} {min(times):.2f} s, {used / 3:.2f} s of processor, {json.loads(answer)['rows']} rows",
+              flush=True)
 
 
 def latency(store):
     """Of a report at different moments between two posts of its unit, and of a batch that a unit posts."""
-    units = start_units(store, 10)
     begun, seen = {}, {}
 
     def look():
@@ -113,41 +118,33 @@ def latency(store):
         begun[name] = time.monotonic()
         sender.sendto(f"QOS_EV_TYPE=QOS_NEAREND\nQOS_EV_RTCP_CNAME={name}".encode(), ("127.0.0.1", port))
 
-    try:
-        with socket.socket(type=socket.SOCK_DGRAM) as sender:
-            for number, (port, _) in enumerate(units):      # posted at once, being the unit's first
-                probe(f"probe-first-{number}", port)
-            wait_for(look, 30, "the first reports")
-            for number, (port, _) in enumerate(units):
-                probe(f"probe-later-{number}", port)
-                deadline = time.monotonic() + 0.5
-                wait_for(lambda: (look(), time.monotonic() > deadline)[1], 30, "the next half second")
-            wait_for(look, 30, "the later reports")
-        times = list(seen.values())
-        first, later = sorted(times[:len(units)]), sorted(times[len(units):])
-        print(f"from the datagram to the row: {first[0]:.1f} to {first[-1]:.1f} s when the unit posts at once, "
-              f"{later[0]:.1f} to {later[-1]:.1f} s with its wait for a batch", flush=True)
-    finally:
-        for _, process in units:
-            process.kill()
-            process.wait()
+    with running_units(store, 10) as units, socket.socket(type=socket.SOCK_DGRAM) as sender:
+        for number, port in enumerate(units):      # posted at once, being the unit's first
+            probe(f"probe-first-{number}", port)
+        wait_for(look, 30, "the first reports")
+        for number, port in enumerate(units):
+            probe(f"probe-later-{number}", port)
+            deadline = time.monotonic() + 0.5
+            wait_for(lambda: (look(), time.monotonic() > deadline)[1], 30, "the next half second")
+        wait_for(look, 30, "the later reports")
+    times = list(seen.values())
+    first, later = sorted(times[:len(units)]), sorted(times[len(units):])
+    print(f"from the datagram to the row: {first[0]:.1f} to {first[-1]:.1f} s when the unit posts at once, "
+          f"{later[0]:.1f} to {later[-1]:.1f} s with its wait for a batch", flush=True)
 
 
 def main():
     print(f"{os.cpu_count()} cores, load {os.getloadavg()[0]:.1f} before the start")
     for shards in (1, 2):
         with tempfile.TemporaryDirectory(prefix="voxstat.") as name:
-            store = Fleet(Path(name), shards=shards, rate=1000000)
-            try:
-                store.start()
+            with running_fleet(name, shards=shards, rate=1000000) as store:
                 for through_gateway in (False, True):
                     for lines in (1, 10, 65):
                         batches_per_second(store, lines, through_gateway)
                 if shards == 1:
-                    query_times(store)
+                    for units in (700, 10000):
+                        query_times(store, units)
                     latency(store)
-            finally:
-                store.stop()
 
 
 if __name__ == "__main__":

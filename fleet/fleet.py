@@ -4,10 +4,11 @@
     fleet.py [--home DIR] [--rate N] DIRECTORY NODE...
 
 writes below DIRECTORY all that the nodes and the gateway of a real fleet need; docs/fleet.md tells what
-goes where. Trials and tests use the class Fleet.
+goes where. Trials and tests use running_fleet.
 """
 import argparse
 import base64
+import contextlib
 import hashlib
 import http.client
 import os
@@ -52,9 +53,10 @@ def password_line(user, password):
     return f"{user}:{{SSHA}}{base64.b64encode(digest).decode()}\n"
 
 
-def write_configuration(directory, nodes, listen, passwords, home=None, engine_listen="127.0.0.1", rate=100, timeout=10):
-    """nodes: (host, native port, HTTP port) of each; home: where the gateway will find the directory. The key, by which
-    gateway and nodes know each other, stays the same when the directory is written again."""
+def write_configuration(directory, nodes, listen, passwords, home=None, engine_listen="127.0.0.1", rate=100,
+                        timeout=10):
+    """nodes: (host, native port, HTTP port) of each; home: where the gateway will find the directory. The key, by
+    which gateway and nodes know each other, stays the same when the directory is written again."""
     directory.mkdir(parents=True, exist_ok=True)
     users = directory / "users.xml"
     key = re.search("<password>(.+)</password>", users.read_text())[1] if users.exists() else secrets.token_hex(16)
@@ -84,9 +86,9 @@ def write_configuration(directory, nodes, listen, passwords, home=None, engine_l
 
 
 def make_certificate(directory, name):
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days",
-                    "365", "-subj", f"/CN={name}", "-addext", f"subjectAltName=IP:{name}", "-keyout",
-                    directory / "tls.key", "-out", directory / "tls.crt"], check=True, capture_output=True)
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                    "-subj", f"/CN={name}", "-addext", f"subjectAltName=IP:{name}",
+                    "-keyout", directory / "tls.key", "-out", directory / "tls.crt"], check=True, capture_output=True)
 
 
 def free_port():
@@ -123,7 +125,7 @@ class Shard:
 
     def __init__(self, directory):
         self.directory = directory
-        self.native, self.http, self.interserver = free_port(), free_port(), free_port()
+        self.native, self.http = free_port(), free_port()
         self.process = None
 
     def start(self):
@@ -131,26 +133,22 @@ class Shard:
         (place / "config.d").mkdir(parents=True, exist_ok=True)
         shutil.copy(place.parent / "engine.xml", place / "config.d/fleet.xml")
         shutil.copy(place.parent / "users.xml", place / "users.xml")
-        ports = {"http_port": self.http, "tcp_port": self.native, "interserver_http_port": self.interserver}
-        paths = {"path": "data", "tmp_path": "tmp", "user_files_path": "files", "format_schema_path": "formats"}
-        settings = {**ports, **{tag: f"{place}/{name}/" for tag, name in paths.items()},
-                    "interserver_http_host": "127.0.0.1", "users_config": "users.xml",
-                    "default_profile": "default", "default_database": "default", "timezone": "UTC",
-                    "mark_cache_size": 100000000, "uncompressed_cache_size": 0}
+        settings = {"http_port": self.http, "tcp_port": self.native, "path": f"{place}/data/",
+                    "users_config": "users.xml", "mark_cache_size": 100000000, "timezone": "UTC",
+                    "logger": "<level>warning</level><console>1</console>"}
         (place / "config.xml").write_text(
-            f"<yandex><logger><level>warning</level><log>{place}/log</log><errorlog>{place}/errors</errorlog></logger>"
-            + "".join(f"<{tag}>{value}</{tag}>" for tag, value in settings.items()) + "</yandex>")
+            "<yandex>" + "".join(f"<{tag}>{value}</{tag}>" for tag, value in settings.items()) + "</yandex>")
         self.process = run(["clickhouse-server", "--config-file=config.xml"], place)
 
     def sql(self, text, **settings):
-        """As the administrator; raises urllib.error.HTTPError with the engine's text."""
+        """As the administrator; raises urllib.error.HTTPError if the engine refuses it."""
         url = f"http://127.0.0.1:{self.http}/?" + urllib.parse.urlencode(settings)
         with urllib.request.urlopen(url, text.encode(), timeout=60) as answer:
-            return answer.read().decode(errors="replace")
+            return answer.read().decode(errors="surrogateescape")
 
     def ready(self):
         if self.process.poll() is not None:
-            raise RuntimeError((self.directory / "out").read_text() + (self.directory / "errors").read_text()[-2000:])
+            raise RuntimeError((self.directory / "out").read_text()[-2000:])
         try:
             return self.sql("SELECT 1") == "1\n"
         except OSError:
@@ -161,8 +159,19 @@ class Shard:
         self.process.wait()
 
 
+@contextlib.contextmanager
+def running_fleet(directory, **options):
+    """A Fleet with these options that is up; it ends with the block, or with this process."""
+    fleet = Fleet(directory, **options)
+    try:
+        fleet.start()
+        yield fleet
+    finally:
+        fleet.stop()
+
+
 class Fleet:
-    """Shards and gateway on loopback below a directory; everything ends with stop() or with this process."""
+    """Shards and gateway on loopback below a directory."""
 
     def __init__(self, directory, shards=2, rate=10000, timeout=10):
         self.directory = Path(directory)
@@ -172,8 +181,8 @@ class Fleet:
         self.url = f"http://127.0.0.1:{self.http}"
         self.gateway = None
         write_configuration(self.directory, [("127.0.0.1", shard.native, shard.http) for shard in self.shards],
-                            [f"127.0.0.1:{self.http}", f"127.0.0.1:{self.https} ssl"], self.passwords,
-                            rate=rate, timeout=timeout)
+                            [f"127.0.0.1:{self.http}", f"127.0.0.1:{self.https} ssl"], self.passwords, rate=rate,
+                            timeout=timeout)
         make_certificate(self.directory, "127.0.0.1")
 
     def elastic_url(self, scheme="http"):
@@ -188,7 +197,6 @@ class Fleet:
             for statement in statements((self.directory / "schema.sql").read_text()):
                 shard.sql(statement)
         self.start_gateway()
-        return self
 
     def start_gateway(self):
         place = self.directory
@@ -201,7 +209,7 @@ class Fleet:
             f"http {{ include /etc/nginx/mime.types; {temporary} include {place}/gateway.conf; }}\n")
         path = os.environ["PATH"] + ":/usr/sbin"
         self.gateway = run([shutil.which("nginx", path=path), "-p", place, "-c", place / "nginx.conf"], place)
-        wait_for(lambda: self.gateway.poll() is not None or self.status("/") == 401, 20, "the gateway")
+        wait_for(lambda: self.gateway.poll() is not None or self.request("/")[0] == 401, 20, "the gateway")
         if self.gateway.poll() is not None:
             raise RuntimeError((place / "out").read_text())
 
@@ -209,7 +217,7 @@ class Fleet:
         return int(self.shards[0].sql(f"SELECT count() FROM fleet.{table}"))
 
     def request(self, path, user=None, password=None, body=None):
-        """(status, body) of a request to the gateway, as this user if given."""
+        """(status, body) of a request to the gateway, as this user if given; status 0 without an answer."""
         request = urllib.request.Request(self.url + path, data=body)
         if user:
             word = f"{user}:{password or self.passwords.get(user)}"
@@ -219,14 +227,8 @@ class Fleet:
                 return answer.status, answer.read()
         except urllib.error.HTTPError as error:
             return error.code, error.read()
-        except http.client.HTTPException as error:      # cut off
+        except (OSError, http.client.HTTPException) as error:
             return 0, str(error).encode()
-
-    def status(self, *arguments, **options):
-        try:
-            return self.request(*arguments, **options)[0]
-        except OSError:
-            return 0
 
     def query(self, query, /, **parameters):
         """(status, body) of one of the queries as a viewer; texts in UTF-8 or bytes."""
@@ -234,16 +236,11 @@ class Fleet:
                  (value if isinstance(value, bytes) else value.encode()).hex() for key, value in parameters.items()}
         return self.request(f"/query/{query}?" + urllib.parse.urlencode(words), "viewer")
 
-    def mend(self):
-        """Gives what the old release takes for broken when a node is killed that it talks to back for delivery."""
-        for path in self.directory.glob("shard*/data/data/fleet/lines/*/broken/*.bin"):
-            path.rename(path.parents[1] / path.name)
-
     def stop(self):
         """At once: what was not delivered stays in the directory."""
         for process in (self.gateway, *(shard.process for shard in self.shards)):
             if process:
-                process.kill() if process is not self.gateway else process.terminate()
+                process.terminate() if process is self.gateway else process.kill()
                 process.wait()
 
 
@@ -254,10 +251,11 @@ def main():
     parser.add_argument("directory", type=Path)
     parser.add_argument("node", nargs="+", help="host name of an engine node, which is a shard each")
     options = parser.parse_args()
+    os.umask(0o077)
     passwords = {user: secrets.token_hex(16) for user in ("unit", "viewer")
                  if not (options.directory / f"{user}s.htpasswd").exists()}
     write_configuration(options.directory, [(node, 9000, 8123) for node in options.node],
-                        ["443 ssl"], passwords, options.home, "::", options.rate)
+                        ["443 ssl", "[::]:443 ssl"], passwords, options.home, "::", options.rate)
     for user, password in passwords.items():
         print(f"{user}'s password: {password}")
 

@@ -3,6 +3,7 @@
 
 Shows what the queries answer, takes a picture of the page, and stays until Ctrl-C (--once: ends by itself).
 """
+import contextlib
 import json
 import re
 import signal
@@ -12,26 +13,32 @@ import tempfile
 import time
 from pathlib import Path
 
-from fleet import HERE, QUERIES, Fleet, free_port, run, wait_for
+from fleet import HERE, QUERIES, free_port, run, running_fleet, wait_for
 
 BUILD = HERE.parent / "build/release"
 UNITS = 20
 PICTURE = HERE.parent / "build/fleet.png"
 
 
-def start_units(store, count):
-    """[(port, process)] of so many daemons that post to the store."""
-    units = []
-    for number in range(count):
-        directory, port = store.directory / f"unit{number}", free_port()
-        directory.mkdir()
-        (directory / "sn").write_text(f"serial: {10000 + number}\n")
-        (directory / "voxstat.cfg").write_text(
-            f"qos_port={port}\nqos_stat_dir={directory}/stat\nsn_file_path={directory}/sn\n"
-            f"elastic_url={store.elastic_url()}\n")
-        units.append((port, run([BUILD / "voxstat", "-f", "voxstat.cfg"], directory)))
-    wait_for(lambda: all(bound(port) for port, _ in units), 30, "the daemons' ports")
-    return units
+@contextlib.contextmanager
+def running_units(store, count):
+    """The ports of so many daemons that post to the store and end with the block."""
+    units = {}
+    try:
+        for number in range(count):
+            directory, port = store.directory / f"unit{number}", free_port()
+            directory.mkdir()
+            (directory / "sn").write_text(f"serial: {10000 + number}\n")
+            (directory / "voxstat.cfg").write_text(
+                f"qos_port={port}\nqos_stat_dir={directory}/stat\nsn_file_path={directory}/sn\n"
+                f"elastic_url={store.elastic_url()}\n")
+            units[port] = run([BUILD / "voxstat", "-f", "voxstat.cfg"], directory)
+        wait_for(lambda: all(map(bound, units)), 30, "the daemons' ports")
+        yield list(units)
+    finally:
+        for process in units.values():
+            process.kill()
+            process.wait()
 
 
 def bound(port):
@@ -50,21 +57,19 @@ def show(store, query, **parameters):
 
 def take_picture(store, path):
     address = store.url.replace("//", f"//viewer:{store.passwords['viewer']}@")
-    subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars", "--window-size=1300,1500",
+    subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars",
                     f"--user-data-dir={store.directory}/chromium", "--virtual-time-budget=10000",
-                    f"--screenshot={path}", address], check=True, capture_output=True, timeout=120)
+                    "--window-size=1300,1500", f"--screenshot={path}", address],
+                   check=True, capture_output=True, timeout=120)
 
 
 def trial(directory, once):
-    store = Fleet(directory)
-    units = []
-    try:
-        store.start()
-        units = start_units(store, UNITS)
-        print(f"Two engine nodes, the gateway and {UNITS} daemons are up; half a minute of traffic follows.", flush=True)
-        traffic = [subprocess.Popen([BUILD / "tools/voxstat-sim", "--port", str(port), "--speed", "10", "--seed", str(seed),
-                                     *([] if seed == 7 else ["--bad", "0"])], stdout=subprocess.PIPE, text=True)
-                   for seed, (port, _) in enumerate(units)]
+    with running_fleet(directory) as store, running_units(store, UNITS) as units:
+        print(f"Two engine nodes, the gateway and {UNITS} daemons are up; half a minute of traffic follows.",
+              flush=True)
+        traffic = [subprocess.Popen([BUILD / "tools/voxstat-sim", "--port", str(port), "--speed", "10",
+                                     "--seed", str(seed), *([] if seed == 7 else ["--bad", "0"])],
+                                    stdout=subprocess.PIPE, text=True) for seed, port in enumerate(units)]
         sent = sum(int(re.search(r"(\d+) session reports", player.communicate()[0])[1]) for player in traffic)
         wait_for(lambda: store.count("reports") >= sent, 30, f"{sent} reports in the store")
         print(f"{sent} session reports sent, {store.count('reports')} in the store.")
@@ -81,11 +86,6 @@ def trial(directory, once):
         if not once:
             print("Ctrl-C ends it.", flush=True)
             signal.pause()
-    finally:
-        for _, process in units:
-            process.kill()
-            process.wait()
-        store.stop()
 
 
 def main():
