@@ -208,12 +208,12 @@ function showTable(id, columns, rows, caption, choose) {
 
 const share = (rows, total) => rows.length < total ? `${number(rows.length)} of ${number(total)}` : number(total);
 
-function showCalls(rows, total) {
+function showCalls(rows) {
     showTable("calls", [["call", "Call"], ["unit", "Unit"], ["rtcp_name", "RTCP name"], ["mos", "MOS", opinion],
         ["loss_mean", "Loss %", percent], ["loss_max", "Loss max %", number],
         ["jitter_max", `Jitter max (${delayUnit()})`, delay], ["rtt_max", `RTT max (${delayUnit()})`, delay],
         ["reports", "Reports", number], ["until", "Last report", moment]], rows,
-    `The lowest estimated quality: ${share(rows, total)} calls. Choose one to see its curves.`, row => {
+    `The ${rows.length} calls with the lowest estimated quality. Choose one to see its curves.`, row => {
         open = row;
         showCall(chosenTime()).then(() => element("call").focus());
     });

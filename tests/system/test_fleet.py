@@ -115,10 +115,12 @@ def call(name, gcid="3-1", sn="A", event="QOS_NEAREND", seconds=None, loss=0, ji
 
 def test_queries(fleet):
     now = int(time.time())
-    post(fleet, call("fine"), call("fine", event="QOS_FAREND"), call("slow", sn="B", rtt=400, jitter=20),
-         call("bad", sn="C", gcid="3-9", loss=5), call("bad", sn="C", gcid="3-9", loss=15, seconds=now - 9),
-         call("clock", sn="D", seconds=9), call("other", gcid="3-9", sn="C", seconds=now - 4000))
-    wait_for(lambda: fleet.count("reports") == 7, 30, "for the rows")
+    post(fleet, *(call("one", gcid=f"4-{number}") for number in range(100)), call("two"),
+         call("one", loss=1), call("one", event="QOS_FAREND", loss=1, seconds=now - 9),
+         call("one", sn="B", rtt=400, jitter=20), call("bad", sn="C", gcid="3-9", loss=15),
+         call("bad", sn="C", gcid="3-9", loss=5), call("bad", sn="C", gcid="3-9", seconds=now - 4000),
+         call("clock", sn="D", seconds=9, loss=2))
+    wait_for(lambda: fleet.count("reports") == 108, 30, "for the rows")
     for shard, (sn, age) in enumerate([("B", 10), ("C", 601)]):
         fleet.shards[shard].sql(f"INSERT INTO fleet.heartbeats_shard VALUES ({now - age}, '{sn}')")
 
@@ -128,19 +130,20 @@ def test_queries(fleet):
         return [tuple(round(row[column], 2) if isinstance(row[column], float) else row[column]
                       for column in columns.split()) for row in json.loads(answer)["data"]]
 
-    # By hand: R is 93.2 without impairment, 80.5 at a delay of 240 ms, 77.4 and 57.7 at 5 and 15 % of loss.
-    assert rows("worst_calls", "call rtcp_name reports loss_max jitter_max mos", ms=1) == [
-        ("3-9", "bad", 2, 15, 0, 3.45), ("3-1", "slow", 1, 0, 20, 4.04), ("3-1", "clock", 1, 0, 0, 4.41),
-        ("3-1", "fine", 2, 0, 0, 4.41)]
-    assert rows("worst_calls", "mos", ms=0.5)[1] == (4.35,)
+    # By hand: R is 93.2 without impairment, 80.5 at a delay of 240 ms, and 89.6, 86.2, 77.4 and 57.7 at 1, 2, 5 and
+    # 15 % of loss.
+    worst = rows("worst_calls", "call rtcp_name reports loss_max jitter_max mos", ms=1)
+    assert len(worst) == 100 and worst[:4] == [("3-9", "bad", 2, 15, 0, 3.45), ("3-1", "one", 1, 0, 20, 4.04),
+                                               ("3-1", "clock", 1, 2, 0, 4.23), ("3-1", "one", 2, 1, 0, 4.33)]
+    assert rows("worst_calls", "jitter_max mos", ms=0.5)[3] == (20, 4.35)
     assert rows("units", "unit rtcp_name reports loss_mean")[0] == ("C", "bad", 2, 10)
     assert rows("silent", "unit", since=0, after=600, to=now + 5) == [("C",)]
     assert sorted(rows("silent", "unit", since=0, after=4, to=now + 5)) == [("A",), ("B",), ("C",), ("D",)]
-    assert rows("reporting", "units calls reports") == [(4, 4, 6)]
-    assert sum(day for day, in rows("days", "reports")) == 6
-    trend = rows("trend", "t reports loss_p95 mos", step=7200, ms=0.5)
-    assert sum(step[1] for step in trend) == 6 and all(step[0] % 7200 == 0 for step in trend)
-    assert rows("call", "type loss", sn="C", name="bad", gcid="3-9") == [("near_end", 5), ("near_end", 15)]
+    assert rows("reporting", "units calls reports") == [(4, 105, 107)]
+    assert sum(day for day, in rows("days", "reports")) == 107
+    trend = rows("trend", "t reports", step=600, ms=0.5)
+    assert sum(reports for _, reports in trend) == 107 and all(step % 600 == 0 for step, _ in trend)
+    assert rows("call", "type loss", sn="A", name="one", gcid="3-1") == [("near_end", 1), ("far_end", 1)]
     assert set(QUERIES) == {"worst_calls", "units", "silent", "reporting", "days", "trend", "call"}
 
 
