@@ -82,7 +82,7 @@ void check_name(const keys::Key& key, const char* extension, const Settings& set
     if (name.find('/') != std::string::npos)
         findings.error(settings.line(key), key.name, " = ", name, " holds a '/', so its archives ",
                        "are never deleted; write a name only: the directory is ",
-                       key.name == keys::LOG_FILE.name ? limits::LOG_DIRECTORY : "qos_stat_dir");
+                       &key == &keys::LOG_FILE ? limits::LOG_DIRECTORY : "qos_stat_dir");
     else if (name.ends_with(extension))
         findings.warning(settings.line(key), "the file will be called ", name, extension,
                          "; write the name without ", extension);
