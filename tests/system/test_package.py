@@ -23,13 +23,8 @@ def test_unit():
 def test_package(start, tmp_path):
     built = subprocess.run([ROOT / "scripts/package"], capture_output=True, text=True)     # lintian has its say there
     assert built.returncode == 0, built.stdout + built.stderr
-    package = ROOT / built.stdout.splitlines()[-1]
-    subprocess.run(["dpkg-deb", "--extract", package, tmp_path / "root"], check=True)
-    for path in ("etc/voxstat/voxstat.cfg", "lib/systemd/system/voxstat.service", "usr/lib/sysusers.d/voxstat.conf",
-                 "usr/lib/tmpfiles.d/voxstat.conf", "usr/sbin/voxstat-check", "usr/share/man/man8/voxstat.8.gz",
-                 "usr/share/man/man8/voxstat-check.8.gz", "usr/share/man/man5/voxstat.cfg.5.gz"):
-        assert (tmp_path / "root" / path).stat().st_size > 0
-    daemon = start(launch=["sh", "-c", f'shift; exec {tmp_path}/root/usr/sbin/voxstat "$@"', "sh"])
+    subprocess.run(["dpkg-deb", "--extract", ROOT / built.stdout.splitlines()[-1], tmp_path / "root"], check=True)
+    daemon = start(program=tmp_path / "root/usr/sbin/voxstat")
     daemon.send(report())
     daemon.stop()
     assert daemon.text().count("\n") == 2
