@@ -68,32 +68,26 @@ def report(event="QOS_NEAREND", **fields):
     return "\n".join(f"QOS_EV_{key}={value}" for key, value in {"TYPE": event, **fields}.items())
 
 
-COLUMNS = [     # the numbers of a session's line and of a summary's
-    "PORT %5d PACKETS %7d LOST_SINCE_LAST_REPORT %4d LOST_LOST_SINCE_LAST_REPORT_PERCENT %5.1f JITTER_AVG %6d "
-    "RTT_AVG %5d",
-    "PORT %5d DURATION %5d PACKETS %7d LOST %4d LOST_PERCENT %5.1f JITTER_AVG %6d JITTER_MAX %6d RTT_AVG %6d "
-    "RTT_MAX %6d",
-]
+SESSION = ("%(TIME_STAMP)s %(GCID)9.9s %(TID)11.11s %(TYPE)8s %(FAR_END_IP)15.15s %(PORT)5d %(PACKETS)7d "
+           "%(LOST_SINCE_LAST_REPORT)4d %(LOST_LOST_SINCE_LAST_REPORT_PERCENT)5.1f %(JITTER_AVG)6d %(RTT_AVG)5d "
+           "%(SSRC)10s %(SERIAL_NUM)5.5s %(RTCP_CNAME)s\n")
+SUMMARY = ("%(TIME_STAMP)s %(GCID)9.9s %(TID)11.11s %(TYPE)8s %(FAR_END_IP)15.15s %(PORT)5d %(DURATION)5d %(PACKETS)7d "
+           "%(LOST)4d %(LOST_PERCENT)5.1f %(JITTER_AVG)6d %(JITTER_MAX)6d %(RTT_AVG)6d %(RTT_MAX)6d %(FIRST_PACKET)s "
+           "%(LAST_PACKET)s %(SSRC)10s %(SERIAL_NUM)5.5s %(RTCP_CNAME)s\n")
 
 
 def line(event="QOS_NEAREND", **fields):
     """The statistics line of such a report, with its line feed; SERIAL_NUM stands for the unit's too."""
-    def moment(key, form):
-        local = time.localtime(int(fields.get(key + "_SEC", 0)))
-        return time.strftime(form, local) % (int(fields.get(key + "_USEC", 0)) // 1000)
-
-    def text(form, *keys):
-        return [form % fields.get(key, "") for key in keys]
-
-    summary = event.startswith("QOS_EOS_")
-    near = event in ("QOS_NEAREND", "QOS_EOS_FAREND")   # a summary names the other end
-    numbers = COLUMNS[summary].split()
-    return " ".join([
-        moment("TIME_STAMP", "%Y-%b-%d %H:%M:%S.%%03d %z"), *text("%9.9s", "GCID"), *text("%11.11s", "TID"),
-        "near_end" if near else " far_end", *text("%15.15s", "FAR_END_IP"),
-        *(form % float(fields.get(key, 0)) for key, form in zip(numbers[::2], numbers[1::2])),
-        *(moment(key, "%H:%M:%S.%%03d") for key in ("FIRST_PACKET", "LAST_PACKET") if summary),
-        *text("%10s", "SSRC"), "%5.5s" % (fields.get("SERIAL_NUM") or "0"), fields.get("RTCP_CNAME", "")]) + "\n"
+    form = SUMMARY if event.startswith("QOS_EOS_") else SESSION
+    values = {key: fields.get(key, "") if kind == "s" else float(fields.get(key, 0))
+              for key, kind in re.findall(r"\((\w+)\)[\d.]*(\w)", form)}
+    values["TYPE"] = "near_end" if event in ("QOS_NEAREND", "QOS_EOS_FAREND") else "far_end"  # a summary names the other
+    values["SERIAL_NUM"] = values["SERIAL_NUM"] or "0"
+    for key, look in (("TIME_STAMP", "%Y-%b-%d %H:%M:%S.%%03d %z"), ("FIRST_PACKET", "%H:%M:%S.%%03d"),
+                      ("LAST_PACKET", "%H:%M:%S.%%03d")):
+        second, microsecond = (int(fields.get(key + part, 0)) for part in ("_SEC", "_USEC"))
+        values[key] = time.strftime(look, time.localtime(second)) % (microsecond // 1000)
+    return form % values
 
 
 def batch(lines):

@@ -47,8 +47,8 @@ def test_kill(start, tmp_path, kills):
             wait_for(daemon.drained)
             daemon.process.send_signal(signal.SIGTERM)
         if moment == 2:
-            wait_for(lambda: all(len(stream(tmp_path / "stat", name)) > len(old) + len(sent[name]) - 1024
-                                 for name, old in before.items()), what="for whole blocks")
+            wait_for(lambda: all(len(daemon.read(name)) > len(before[name]) + len(sent[name]) + len(header) - 1024
+                                 for name, header in HEADERS.items()), what="for whole blocks")
         else:
             time.sleep(random.uniform(0, 0.05))     # the moment itself
         daemon.kill()
