@@ -28,11 +28,25 @@ void write_file(const std::string& path, const std::string& text)
     std::ofstream(path) << text;
 }
 
+void set_age(const std::string& path, int hours)
+{
+    static const auto now = std::filesystem::file_time_type::clock::now();
+    std::filesystem::last_write_time(path, now - std::chrono::hours(hours));
+}
+
 std::string read_file(const std::string& path)
 {
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
     return text.str();
+}
+
+FileSizes sizes_of(const TempDir& dir)
+{
+    FileSizes sizes;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path))
+        sizes[entry.path().filename()] = entry.is_directory() ? 0 : entry.file_size();
+    return sizes;
 }
 
 std::size_t count(const std::string& text, const std::string& part)
@@ -116,10 +130,8 @@ std::string LogCapture::bare(const std::string& log)
 {
     static const std::regex decoration(R"([A-Z][a-z]{2}-\d\d \d\d:\d\d:\d\d\.\d{3}  )"
                                        R"(( ?\[[A-Z]+\]) \[0x[0-9a-f]{1,6}\])");
-    std::string text = std::regex_replace("\n" + log, decoration, "$1");
-    while (count(text, "\n\n") > 0)
-        text = replaced(text, "\n\n", "\n");
-    return text.substr(1);
+    const std::string text = std::regex_replace("\n" + log, decoration, "$1");
+    return std::regex_replace(text, std::regex("\n\n+"), "\n").substr(1);
 }
 
 HttpServer::HttpServer() : _socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,7 +27,10 @@ struct TempDir {  // removed with all that is in it
 };
 
 void write_file(const std::string& path, const std::string& text);
+void set_age(const std::string& path, int hours);
 std::string read_file(const std::string& path);  // "" when there is none
+using FileSizes = std::map<std::string, std::uintmax_t>;
+FileSizes sizes_of(const TempDir& dir);  // without those of directories
 std::size_t count(const std::string& text, const std::string& part);
 std::string replaced(std::string text, const std::string& part, const std::string& with);
 ConfigFile config_of(const std::string& text, char separator = '=');
