@@ -1,14 +1,13 @@
-// Reports and voice records.
+// Reports. Voice records go through the main loop in its test.
 #include <gmock/gmock.h>
 
 #include "records/qos_packet.h"
-#include "records/voice_datagram.h"
-#include "records/voice_packet.h"
 #include "unit/harness.h"
 
 using testing::HasSubstr;
 
-static const std::string NEAR = "QOS_EV_TYPE=QOS_NEAREND\n", EOS = "QOS_EV_TYPE=QOS_EOS_NEAREND\n";
+static const std::string NEAR = "QOS_EV_TYPE=QOS_NEAREND\n", EOS = "QOS_EV_TYPE=QOS_EOS_NEAREND\n",
+                         TIME = "QOS_EV_TIME_STAMP_";
 
 TEST(Report, EveryRule)
 {
@@ -33,6 +32,10 @@ TEST(Report, EveryRule)
         {NEAR + "QOS_EV_SERIAL_NUM=", "77", "  77 ", ""},
         {NEAR, "", "   0.0      0     0                0 ", ""},
         {NEAR, std::string(2000, 's'), " sssss ", ""},
+        {NEAR + TIME + "SEC=9223372036854775807\n" + TIME + "USEC=1500000", "",
+         "1970-Jan-01 00:00:00.1500 +000 ", ""},
+        {EOS + "QOS_EV_FIRST_PACKET_SEC=-1\nQOS_EV_LAST_PACKET_USEC=-1500", "",
+         " 23:59:59.000 00:00:00.-00 ", ""},
         {NEAR + "QOS_EV_SSRC=1\r\n", "", "       1\r ", ""},
         {NEAR + "qos_ev_ssrc=9\n\nQOS_EV_SSRC =8=7\nROS_EV_SSRC=6\nx", "", "                0 ",
          unknown + "qos_ev_ssrc\n" + unknown + "QOS_EV_SSRC \n" + unknown + "ROS_EV_SSRC\n" +
@@ -59,6 +62,7 @@ TEST(Report, EveryRule)
          " [INFO] QoSPacket::fmt_log_string() Ignoring unknown event: QOS_NEAREND\r\n"
          "[ERROR] Failed to allocate _log_string event for QoS packet...\n"},
     };
+    stop_the_clock();
     LogCapture log;
     for (const Row& row : rows) {
         const QoSPacket packet(row.report.c_str(), row.serial);
@@ -66,77 +70,5 @@ TEST(Report, EveryRule)
         EXPECT_EQ(row.part_of_line.empty(), packet.log_string()[0] == '\0') << row.report;
         EXPECT_THAT(packet.log_string(), testing::Not(HasSubstr("xy")));
         EXPECT_EQ(row.logged, log.take()) << row.report;
-    }
-}
-
-static std::string bytes(std::string hex)  // blanks do not matter
-{
-    std::erase(hex, ' ');
-    std::string result;
-    for (std::size_t i = 0; i < hex.size(); i += 2)
-        result += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return result;
-}
-
-TEST(Voice, RecordsAreConvertedByteForByte)
-{
-    VoicePacket packet;
-    const auto convert = [&packet](std::size_t length) {
-        const std::string record = voice_record(std::string(length, '\x5A'));
-        packet.init_pcap_packet(record.data(), static_cast<int>(record.size()));
-        return std::string(reinterpret_cast<const char*>(packet.get_pcap_packet()),
-                           static_cast<std::size_t>(packet.get_pcap_size()));
-    };
-    EXPECT_EQ(bytes("00F15365 40E20100 CA000000 CA000000 AAAAAAAAAAAA BBBBBBBBBBBB 0800 45 00 00BC"
-                    "0000 4000 40 11 0000 C0000201 CB007105 138C 1F90 00A8 0000") +
-                  std::string(160, '\x5A'),
-              convert(160));
-    for (const std::size_t length : {0U, 1989U, 1990U, 2024U, 2025U, 3000U}) {
-        const std::string record = convert(length);
-        const std::size_t counted = length > 2024 ? 2023 : length;
-        const std::size_t stored = length > 1989 ? 0 : counted;
-        const auto number = [&record](std::size_t low, std::size_t high) {
-            return static_cast<std::uint8_t>(record[low]) +
-                   256U * static_cast<std::uint8_t>(record[high]);
-        };
-        EXPECT_EQ(58 + stored, record.size()) << length;
-        EXPECT_EQ(42 + stored, number(8, 9)) << length;
-        EXPECT_EQ(42 + counted, number(12, 13)) << length;
-        EXPECT_EQ(28 + counted, number(33, 32)) << length;
-        EXPECT_EQ(8 + counted, number(55, 54)) << length;
-    }
-}
-
-TEST(Voice, TheWalkStaysInsideTheDatagram)
-{
-    struct Row {
-        std::string datagram;
-        std::vector<int> lengths;
-        std::size_t left;
-    };
-    const std::string whole = voice_record("1234");
-    const Row rows[] = {
-        {voice_record(std::string(160, 'a')) + voice_record("") + voice_record("123456789012"),
-         {184, 24, 36},
-         0},
-        {"", {}, 0},
-        {whole.substr(0, 3), {}, 3},
-        {whole + whole.substr(0, 23), {28}, 23},
-        {whole + voice_record("1234", 5), {28}, 28},
-        {voice_record("1234", 3), {27}, 1},
-        {whole + voice_record("", 0xFFFFFFE8), {28}, 24},
-        {voice_record("1234", 0xFFFFFFFF) + whole, {}, 56},
-        {voice_record("1234", 0x80000000), {}, 28},
-    };
-    for (const Row& row : rows) {
-        const std::vector<char> exact(row.datagram.begin(), row.datagram.end());
-        VoiceDatagram walk(exact.data(), exact.size());
-        std::vector<int> lengths;
-        for (int length = 0; const char* record = walk.next_record(length);) {
-            EXPECT_EQ(exact.data() + walk.offset() - length, record);
-            lengths.push_back(length);
-        }
-        EXPECT_EQ(row.lengths, lengths);
-        EXPECT_EQ(row.left, walk.bytes_left());
     }
 }
