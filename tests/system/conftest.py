@@ -49,6 +49,11 @@ def wait_for(condition, seconds=30, what=""):
     return result
 
 
+def expected(name):
+    """A text that a user reads, with capitals in place of what changes from run to run."""
+    return (ROOT / "tests/system/expected" / name).read_text()
+
+
 # --- the formats --------------------------------------------------------------------------------
 
 HEADERS = {

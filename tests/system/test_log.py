@@ -1,16 +1,15 @@
 """All that a run says from start to stop, with its levels: what passes each group's level, and nothing else."""
 import re
 import signal
-from pathlib import Path
 
 import pytest
 
-from conftest import HEADERS, line, report, voice_record, wait_for
+from conftest import HEADERS, expected, line, report, voice_record, wait_for
 
 LEVELS = ["ERROR", "WARN", "INFO", "TRACE", "DEBUG"]
 NAME = "QoS_Stat_Sessions_Summary.txt"
 FIRST = report("QOS_EOS_NEAREND", RTCP_CNAME="x") + "\nBOS_EV_SSRC=5"     # a key that is known but for its first letter
-SAID = re.findall(r"^(\w+) (\w+) +(.*(?:\n  .*)*)", (Path(__file__).parent / "whole_run.log").read_text(), re.M)
+SAID = re.findall(r"^(\w+) (\w+) +(.*(?:\n  .*)*)", expected("whole_run.log"), re.M)
 RUNS = [    # log.default, log.network and log.http, what they come to, whether it has a server, how it is ended
     ((4, 4, 4), (4, 4, 4), True, signal.SIGTERM),
     ((3, 0, 2), (3, 0, 2), False, signal.SIGINT),

@@ -1,13 +1,7 @@
 """The batches that are posted, their form, and what the web client says of them."""
 import re
 
-from conftest import batch, line, report, wait_for
-
-def web_log(daemon):
-    """What the web client says by itself, without libcurl's trace and the addresses of handles."""
-    own = ("[INFO]", "[WARN]", "[ERROR]", "[TRACE] Starting", "[TRACE] Total", "[DEBUG] HTTP")
-    return [re.sub("0x[0-9a-f]+", "HANDLE", entry) for entry in daemon.log() if entry.startswith(own)]
-
+from conftest import batch, expected, line, report, wait_for
 
 def test_first_line_goes_at_once(start, web):
     daemon = start(elastic_url=web.url + "?a=b", log__http=4, log__network=1)
@@ -17,17 +11,11 @@ def test_first_line_goes_at_once(start, web):
     body = batch([line(RTCP_CNAME="first")])
     (path, headers, posted), = web.requests
     assert (path, headers["Content-Type"], posted) == ("/qos?a=b", "application/json", body)
-    assert web_log(daemon) == [
-        "[WARN] Caught an exception: Failed to open config file: DIR/sn",
-        "[ERROR] Failed to allocate _log_string event for QoS packet...",
-        "[TRACE] Total idle curl handles: 4",
-        f"[TRACE] Starting http transmission of {len(body)} bytes for the curl handle HANDLE",
-        "[DEBUG] HTTP buffer sent for the handle: HANDLE\n" + body,
-        f"[INFO] Finished http transmission of {len(body)} bytes for the curl handle HANDLE",
-        "[TRACE] Total idle curl handles: 5",
-        *["[INFO] Terminating WebClient thread..."] * 5,
-        f"[INFO] WebClient stat: Lines Sent=1; Bytes Sent={len(body)}"]
     assert "[DEBUG] WebClient::WC_Write() new event: " + body[2:-2] in daemon.log()
+    # What the web client says by itself, without libcurl's trace.
+    own = ("[INFO]", "[WARN]", "[ERROR]", "[TRACE] Starting", "[TRACE] Total", "[DEBUG] HTTP")
+    said = "".join(entry + "\n" for entry in daemon.log() if entry.startswith(own))
+    assert re.sub("0x[0-9a-f]+", "HANDLE", said) == expected("first_post.log")
 
 
 def test_everything_once_and_in_order(start, web):
