@@ -9,7 +9,6 @@ const STEPS = 90;               // points of a curve over the chosen time
 const TIME_STEPS_S = [1, 5, 15, 60, 300, 900, 3600, 14400, 86400];    // between the marks of a time axis
 
 const element = id => document.getElementById(id);
-const create = (tag, properties) => Object.assign(document.createElement(tag), properties);
 const msPerUnit = () => Number(element("unit").value);
 const number = (value, digits = 1) => Number(value).toLocaleString(undefined, {maximumFractionDigits: digits});
 const percent = value => number(value, 2);
@@ -18,6 +17,12 @@ const moment = seconds => seconds ? new Date(seconds * 1000).toLocaleString(unde
 const delay = value => number(value * (msPerUnit() || 1));
 const delayUnit = () => msPerUnit() ? "ms" : "as reported";
 const opinion = value => msPerUnit() ? percent(value) : "–";
+
+function create(tag, properties, ...children) {
+    const made = Object.assign(document.createElement(tag), properties);
+    made.append(...children);
+    return made;
+}
 
 function chosenTime() {
     const period = element("period").value;
@@ -92,19 +97,16 @@ function drawCharts(place, charts, time) {
     for (const canvas of place.querySelectorAll("canvas"))
         Chart.getChart(canvas)?.destroy();
     place.replaceChildren();
-    for (const chart of charts) {
-        const box = create("div", {className: "chart"});
-        place.append(box);
-        drawChart(box.appendChild(document.createElement("canvas")), ...chart, time);
-    }
+    for (const chart of charts)
+        drawChart(place, ...chart, time);
 }
 
-function drawChart(canvas, title, curves, range, {from, to}) {
+function drawChart(place, title, curves, range, {from, to}) {
     const color = name => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
     const grid = {color: color("--line")}, ticks = {color: color("--dim"), maxRotation: 0};
     const stepSize = TIME_STEPS_S.find(step => to - from <= 7 * step);
-    canvas.setAttribute("role", "img");
-    canvas.setAttribute("aria-label", title);
+    const canvas = create("canvas", {role: "img", ariaLabel: title});
+    place.append(create("div", {className: "chart"}, canvas));
     new Chart(canvas, {
         type: "line",
         data: {datasets: curves.map(([label, hue, borderDash, data]) => ({
@@ -164,46 +166,35 @@ const order = {calls: ["mos", 1], silent: ["last_heartbeat", 1], units: ["loss_m
 function showTable(id, columns, rows, caption, choose) {
     const table = element(id), [key, sign] = order[id], focused = document.activeElement;
     const again = () => showTable(id, columns, rows, caption, choose);
-    const cell = (tag, form, content, properties) => {
-        const made = create(tag, {className: form ? "" : "text", ...properties});
-        made.append(content);
-        return made;
-    };
-    const head = create("tr"), body = create("tbody");
-    for (const [column, title, form] of columns) {
-        const button = create("button", {textContent: title, value: column});
-        button.addEventListener("click", () => {
+    const cell = (tag, form, content, properties) =>
+        create(tag, {className: form ? "" : "text", ...properties}, content);
+    const head = columns.map(([column, title, form]) => {
+        const sort = () => {
             order[id] = [column, column === key ? -sign : form ? -1 : 1];
             again();
-        });
-        const made = cell("th", form, button, {scope: "col"});
-        if (column === key)
-            made.setAttribute("aria-sort", sign > 0 ? "ascending" : "descending");
-        head.append(made);
-    }
+        };
+        const ariaSort = column === key ? (sign > 0 ? "ascending" : "descending") : null;
+        return cell("th", form, create("button", {value: column, onclick: sort}, title), {scope: "col", ariaSort});
+    });
     const compare = (a, b) => typeof a === "number" ? a - b : a.localeCompare(b);
-    for (const row of [...rows].sort((a, b) => sign * compare(a[key], b[key]))) {
-        const line = body.insertRow();
-        for (const [column, , form] of columns) {
-            const text = form ? form(row[column]) : row[column], opens = choose && column === columns[0][0];
-            const content = opens ? create("button", {textContent: text || "(none)", value: row.key}) : text;
-            line.append(cell("td", form, content, {title: text}));
-        }
-        if (!choose)
-            continue;
-        if (row.key === open?.key)
-            line.setAttribute("aria-current", "true");
-        line.addEventListener("click", () => {
+    const lines = [...rows].sort((a, b) => sign * compare(a[key], b[key])).map(row => {
+        const cells = columns.map(([column, , form], place) => {
+            const title = form ? form(row[column]) : row[column];
+            const opens = choose && place === 0;
+            return cell("td", form, opens ? create("button", {value: row.key}, title || "(none)") : title, {title});
+        });
+        const line = create("tr", {ariaCurrent: choose && row.key === open?.key ? "true" : null}, ...cells);
+        line.onclick = choose && (() => {
             choose(row);
             again();
         });
-    }
-    const hadFocus = table.contains(focused), top = create("thead");
-    top.append(head);
-    table.replaceChildren(create("caption", {textContent: rows.length ? caption : "None."}), top, body);
-    const same = [...table.querySelectorAll("button")].find(button => button.value === focused.value);
+        return line;
+    });
+    const hadFocus = table.contains(focused);
+    table.replaceChildren(create("caption", {}, rows.length ? caption : "None."),
+        create("thead", {}, create("tr", {}, ...head)), create("tbody", {}, ...lines));
     if (hadFocus)
-        same?.focus({preventScroll: true});
+        [...table.querySelectorAll("button")].find(({value}) => value === focused.value)?.focus({preventScroll: true});
 }
 
 const share = (rows, total) => rows.length < total ? `${number(rows.length)} of ${number(total)}` : number(total);
@@ -291,8 +282,8 @@ for (const id of ["from", "to", "unit"])
         localStorage.setItem("unit", element("unit").value);
         refresh();
     });
-element("refresh").addEventListener("click", refresh);
-element("close").addEventListener("click", closeCall);
+element("refresh").onclick = refresh;
+element("close").onclick = closeCall;
 matchMedia("(prefers-color-scheme: dark)").addEventListener("change", refresh);
 element("unit").value = localStorage.getItem("unit") ?? "1";
 setInterval(() => document.hidden || refresh(), REFRESH_MS);
