@@ -113,7 +113,7 @@ def call(name, gcid="3-1", sn="A", event="QOS_NEAREND", seconds=None, loss=0, ji
 def test_queries(fleet):
     now = int(time.time())
     post(fleet, *(call("one", gcid=f"4-{number}") for number in range(100)), call("two"),
-         call("one", loss=1), call("one", event="QOS_FAREND", loss=1, seconds=now - 9),
+         call("one", loss=1, seconds=now), call("one", event="QOS_FAREND", loss=1, seconds=now - 9),
          call("one", sn="B", rtt=400, jitter=20), call("bad", sn="C", gcid="3-9", loss=15),
          call("bad", sn="C", gcid="3-9", loss=5), call("bad", sn="C", gcid="3-9", seconds=now - 4000),
          call("clock", sn="D", seconds=9, loss=2))
@@ -134,13 +134,14 @@ def test_queries(fleet):
                                                ("3-1", "clock", 1, 2, 0, 4.23), ("3-1", "one", 2, 1, 0, 4.33)]
     assert rows("worst_calls", "jitter_max mos", ms=0.5)[3] == (20, 4.35)
     assert rows("units", "unit rtcp_name reports loss_mean")[0] == ("C", "bad", 2, 10)
-    assert rows("silent", "unit", since=0, after=600, to=now + 5) == [("C",)]
+    [(unit, heartbeat, seen)] = rows("silent", "unit last_heartbeat last_report", since=0, after=600, to=now + 5)
+    assert (unit, heartbeat) == ("C", now - 601) and now <= seen < now + 60
     assert sorted(rows("silent", "unit", since=0, after=4, to=now + 5)) == [("A",), ("B",), ("C",), ("D",)]
     assert rows("reporting", "units calls reports") == [(4, 105, 107)]
     assert sum(day for day, in rows("days", "reports")) == 107
     trend = rows("trend", "t reports", step=600, ms=0.5)
     assert sum(reports for _, reports in trend) == 107 and all(step % 600 == 0 for step, _ in trend)
-    assert rows("call", "type loss", sn="A", name="one", gcid="3-1") == [("near_end", 1), ("far_end", 1)]
+    assert rows("call", "t type", sn="A", name="one", gcid="3-1") == [(now, "near_end"), (now - 9, "far_end")]
     assert set(QUERIES) == {"worst_calls", "units", "silent", "reporting", "days", "trend", "call"}
 
 

@@ -12,11 +12,11 @@ CURVES = ("return [...document.querySelectorAll('#call canvas')]"
 LATE = """
 const ask = fetch, answers = [], drawn = [];
 fetch = () => new Promise(resolve => answers.push(text => resolve({ok: true, text: () => text})));
-const shown = ["older", "newer"].map(() => show("days", {}, ([row]) => drawn.push(row)));
+const shown = ["older", "broken", "newer"].map(() => show("days", {}, ([row]) => drawn.push(row)));
 fetch = ask;
-answers[1]('{"data": ["newer"]}');
-shown[1].then(() => answers[0]('{"data": ["older"]}'));
-Promise.all(shown).then(() => arguments[0](drawn));"""
+answers[2]('{"data": ["newer"]}');
+shown[2].then(() => { answers[0]('{"data": ["older"]}'); answers[1]("broken"); });
+Promise.all(shown).then(() => arguments[0]([...drawn, parts.days.failure ?? "no failure"]));"""
 
 
 @pytest.fixture
@@ -35,7 +35,7 @@ def page(fleet, tmp_path):  # noqa: F811
 
 def fill(fleet, now):  # noqa: F811
     lines = [call(f"unit{unit}", gcid=f"3-{unit}", sn=f"U{unit}", event=event, seconds=now + step, loss=0.4, jitter=5)
-             for unit in range(4) for step in range(30) for event in ("QOS_NEAREND", "QOS_FAREND")]
+             for unit in range(4) for step in range(50) for event in ("QOS_NEAREND", "QOS_FAREND")]
     lines += [call("unit1", gcid="3-77", sn="U1", seconds=now + step, loss=9, jitter=60, rtt=300) for step in range(30)]
     lines += [call(name, gcid="<b>4</b>", sn="<i>", loss=3 - place) for place, name in enumerate(ODD)]
     post(fleet, *lines)
@@ -69,8 +69,8 @@ def test_page(fleet, page):  # noqa: F811
     assert page.switch_to.active_element.get_attribute("id") == "call"
     post(fleet, call("unit1", gcid="3-77", sn="U1", seconds=now + 40, loss=9, jitter=60, rtt=300))
     find("#calls th:nth-child(9) button").send_keys("\n")
-    assert texts("#calls tbody tr")[0].split("\t")[8] == "60"
-    wait_for(lambda: fleet.count("reports") == 274, 30, "for the new report")
+    assert texts("#calls tbody tr")[0].split("\t")[8] == "100"
+    wait_for(lambda: fleet.count("reports") == 434, 30, "for the new report")
     page.execute_script("window.old = document.querySelector('#calls tbody'); refresh()")
     wait_for(lambda: page.execute_script("return !old.isConnected") and page.execute_script(CURVES) == [31, 31, 31])
     assert page.switch_to.active_element.text.startswith("Reports")
@@ -86,7 +86,7 @@ def test_page(fleet, page):  # noqa: F811
     assert not find("#call").is_displayed() and page.switch_to.active_element.text == "<b>4</b>"
 
     # An answer that comes late does not replace a newer one. Without a unit there is no MOS.
-    assert page.execute_async_script(LATE) == ["newer"]
+    assert page.execute_async_script(LATE) == ["newer", "no failure"]
     find("#unit option[value='0']").click()
     wait_for(lambda: "–\nestimated MOS" in texts(".tile"), 30, "for the change of the unit")
     assert page.get_log("browser") == []
