@@ -4,6 +4,7 @@
 #include <map>
 #include <tuple>
 
+#include "log/simple_logger.h"
 #include "records/qos_packet.h"
 #include "unit/harness.h"
 #include "web/web_client.h"
@@ -112,10 +113,32 @@ TEST(WebClient, FillsItsBufferAndCountsWhatIsLost)
 TEST(WebClient, KeepsTheBatchWhenNoHandleIsIdle)
 {
     LogCapture log;
+    EXPECT_EQ(0, IdleClient(config_of("")).write(200));  // off
     faults.arm("curl_easy_init", 1, 1, true);
     IdleClient client(config_of("log.http=2\nelastic_url=http://127.0.0.1:1/"));
     EXPECT_EQ(200, client.write(200));
     client.wc_perform();
     EXPECT_EQ(" [INFO] Skipping http transmission - no available idle curl handles!\n", log.take());
     EXPECT_EQ(202, client.write(200));
+}
+
+TEST(HttpHanle, LogsTheTraceAndDropsTheAnswer)
+{
+    LogCapture log;
+    DebugGroup group(DBG_TRACE, "HTTP");
+    DBG->register_dbg_group(&group);
+    HttpHanle handle("http://127.0.0.1:1/", &group);
+    const auto trace = [](char* data, std::size_t size, void* userdata) {
+        return HttpHanle::curl_debug_callback(nullptr, CURLINFO_TEXT, data, size, userdata);
+    };
+    for (std::string text : {"Connected\n\n", "> POST /\r\n", "{", "\n"}) {
+        EXPECT_EQ(0, trace(text.data(), text.size(), &handle));
+        text = "[TRACE] " + text.substr(0, text.find('\n')) + "\n";
+        EXPECT_EQ(text == "[TRACE] \n" ? "" : text, log.take());
+    }
+    char data = '-';
+    EXPECT_EQ(0, trace(&data, 1, nullptr));
+    EXPECT_EQ(7, trace(nullptr, 7, &handle));
+    EXPECT_EQ(12U, HttpHanle::curl_write_resp_clbk(&data, 4, 3, &handle));
+    EXPECT_EQ(0U, HttpHanle::curl_write_resp_clbk(&data, 4, 3, nullptr));
 }
