@@ -181,6 +181,15 @@ def test_names_unreadable_lines_and_draws_the_rest(plot):
     assert "1.5 % at 03:43:20, good near end" in done.picture
 
 
+def test_plot_says_what_it_lacks(tmp_path):
+    (tmp_path / "it").write_text(call("it"))
+    for option, said in (("none", "none: No such file or directory"), (
+            "it", "cannot start gnuplot: No such file or directory; install gnuplot-nox, or use --list")):
+        done = run("voxstat-plot", option, cwd=tmp_path, env={"PATH": ""})
+        assert (done.returncode, done.stderr) == (1, f"voxstat-plot: {said}\n")
+    assert not (tmp_path / "it.png").exists()
+
+
 def test_picture_of_sessions(plot):
     rows = "".join(call("bad", loss=loss, jitter=40, rtt=seconds, seconds=seconds)
                    for seconds, loss in ((0, 2), (10, 2), (20, 3), (100, 2)))
