@@ -203,7 +203,7 @@ def test_picture_of_sessions(plot):
 
 
 def test_picture_of_summaries(plot):
-    rows = call("sum", EOS, jitter=12) + call("sum", "QOS_EOS_FAREND", loss=1) + call("0", EOS, -START)
+    rows = call("sum", EOS, 73020, jitter=12) + call("sum", "QOS_EOS_FAREND", 73020, 1) + call("0", EOS, -START)    # midnight
     assert texts(plot("--unit=ms", a=rows).picture) == expected("summary_picture.txt").splitlines()
 
 
