@@ -36,13 +36,16 @@ def statements(text):
     return [part for part in re.sub(r"(?m)^--.*\n?", "", text).split(";\n") if part.strip()]
 
 
+def parameter_map(name, kind):
+    """A parameter of a request that has passed its test, as it stands in the statement; any other as an empty one."""
+    pattern, form = KINDS[kind]
+    return f'map $arg_{name} $fleet_{name} {{ default "{form % ""}"; "~^{pattern}$" "{form % ("$arg_" + name)}"; }}'
+
+
 def query_location(name, text):
-    """The statement is fixed here; nginx puts in the parameters that have passed its test."""
-    parts = PARAMETER.split(" ".join(statements(text)[0].split()))
-    sql = urllib.parse.quote_plus(parts[0], safe="(),*=/:")
-    for parameter, kind, following in zip(parts[1::3], parts[2::3], parts[3::3]):
-        before, after = KINDS[kind][1].split("%s")
-        sql += before + f"$fleet_{parameter}" + after + urllib.parse.quote_plus(following, safe="(),*=/:")
+    """The statement is fixed here; nginx puts in the parameters."""
+    sql = urllib.parse.quote_plus(" ".join(statements(text)[0].split()), safe="(),*=/:{}")
+    sql = PARAMETER.sub(r"$fleet_\1", sql)
     return (f"        location = /query/{name} {{\n            set $args \"default_format=JSON&query={sql}\";\n"
             "            limit_except GET { deny all; }\n            proxy_pass http://fleet_engine/;\n        }")
 
@@ -70,8 +73,7 @@ def write_configuration(directory, nodes, listen, passwords, home=None, engine_l
             for host, port, _ in nodes),
         "UPSTREAMS": "\n".join(f"    server {host}:{port} max_fails=1 fail_timeout=5s;" for host, _, port in nodes),
         "LISTEN": "\n".join(f"    listen {address};" for address in listen),
-        "PARAMETERS": "\n".join(f"map $arg_{name} $fleet_{name} {{ default ''; \"~^{KINDS[kind][0]}$\" $arg_{name}; }}"
-                                for name, kind in parameters),
+        "PARAMETERS": "\n".join(parameter_map(name, kind) for name, kind in parameters),
         "QUERIES": "\n".join(query_location(name, text) for name, text in QUERIES.items()),
     }
     for name in ("engine.xml", "users.xml", "gateway.conf"):
