@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr const char* BLANKS = " \t";
+constexpr const char* BLANKS_AND_TABS = " \t";
 constexpr const char* KEY_END = " \t=:";
 constexpr const char* VALUE_END = " \t\n";
 
@@ -26,7 +26,7 @@ bool KeyValueParser::onlyWhitespace(const std::string& line) const
 
 bool KeyValueParser::validLine(std::string& line) const
 {
-    line.erase(0, line.find_first_not_of(BLANKS));
+    line.erase(0, line.find_first_not_of(BLANKS_AND_TABS));
     const std::size_t equals = line.find('=');
     if (equals == 0 || equals == std::string::npos)
         return false;
@@ -37,7 +37,7 @@ void KeyValueParser::extractKey(std::string& key, const unsigned long& /*sepPos*
                                 const std::string& line) const
 {
     key.clear();
-    const std::size_t start = line.find_first_not_of(BLANKS);
+    const std::size_t start = line.find_first_not_of(BLANKS_AND_TABS);
     if (start != std::string::npos)
         key = line.substr(start, line.find_first_of(KEY_END, start) - start);
 }
@@ -46,7 +46,7 @@ void KeyValueParser::extractValue(std::string& value, const unsigned long& sepPo
                                   const std::string& line) const
 {
     value.clear();
-    const std::size_t first = line.find_first_not_of(BLANKS, sepPos + 1);
+    const std::size_t first = line.find_first_not_of(BLANKS_AND_TABS, sepPos + 1);
     const std::size_t last = line.find_last_not_of(VALUE_END);
     if (first != std::string::npos && last != std::string::npos && last >= first)
         value = line.substr(first, last - first + 1);
@@ -59,7 +59,7 @@ void KeyValueParser::extractContents(const std::string& line)
     if (sepPos != std::string::npos && sepPos != 0)
         extractValue(value, sepPos, line);
     if (value.empty()) {
-        DBG->Log(DBG_INFO, "KeyValueParser::parseLine ignoring invalid line: " + line);
+        DBG->Log(DBG_INFO, {"KeyValueParser::parseLine ignoring invalid line: ", line});
         return;
     }
     std::string key;
