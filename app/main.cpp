@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -19,6 +20,7 @@
 namespace {
 
 constexpr const char* DEFAULT_CONFIG = "voxstat.cfg";
+constexpr std::array STOP_SIGNALS = {SIGTERM, SIGINT, SIGQUIT};
 
 void usage()
 {
@@ -48,7 +50,7 @@ void unblock_stop_signals()
 {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : {SIGTERM, SIGINT, SIGQUIT})
+    for (const int number : STOP_SIGNALS)
         sigaddset(&signals, number);
     (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);  // fails for a wrong request only
 }
@@ -64,12 +66,10 @@ void open_standard_descriptors()
 
 void install_stop_handlers()
 {
-    if (std::signal(SIGTERM, sig_handler) == SIG_ERR)
-        DBG->Log(DBG_ERROR, "Failed to register SIGTERM signal handler...");
-    if (std::signal(SIGINT, sig_handler) == SIG_ERR)
-        DBG->Log(DBG_ERROR, "Failed to register SIGINT signal handler...");
-    if (std::signal(SIGQUIT, sig_handler) == SIG_ERR)
-        DBG->Log(DBG_ERROR, "Failed to register SIGQUIT signal handler...");
+    for (const int number : STOP_SIGNALS)
+        if (std::signal(number, sig_handler) == SIG_ERR)
+            DBG->Log(DBG_ERROR,
+                     {"Failed to register SIG", sigabbrev_np(number), " signal handler..."});
 }
 
 // Null when the file cannot be opened, which is said on standard output.
