@@ -89,13 +89,14 @@ void c_library_of_one_report(benchmark::State& state)
 {
     const Texts texts;
     for (auto _ : state) {
-        const std::string time = Utils::t_stamp_tz(
-            {.tv_sec = std::atol(texts.seconds), .tv_usec = std::atol(texts.microseconds)});
+        Utils::Stamp time;
+        Utils::t_stamp_tz(
+            {.tv_sec = std::atol(texts.seconds), .tv_usec = std::atol(texts.microseconds)}, time);
         char* line = nullptr;
         char* json = nullptr;
         if (asprintf(&line,
                      "%30.30s %9.9s %11.11s %8.8s %15.15s %5d %7d %4d %5.1f %6d %5d %10s %5.5s %s",
-                     time.c_str(), "3-1016", "2.117", "near_end", "203.0.113.5",
+                     time.data(), "3-1016", "2.117", "near_end", "203.0.113.5",
                      std::atoi(texts.port), std::atoi(texts.packets), std::atoi(texts.lost),
                      std::atof(texts.lost_percent), std::atoi(texts.jitter), std::atoi(texts.rtt),
                      "3735928559", "12345678901", "unit7a") < 0 ||
