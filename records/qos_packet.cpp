@@ -120,10 +120,10 @@ consteval std::array<std::uint8_t, SLOT_COUNT> key_slots()
 }
 constexpr std::array<std::uint8_t, SLOT_COUNT> KEY_SLOTS = key_slots();
 
-constexpr const char* NEAREND = "QOS_NEAREND";
-constexpr const char* FAREND = "QOS_FAREND";
-constexpr const char* EOS_NEAREND = "QOS_EOS_NEAREND";
-constexpr const char* EOS_FAREND = "QOS_EOS_FAREND";
+constexpr std::string_view NEAREND = "QOS_NEAREND";
+constexpr std::string_view FAREND = "QOS_FAREND";
+constexpr std::string_view EOS_NEAREND = "QOS_EOS_NEAREND";
+constexpr std::string_view EOS_FAREND = "QOS_EOS_FAREND";
 
 constexpr const char* NEAR_END_WORD = "near_end";
 constexpr const char* FAR_END_WORD = "far_end";
@@ -211,9 +211,9 @@ void QoSPacket::store(std::size_t index, std::string_view value)
     field[value.size()] = '\0';
 }
 
-bool QoSPacket::has_type(const char* type) const
+bool QoSPacket::has_type(std::string_view type) const
 {
-    return std::strcmp(text_of(TYPE), type) == 0;
+    return text_of(TYPE) == type;
 }
 
 bool QoSPacket::is_eos() const

@@ -15,7 +15,8 @@ class QoSPacket {
 public:
     // Parses a zero-terminated report and builds its lines. serial is the unit's serial number,
     // used when the report carries none; it may be empty and is cut after 1023 characters.
-    // Bad input is logged and leaves fields or lines empty; it never throws for it.
+    // Bad input is logged and leaves fields or lines empty, and so does a lack of memory for the
+    // lines. Never throws.
     QoSPacket(const char* text, const std::string& serial);
     ~QoSPacket();
     QoSPacket(const QoSPacket&) = delete;
@@ -35,8 +36,8 @@ public:
     bool is_not_eos() const;
 
     // Builds the statistics line in the layout of the event type, in place of an earlier one.
-    // Returns its length, or a negative number for an unknown event or a failed allocation. Called
-    // by the constructor.
+    // Returns its length in characters, or a negative number for an unknown event or a failed
+    // allocation. Called by the constructor.
     int fmt_log_string();
 
     // The fixed-column statistics line and the JSON line around it, both without a line end; the
@@ -61,7 +62,7 @@ private:
     int int_of(std::size_t index) const;
     double double_of(std::size_t index) const;
     timeval time_of(std::size_t seconds_index, std::size_t microseconds_index) const;
-    bool has_type(const char* type) const;
+    bool has_type(std::string_view type) const;
 
     char* _log_string = nullptr;                                    // from asprintf, owned
     char* _http_log_string = nullptr;                               // from asprintf, owned
