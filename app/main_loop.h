@@ -21,8 +21,8 @@ class ConfigFile;
 class MainLoop {
 public:
     // Builds receiver, file logger and web client and reads the unit's serial number. When a
-    // component cannot be built, logs the reason and ends the process with status 0. The
-    // configuration must outlive the object.
+    // component cannot be built, logs the reason and ends the process with status 0. Throws
+    // std::bad_alloc. The configuration must outlive the object.
     explicit MainLoop(ConfigFile* main_config);
 
     // Deletes receiver, file logger and web client, in this order.
@@ -31,10 +31,12 @@ public:
     MainLoop& operator=(const MainLoop&) = delete;
 
     // Runs until stop() is called, then stops the components. Once per process. A stop() that came
-    // before is lost: the flag is raised here.
+    // before is lost: the flag is raised here. A lack of memory costs the report or the voice
+    // record in hand, and never ends the loop.
     void start();
 
-    // Any thread, and signal handlers: the flag is a lock-free atomic.
+    // isRunning() tells whether the loop is to go on; stop() ends it after the pass under way. Any
+    // thread, and signal handlers: the flag is a lock-free atomic.
     static bool isRunning() { return running; }
     static void stop() { running = false; }
 

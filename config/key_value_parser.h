@@ -24,11 +24,12 @@ public:
     // loader does without it: extractContents() skips what it cannot use.
     bool validLine(std::string& line) const;
 
-    // The key is the first word of the line, ended by a tab, a blank, '=' or ':'.
+    // Sets key to the first word of the line, which a tab, a blank, '=' or ':' ends. It may be
+    // empty. The position of the separator is not used.
     void extractKey(std::string& key, const unsigned long& sepPos, const std::string& line) const;
 
-    // The value is what follows the separator at sepPos, without tabs and blanks around it.
-    // Empty when nothing follows.
+    // Sets value to what follows the separator at sepPos, without tabs and blanks around it. Empty
+    // when nothing follows.
     void extractValue(std::string& value, const unsigned long& sepPos,
                       const std::string& line) const;
 
@@ -39,6 +40,7 @@ public:
     // The same; the line number is not used.
     void parseLine(const std::string& line, unsigned long line_number);
 
+    // Whether a line has given this key.
     bool keyExists(const std::string& key) const;
 
     // The stored value, converted as atoi and atof do (text that is no number gives 0), or

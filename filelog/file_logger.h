@@ -32,7 +32,7 @@ class FileLogger {
 public:
     // Reads the configuration, creates files, locks and writer thread. A file, lock or thread
     // that cannot be created is logged and construction completes without it.
-    // Throws std::invalid_argument for a null configuration.
+    // Throws std::invalid_argument for a null configuration, and std::bad_alloc.
     explicit FileLogger(ConfigFile* config);
 
     // Destroys the files. fl_stop() must have been called: the thread is not waited for.
@@ -62,9 +62,9 @@ public:
 
     // One write step for one file: moves the whole 1024-byte blocks of its buffer, or all of it
     // when the tail is old, the file is to rotate or force is set. sync makes the file object flush
-    // it to disk. Throws what FileObject::fobj_write throws; the block is lost when the file could
-    // not be opened. Throws std::bad_alloc when there is no memory for the block, which stays
-    // buffered. Writer thread only.
+    // it to disk. Throws what FileObject::fobj_write throws; the block is not tried again. Throws
+    // std::bad_alloc when there is no memory for the block, which stays buffered. Writer thread
+    // only.
     void fl_write_file(Qos_Stat_Type type, bool sync, bool force);
 
     // The same for the voice dump; also adapts the writer's pause to the voice traffic.

@@ -23,7 +23,7 @@ constexpr std::size_t CLOCK_WIDTH = 12;
 constexpr long LAST_FOUR_DIGIT_YEAR = 253402300799;  // the end of 9999
 constexpr long SECONDS_PER_DAY = 86400;
 
-// The keys whose values reach a line. Texts that no report sets are empty.
+// The values by key, which stands here without its prefix; empty where the report gives none.
 using Fields = std::map<std::string, std::string>;
 
 constexpr std::array KNOWN_KEYS = {

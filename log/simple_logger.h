@@ -31,8 +31,10 @@ public:
     SimpleLogger& operator=(const SimpleLogger&) = delete;
 
     // Reads log.file and log.default, registers the group "DEFAULT", starts the writer thread and
-    // creates the log file object. Main thread, once, before any other thread of the program
-    // exists; does nothing for a null configuration or when already initialised.
+    // creates the log file object. Does nothing for a null configuration or when already
+    // initialised. Reports failures on standard output: without lock or thread all messages go
+    // there as bare text, without the file object as lines. Throws std::bad_alloc. Main thread,
+    // once, before any other thread of the program exists.
     void init(ConfigFile* config);
 
     // Adds a group and returns its index, or -1, with the group unchanged, for null and for a group
@@ -65,12 +67,12 @@ public:
     // Thread entry; the argument is the logger. Returns null.
     static void* dbg_execute(void* logger);
 
-    // The writer loop.
+    // The writer thread's body.
     void dbg_run();
 
     // One writer pass: whole blocks, or everything when flush_all is set or a tail is old enough.
-    // Passes sync on to the file. Throws what FileObject::fobj_write throws; the block is lost
-    // then. Throws std::bad_alloc when there is no memory for the block, which stays buffered.
+    // Passes sync on to the file. Throws what FileObject::fobj_write throws; the block is not tried
+    // again. Throws std::bad_alloc when there is no memory for the block, which stays buffered.
     // Writer thread only.
     void dbg_write_file(bool sync, bool flush_all);
 

@@ -30,8 +30,8 @@ class QoSPacket;
 class WebClient : public LoggerHelper {
 public:
     // Reads elastic_url and log.http, builds the handles and starts the workers. An empty URL or
-    // a failure switches reporting off, with a message; it never throws for the configuration.
-    // Main thread.
+    // a failure switches reporting off, with a message; it never throws for the configuration, but
+    // throws std::bad_alloc. Main thread.
     explicit WebClient(ConfigFile* config);
 
     // Stops the workers, deletes the handles and logs what was sent.
@@ -53,8 +53,9 @@ public:
     // The worker's body.
     void wc_run();
 
-    // One look at the buffer and, when a batch is due, one transmission. Throws std::bad_alloc when
-    // there is no memory for the batch, which stays in the buffer.
+    // One look at the buffer and, when a batch is due, one transmission, which takes as long as
+    // libcurl lets it. Throws std::bad_alloc when there is no memory for the batch, which stays in
+    // the buffer. Worker threads.
     void wc_perform();
 
 private:
