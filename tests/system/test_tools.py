@@ -75,7 +75,9 @@ def test_sim_plays_calls():
             struct.pack(">HHII", 0x8000, (sequence + i) % 2**16, (stamp + 160 * i) % 2**32, ssrc) + 160 * b"\xff",
             None, source, target, *divmod(start + 20000 * i, 10**6)) for i in range(200))
         assert f"SSRC={ssrc} " in text
-        assert str(ssrc).encode() not in b"".join(sim("--duration=20", "--speed=10000", "--seed=2")[1])
+        again = sim("--duration=20", "--speed=10000", "--seed=2")
+        assert f"SSRC={ssrc}\n".encode() not in b"".join(again[1])
+        assert re.match(r"20 simulated seconds of 6 calls .*:\n +24 session", again[0])
 
 
 def test_sim_sends_load():
@@ -92,9 +94,9 @@ def test_sim_sends_load():
     assert float(re.search(r"seconds=(\S+)", said)[1]) >= 0.49
     assert [(datagram[:4], datagram[36:]) for datagram in voice] == [
         (struct.pack(">I", 160), struct.pack(">I", number) + 144 * b"\xff") for number in range(1, 51)]
-    done = run("voxstat-sim", f"--port={free_ports()}", "--load=eos", "--count=4")      # nobody listens
-    sent, refused = map(int, re.search(r" sent=(\d) .* refused=(\d) ", done.stdout).groups())
-    assert done.returncode == 1 and refused > 0 and sent + refused == 4
+    done = run("voxstat-sim", f"--port={free_ports()}", "--load=eos")       # nobody listens
+    sent, refused = map(int, re.match(r"load=eos first=1 count=1000 sent=(\d+) .* refused=(\d+) ", done.stdout).groups())
+    assert done.returncode == 1 and refused > 0 and sent + refused == 1000
 
 
 EOS = "QOS_EOS_NEAREND"
