@@ -94,9 +94,15 @@ def test_sim_sends_load():
     assert float(re.search(r"seconds=(\S+)", said)[1]) >= 0.49
     assert [(datagram[:4], datagram[36:]) for datagram in voice] == [
         (struct.pack(">I", 160), struct.pack(">I", number) + 144 * b"\xff") for number in range(1, 51)]
-    done = run("voxstat-sim", f"--port={free_ports()}", "--load=eos")       # nobody listens
-    sent, refused = map(int, re.match(r"load=eos first=1 count=1000 sent=(\d+) .* refused=(\d+) ", done.stdout).groups())
-    assert done.returncode == 1 and refused > 0 and sent + refused == 1000
+
+
+def test_sim_counts_what_is_refused():
+    load = run("voxstat-sim", f"--port={free_ports()}", "--load=eos")
+    sent, refused = map(int, re.match(r"load=eos first=1 count=1000 sent=(\d+) .* refused=(\d+) ", load.stdout).groups())
+    assert load.returncode == 1 and refused > 0 and sent + refused == 1000
+    calls = run("voxstat-sim", f"--port={free_ports()}", "--duration=20", "--speed=10000")
+    assert calls.returncode == 1 and re.search(
+        r" ([1-9]\d*) datagrams could not be sent: \1 refused, 0 for want of buffers, 0 otherwise\n$", calls.stdout)
 
 
 EOS = "QOS_EOS_NEAREND"
