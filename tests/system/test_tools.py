@@ -200,12 +200,12 @@ def test_plot_says_what_it_lacks(tmp_path):
 
 def test_picture_of_sessions(plot):
     rows = "".join(call("bad", loss=loss, jitter=40, rtt=seconds, seconds=seconds)
-                   for seconds, loss in ((0, 2), (10, 2), (20, 3), (100, 2)))
+                   for seconds, loss in ((0, 2), (10, 2), (20, 3), (30, 2), (40, 2), (100, 2)))
     rows += call("fine", "QOS_FAREND", loss=0.9) + "".join(call(f"c{i}") for i in range(7))
     svg = plot("--unit=ms", a=rows, b="").picture
     assert texts(svg) == expected("session_picture.txt").splitlines()
     worst = re.findall(r"<path stroke='rgb\(214, +39, +40\)' +d='([^']*)'", svg)
-    assert [(path.count("M"), path.count(",")) for path in worst] == [(1, 2)] + 4 * [(2, 4)]     # a gap breaks the curve
+    assert [(path.count("M"), path.count(",")) for path in worst] == [(1, 2)] + 4 * [(2, 6)]     # a gap breaks the curve
     plain = texts(plot("--loss=3.1", "--jitter=41", a=rows).picture)
     assert {"3.0 % at 03:43:40, bad near end", "Jitter, as reported", "Round trip, as reported"} < set(plain)
 
