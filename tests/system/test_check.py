@@ -56,7 +56,7 @@ def test_findings(write, case):
     config = write(*(row if row[0] == "#" else row.replace(r"\r", "\r").replace(r"\ufeff", "\ufeff") for row in rows))
     for number, row in enumerate(rows, 1):
         if row.startswith("#$"):
-            subprocess.run(row[2:], shell=True, cwd=config.parent, check=True)
+            subprocess.run(row[2:].replace("USER", USER), shell=True, cwd=config.parent, check=True)
         elif row.startswith("#!"):
             findings.append(place + row[3:])
         else:
