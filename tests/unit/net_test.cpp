@@ -1,6 +1,7 @@
 // The receiver.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <vector>
 
 #include "net/net_receiver.h"
@@ -20,6 +21,11 @@ TEST(Receiver, ReadsEveryDatagram)
     faults.any_port = true;
     ConfigFile config = config_of("log.network=2\nqos_port=70000");
     std::vector<char> buffer(SIZE + 1, '#');
+    const auto open_files = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    send_udp(1, "");  // opens the sender's socket
+    const auto before = open_files();
     {
         NamedReceiver receiver(&config);
         EXPECT_EQ("NET", receiver.group_name());
@@ -36,7 +42,8 @@ TEST(Receiver, ReadsEveryDatagram)
         EXPECT_EQ('\0', buffer[SIZE - 1]);
         EXPECT_EQ('#', buffer[SIZE]);
         EXPECT_EQ(5, qos());
-        EXPECT_EQ(0, qos());
+        EXPECT_EQ(0, receiver.ReceiveQoSPacket(buffer.data(), 0));  // nothing is read
+        EXPECT_EQ(0, receiver.ReceiveQoSPacket(buffer.data(), 1));  // the empty one
         EXPECT_EQ(3, voice());
         EXPECT_EQ(-1, voice());
         EXPECT_EQ(1, receiver.WaitForPackets(60000));
@@ -48,6 +55,7 @@ TEST(Receiver, ReadsEveryDatagram)
         EXPECT_EQ(0, qos());
         EXPECT_EQ(0, voice());
     }
+    EXPECT_EQ(before, open_files());
     const auto said = [](int qos, int voice) {
         std::string text;
         for (const char* const what : {"is listening on", "closing"})
