@@ -149,30 +149,30 @@ void Faults::set_watch(Watch new_watch)
     watch = std::move(new_watch);
 }
 
+static Faults* shared(const char* path)
+{
+    const int fd = __real_open(path, O_RDWR | O_CLOEXEC, 0);
+    if (ftruncate(fd, sizeof(Faults)) != 0)
+        abort();
+    void* const memory = mmap(nullptr, sizeof(Faults), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    return static_cast<Faults*>(memory);
+}
+
 Faults& Faults::self()
 {
     static constinit Faults own;
     static constinit std::atomic<Faults*> used;
     if (used == nullptr) {
         const char* const path = std::getenv("VOXSTAT_FAULTS");
-        used = path == nullptr ? &own : &shared(path);
+        used = path == nullptr ? &own : shared(path);
     }
     return *used;
 }
 
-Faults& Faults::shared(const char* path)
-{
-    const int fd = __real_open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (ftruncate(fd, sizeof(Faults)) != 0)
-        abort();
-    void* const memory = mmap(nullptr, sizeof(Faults), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    return *static_cast<Faults*>(memory);
-}
-
 void Faults::arm(std::string_view function, int n, int error, bool onwards)
 {
-    Calls& armed = _calls[id(function)];
+    Calls& armed = switches[id(function)];
     armed.first = 0;
     armed.made = 0;
     armed.error = error;
@@ -183,7 +183,7 @@ void Faults::arm(std::string_view function, int n, int error, bool onwards)
 void Faults::refuse_memory(int n, int times)
 {
     arm("allocation", n, ENOMEM);
-    _calls[id("allocation")].end = n + times;
+    switches[id("allocation")].end = n + times;
 }
 
 void Faults::disarm()
@@ -196,7 +196,7 @@ int Faults::next_call(std::size_t function, long argument, long second)
 {
     if (watch)
         watch(FUNCTIONS[function], argument, second);
-    Calls& counted = _calls[function];
+    Calls& counted = switches[function];
     return counted.next_fails() ? errno = counted.error : 0;
 }
 
@@ -208,12 +208,12 @@ bool Faults::Calls::next_fails()
 
 bool Faults::refuses_memory()
 {
-    return calls("poll") > 0 && _calls[id("allocation")].next_fails();
+    return calls("poll") > 0 && switches[id("allocation")].next_fails();
 }
 
 void Faults::set_root(const std::string& directory)
 {
-    _root.at(directory.copy(_root.data(), _root.size() - 1)) = '\0';
+    root.at(directory.copy(root.data(), root.size() - 1)) = '\0';
 }
 
 std::array<char, 512> Faults::mapped(const char* path) const
@@ -221,6 +221,6 @@ std::array<char, 512> Faults::mapped(const char* path) const
     const std::string_view given = path;
     const bool fixed = given.starts_with("/var/log/") || given.starts_with("/home/build/");
     std::array<char, 512> result;
-    std::snprintf(result.data(), result.size(), "%s%s", fixed ? _root.data() : "", path);
+    std::snprintf(result.data(), result.size(), "%s%s", fixed ? root.data() : "", path);
     return result;
 }

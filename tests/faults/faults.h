@@ -23,15 +23,23 @@ struct Faults {
     // clang-format on
     static constexpr int SHORT_COUNT = -1;  // as the error of write(): half of the bytes go out
 
+    // A test that shares the switches sets these three, in this layout.
+    struct Calls {
+        std::atomic<int> made, first, end, error;  // those from the first to before the end fail
+        bool next_fails();
+    };
+    std::array<Calls, FUNCTIONS.size()> switches;
+    std::atomic<long> clock_shift;  // seconds added to the clock
+    std::array<char, 256> root{};   // see set_root()
+
     static Faults& self();
-    // Maps the file, made when it is missing, until the process ends.
-    static Faults& shared(const char* path);
 
     // The n-th call of the function from now on, 1 being the next, fails with the error: an errno,
     // for pthread_* the result and for curl_easy_* the CURLcode. Onwards: so do all after it.
     void arm(std::string_view function, int n, int error, bool onwards = false);
-    void disarm();                                                                    // all of them
-    int calls(std::string_view function) const { return _calls[id(function)].made; }  // since arm()
+    void disarm();  // all of them
+    // How many since then.
+    int calls(std::string_view function) const { return switches[id(function)].made; }
 
     // The same of all allocations, so many in a row. They count from the first wait for input on: a
     // lack of memory before that may end the daemon. In what is linked with memory.cpp.
@@ -49,7 +57,6 @@ struct Faults {
     // took instead while any_port is set.
     std::array<std::atomic<int>, 2> asked_ports, ports;
     std::atomic<bool> any_port;
-    std::atomic<long> clock_shift;      // seconds added to the clock
     std::atomic<long> clock_stands_at;  // unless 0, the second at which it stands still
     std::atomic<bool> skip_pauses;      // usleep() returns at once
 
@@ -68,12 +75,4 @@ struct Faults {
     }
 
     static Watch watch;
-
-private:
-    struct Calls {
-        std::atomic<int> made, first, end, error;  // those from the first to before the end fail
-        bool next_fails();
-    };
-    std::array<Calls, FUNCTIONS.size()> _calls;
-    std::array<char, 256> _root{};
 };

@@ -3,6 +3,7 @@
 The model computes what a report or a voice record should look like in the files. It shares no code with
 the daemon. Everything runs on free ports and below a temporary directory that goes with the test.
 """
+import itertools
 import json
 import os
 import random
@@ -179,10 +180,13 @@ def web():
 STAMP = re.compile(r"^[A-Z][a-z]{2}-\d\d \d\d:\d\d:\d\d\.\d{3} {2,3}(\[[A-Z]+\]) \[0x[0-9a-f]{1,6}\]", re.M)
 
 
+# Below the range that the kernel gives to clients. No two daemons of one test program get the same.
+PORTS = itertools.cycle(random.sample(range(10000, 32000, 2), 11000))
+
+
 def free_ports():
-    """Two ports in a row that nobody has now, below the range that the kernel gives to clients."""
-    while True:
-        port = random.randrange(10000, 32000, 2)
+    """Two ports in a row that nobody has now."""
+    for port in PORTS:
         try:
             with socket.socket(type=socket.SOCK_DGRAM) as one, socket.socket(type=socket.SOCK_DGRAM) as two:
                 one.bind(("", port))

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "log/simple_logger.h"
 
@@ -132,57 +133,4 @@ std::string LogCapture::bare(const std::string& log)
                                        R"(( ?\[[A-Z]+\]) \[0x[0-9a-f]{1,6}\])");
     const std::string text = std::regex_replace("\n" + log, decoration, "$1");
     return std::regex_replace(text, std::regex("\n\n+"), "\n").substr(1);
-}
-
-HttpServer::HttpServer() : _socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-{
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    bind(_socket, reinterpret_cast<const sockaddr*>(&address), size);
-    listen(_socket, SOMAXCONN);
-    getsockname(_socket, reinterpret_cast<sockaddr*>(&address), &size);
-    url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/qos";
-    _acceptor = std::jthread([this] {
-        for (int fd; (fd = accept4(_socket, nullptr, nullptr, SOCK_CLOEXEC)) != -1;)
-            _connections.emplace_back([this, fd] { serve(fd); });
-    });
-}
-
-HttpServer::~HttpServer()
-{
-    _stopping = true;
-    shutdown(_socket, SHUT_RDWR);
-    _acceptor.join();
-    _connections.clear();
-    close(_socket);
-}
-
-void HttpServer::serve(int fd)
-{
-    static const std::string END = "\r\n\r\n", LENGTH = "Content-Length: ";
-    const timeval look_up = {.tv_sec = 0, .tv_usec = 50000};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &look_up, sizeof look_up);
-    std::string data;
-    std::vector<char> piece(1 << 16);
-    for (ssize_t n; (n = recv(fd, piece.data(), piece.size(), 0)) != 0 && !_stopping;) {
-        data.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
-        const std::size_t end = data.find(END), at = data.find(LENGTH);
-        const std::size_t length = at < end ? std::stoul(data.substr(at + LENGTH.size())) : 0;
-        if (end == std::string::npos || data.size() - end - END.size() < length)
-            continue;
-        {
-            const std::lock_guard lock(_mutex);
-            _requests.push_back({data.substr(end + END.size())});
-        }
-        data.clear();
-        const std::string answer = "HTTP/1.1 200 OK\r\n" + LENGTH + "4" + END + "fine";
-        send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
-    }
-    close(fd);
-}
-
-std::vector<HttpServer::Request> HttpServer::requests()
-{
-    const std::lock_guard lock(_mutex);
-    return _requests;
 }

@@ -1,18 +1,14 @@
-// What the tests stand on: temporary directories, the log, and a web server that records what it
-// is sent. Every wait ends at an event or at its deadline.
+// What the tests stand on: temporary directories and the log. Every wait ends at an event or at its
+// deadline.
 // The log, the clock and the faults belong to the process and are not put back: each test runs in
 // a process of its own, as ctest starts them.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "config/config_file.h"
 #include "faults/faults.h"
@@ -50,25 +46,4 @@ struct LogCapture {
     // stamps and thread identifiers: "[ERROR] text", " [WARN] text".
     static std::string take(const std::function<void()>& action = [] {});
     static std::string bare(const std::string& log);
-};
-
-// A web server on loopback that records the body of every request and answers "200 OK".
-class HttpServer {
-public:
-    struct Request {
-        std::string body;
-    };
-    HttpServer();
-    ~HttpServer();
-    std::vector<Request> requests();
-    std::string url;
-
-private:
-    void serve(int fd);
-    int _socket;
-    std::atomic<bool> _stopping{false};
-    std::mutex _mutex;  // guards _requests
-    std::vector<Request> _requests;
-    std::vector<std::jthread> _connections;
-    std::jthread _acceptor;
 };

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "log/simple_logger.h"
 #include "unit/harness.h"
