@@ -233,9 +233,8 @@ class Fleet:
             return 0, str(error).encode()
 
     def query(self, query, /, **parameters):
-        """(status, body) of one of the queries as a viewer; texts in UTF-8 or bytes."""
-        words = {key: value if isinstance(value, (int, float)) else
-                 (value if isinstance(value, bytes) else value.encode()).hex() for key, value in parameters.items()}
+        """(status, body) of one of the queries as a viewer."""
+        words = {key: value.encode().hex() if isinstance(value, str) else value for key, value in parameters.items()}
         return self.request(f"/query/{query}?" + urllib.parse.urlencode(words), "viewer")
 
     def stop(self):
