@@ -52,7 +52,7 @@ def wait_for(condition, seconds=30, what=""):
 
 def expected(name):
     """A text that a user reads, with capitals in place of what changes from run to run."""
-    return (ROOT / "tests/system/expected" / name).read_text()
+    return (ROOT / "tests/system/data" / name).read_text()
 
 
 # --- the formats --------------------------------------------------------------------------------
