@@ -65,7 +65,10 @@ def test_every_report_of_twenty_units(fleet, start):
                 "LOST_LOST_SINCE_LAST_REPORT_PERCENT": 12345, "SSRC": "longer123456", "TIME_STAMP_SEC": 0})
     units[0].send(*(report(**fields).encode("utf-8", "surrogateescape") for fields in odd))
     sent = sum(int(re.search(r"(\d+) session reports", run.communicate()[0])[1]) for run in traffic)
-    expected = sent + len(HOSTILE) + 1
+    wait_for(lambda: all(unit.drained() for unit in units), 60, "for the last datagrams")
+    dropped = sum(unit.sockets()[0][1] for unit in units)       # by the kernel of a busy machine
+    assert dropped < sent / 10
+    expected = sent + len(HOSTILE) + 1 - dropped
     wait_for(lambda: fleet.count("reports") >= expected, 60, f"for all {expected} reports")
     assert fleet.count("heartbeats") == 0
     subprocess.run([BUILD / "tools/check/voxstat-check", "-f", units[9].directory / "voxstat.cfg", "--post"])
