@@ -86,6 +86,7 @@ def test_what_keeps_the_daemon_from_starting(write):
         "error: there is no such file, and the daemon would end at once; name it with -f FILE")
     assert check(write().parent / "stat") == (2, [
         "error: this is a directory, and the daemon would run on its defaults; name the file in it", "1 error, 0 warnings"])
+    assert first(Path("/dev/null")) == "error: this is no regular file; name the configuration with -f FILE"
 
 
 @pytest.mark.parametrize("row", expected("answers.txt").splitlines())

@@ -23,16 +23,21 @@ constexpr const char* PACKAGE_USER = "voxstat";
 constexpr const char* PACKAGE_DIRECTORY = "/var/lib/voxstat/";
 constexpr std::uint64_t MIB = 1048576;
 
+std::string parent_of(const std::string& directory)  // which ends in a slash
+{
+    return fs::absolute(directory).parent_path().parent_path();
+}
+
 // The daemon makes the last component only, and with a mode that keeps everybody else out.
 void find_missing(const OutputFile& file, const DaemonUser& user, Findings& findings)
 {
-    const fs::path parent = fs::absolute(file.directory).parent_path().parent_path();
+    const std::string parent = parent_of(file.directory);
     const std::string remedy =
         "; make it: install -d -o " + user.name() + " -m 750 " + file.directory;
     std::error_code ignored;
     if (!fs::is_directory(parent, ignored))
-        findings.error(file.line, file.directory, " is missing and cannot be made, since ",
-                       parent.string(), " is missing too", remedy);
+        findings.error(file.line, file.directory, " is missing and cannot be made, since ", parent,
+                       " is missing too", remedy);
     else if (user.access(parent, W_OK | X_OK) != 0)
         findings.error(file.line, file.directory, " is missing and cannot be made by the user ",
                        user.name(), remedy);
@@ -41,8 +46,26 @@ void find_missing(const OutputFile& file, const DaemonUser& user, Findings& find
                          "mode 0744, so that nobody else could enter", remedy);
 }
 
+// Systemd gives the packaged service a root of its own, most of which cannot be written. Only the
+// service itself sees which part can.
+void find_confined(const OutputFile& file, const DaemonUser& user, Findings& findings)
+{
+    if (geteuid() != 0 || user.name() != PACKAGE_USER ||
+        file.directory.starts_with(PACKAGE_DIRECTORY) ||
+        file.directory == std::string(limits::LOG_DIRECTORY) + '/')
+        return;
+    if (file.directory.starts_with("/tmp/") || file.directory.starts_with("/var/tmp/"))
+        findings.warning(file.line, "the packaged service has a /tmp and a /var/tmp of its own, ",
+                         "which vanish when it stops; write a directory elsewhere");
+    else
+        findings.note(file.line, "the packaged service may write to ", file.directory,
+                      " only if its unit allows it; systemctl edit voxstat, [Service] ",
+                      "ReadWritePaths=", file.directory, ", and in /home or /root ProtectHome=no");
+}
+
 void check_directory(const OutputFile& file, const DaemonUser& user, Findings& findings)
 {
+    find_confined(file, user, findings);
     struct stat info {};
     if (stat(file.directory.c_str(), &info) != 0 && errno == ENOENT) {
         find_missing(file, user, findings);
@@ -53,14 +76,15 @@ void check_directory(const OutputFile& file, const DaemonUser& user, Findings& f
         findings.error(file.line, file.directory,
                        " is read-only; under systemd allow it: systemctl ",
                        "edit voxstat, [Service] ReadWritePaths=", file.directory);
+    else if (error == ENOTDIR)
+        findings.error(file.line, file.directory, " is no directory; write another");
+    else if (const std::string parent = parent_of(file.directory); user.access(parent, X_OK) != 0)
+        findings.error(file.line, file.directory, " cannot be reached by the user ", user.name(),
+                       ", who may not enter ", parent, "; write a directory elsewhere");
     else if (error != 0)
         findings.error(file.line, file.directory, " cannot be written by the user ", user.name(),
-                       ": ", std::strerror(error), "; chown ", user.name(), ' ', file.directory);
-    else if (geteuid() == 0 && user.name() == PACKAGE_USER &&
-             !file.directory.starts_with(PACKAGE_DIRECTORY) &&
-             file.directory != std::string(limits::LOG_DIRECTORY) + '/')
-        findings.note(file.line, "the packaged service may write to ", file.directory,
-                      " only if its unit allows it; see journalctl -u voxstat after the start");
+                       ": ", std::strerror(error), "; chown ", user.name(), ' ', file.directory,
+                       " if it is for the daemon alone, otherwise write another directory");
 }
 
 // A file that somebody else has made, by a trial run as root for example, is as bad as none.

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <set>
 #include <system_error>
 
@@ -94,9 +95,9 @@ std::vector<std::string> log_paths(const Settings& settings, const Process& daem
     return paths;
 }
 
-// Returns how many losses the log tells of.
-unsigned long find_log_losses(const Settings& settings, const Process& daemon,
-                              const OutputFile& last_file, Findings& findings)
+// Returns how many losses the log tells of; nothing when it was not read.
+std::optional<unsigned long> find_log_losses(const Settings& settings, const Process& daemon,
+                                             const OutputFile& last_file, Findings& findings)
 {
     LossLog log(daemon.started());
     bool is_read = false;
@@ -108,10 +109,12 @@ unsigned long find_log_losses(const Settings& settings, const Process& daemon,
         if (kind.count != 0)
             findings.warning(0, "lost: ", kind.lost, ": ", kind.count, "; ", kind.remedy);
     }
-    if (!is_read)
+    if (!is_read) {
         findings.note(0, "the log was not read, and it may tell of more; journalctl _PID=",
                       daemon.id(), " | grep -E 'OVERFLOW|[Ff]ailed|Dropped|ignoring what'");
-    else if (settings.number(keys::LOG_DEFAULT) == DBG_ERROR)
+        return std::nullopt;
+    }
+    if (settings.number(keys::LOG_DEFAULT) == DBG_ERROR)
         findings.note(0, "log.default hides what the daemon itself drops; set log.default = 1");
     return losses;
 }
@@ -149,7 +152,8 @@ void show_daemon(const Settings& settings, const std::string& config_path, Findi
         findings.warning(0, "the file is younger than the daemon, which reads it once; systemctl ",
                          "restart voxstat");
     check_open_files(*daemon, files, findings);
-    const unsigned long losses = find_log_losses(settings, *daemon, files.back(), findings);
-    if (losses + reports->dropped + voice->dropped == 0)
-        findings.note(0, "lost: nothing that the queues or the log tell of");
+    const auto losses = find_log_losses(settings, *daemon, files.back(), findings);
+    if (losses.value_or(0) + reports->dropped + voice->dropped == 0)
+        findings.note(0, "lost: nothing that the queues ",
+                      losses ? "or the log tell of" : "tell of");
 }

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "config/config_file.h"
 #include "tools/check/daemon_user.h"
@@ -15,6 +16,16 @@ namespace {
 
 constexpr std::size_t SHOWN = 5;  // characters of the serial number that a line has room for
 constexpr const char* EFFECT = ", so reports without a serial number of their own get 0; ";
+
+std::string remedy(const std::string& path, int error)
+{
+    if (error == ENOENT)
+        return "mkdir -p " + std::filesystem::path(path).parent_path().string() +
+               " && echo serial: ABC12 > " + path;
+    if (error == EACCES)
+        return "chmod a+r " + path + ", and a+x its directories";
+    return "name the file with sn_file_path";
+}
 
 // 0, or the error number of what keeps the daemon from reading the file.
 int obstacle(const std::string& path, const DaemonUser& user)
@@ -37,8 +48,7 @@ std::string check_serial_number(const Settings& settings, const DaemonUser& user
     const int error = obstacle(path, user);
     if (error != 0)
         findings.warning(line, path, " cannot be read by the user ", user.name(), ": ",
-                         std::strerror(error), EFFECT, "write the line \"serial: ABC12\" into it, ",
-                         "and chmod a+r it");
+                         std::strerror(error), EFFECT, remedy(path, error));
     if (error != 0 || access(path.c_str(), R_OK) != 0)
         return "";
     std::string serial = ConfigFile(path, ':').getStringValue("serial", "");

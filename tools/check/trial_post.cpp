@@ -114,6 +114,8 @@ void find(const Answer& answer, std::size_t line, Findings& findings)
                        answer.error_text[0] != '\0' ? answer.error_text.data()
                                                     : curl_easy_strerror(answer.code),
                        remedy_for(FAILURES, answer.code, "see libcurl-errors(3)"));
+    else if (answer.status == 0)
+        findings.error(line, "nothing was posted; begin elastic_url with http:// or https://");
     else if (answer.status >= 200 && answer.status < 300)
         findings.note(line, "the post has arrived; ", told);
     else if (!answer.location.empty())

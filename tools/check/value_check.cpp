@@ -80,8 +80,9 @@ void check_name(const keys::Key& key, const char* extension, const Settings& set
 {
     const std::string name = settings.text(key);
     if (name.find('/') != std::string::npos)
-        findings.error(settings.line(key), key.name, " = ", name, " holds a '/', so its archives ",
-                       "are never deleted; write a name only: the directory is ",
+        findings.error(settings.line(key), key.name, " = ", name, " holds a '/': the daemon makes ",
+                       "no directory for it, and never deletes its archives; write a name only: ",
+                       "the directory is ",
                        &key == &keys::LOG_FILE ? limits::LOG_DIRECTORY : "qos_stat_dir");
     else if (name.ends_with(extension))
         findings.warning(settings.line(key), "the file will be called ", name, extension,

@@ -1,9 +1,12 @@
 // voxstat-check: finds what is wrong in a configuration of the daemon, or would go wrong with it.
 #include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <system_error>
 
 #include "tools/check/daemon_user.h"
@@ -22,22 +25,39 @@ namespace {
 
 constexpr int ERROR_STATUS = 2;
 
+// As a program has them, and a text of two bytes a character.
+bool has_zero_bytes(const std::string& file)
+{
+    std::ifstream stream(file);
+    const std::istreambuf_iterator<char> begin(stream), end;
+    return std::find(begin, end, '\0') != end;
+}
+
 // False when the daemon would get no settings from the file, which is found then.
 bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& findings)
 {
     std::error_code error;
     const auto type = std::filesystem::status(file, error).type();
-    if (type == std::filesystem::file_type::directory)
+    if (type == std::filesystem::file_type::none)
+        findings.error(0, "you cannot look at this: ", error.message(), "; sudo voxstat-check can");
+    else if (type == std::filesystem::file_type::directory)
         findings.error(0,
                        "this is a directory, and the daemon would run on its defaults; name the ",
                        "file in it");
-    else if (type != std::filesystem::file_type::regular)
+    else if (type == std::filesystem::file_type::not_found)
         findings.error(0, "there is no such file, and the daemon would end at once; name it with ",
                        "-f FILE");
+    else if (type != std::filesystem::file_type::regular)
+        findings.error(0, "this is no regular file; name the configuration with -f FILE");
     else if (user.access(file, R_OK) != 0)
         findings.error(0, "the user ", user.name(),
                        " cannot read this, and the daemon would end at once; chgrp ", user.name(),
                        ' ', file, " && chmod g+r ", file);
+    else if (access(file.c_str(), R_OK) != 0)
+        findings.error(0, "you cannot read this; sudo voxstat-check can");
+    else if (has_zero_bytes(file))
+        findings.error(0, "this is no plain text, and the daemon ignores what it cannot read; ",
+                       "save it as UTF-8, or name another file with -f FILE");
     return findings.status() == 0;
 }
 
