@@ -19,7 +19,9 @@ def run(tool, *options, **keywords):
 
 @pytest.mark.parametrize("tool, options, said", [
     ("voxstat-sim", "--port=0", 'voxstat-sim: --port does not take "0"; see --help'),
-    ("voxstat-sim", "--first=4294967295 --count=2", "voxstat-sim: the numbers go up to 4294967295"),
+    ("voxstat-sim", "--load=eos --first=4294967295 --count=2", "voxstat-sim: the numbers go up to 4294967295"),
+    ("voxstat-sim", "--load=eos --calls=1", "voxstat-sim: --calls goes without --load; see --help"),
+    ("voxstat-sim", "--count=1", "voxstat-sim: --count goes with --load; see --help"),
     ("voxstat-plot", "--list -o it.png it", "voxstat-plot: --list draws no picture; see --help"),
     ("voxstat-check", "it", f'{BUILD}/tools/check/voxstat-check: what is "it"? Try --help.'),
 ])
@@ -103,7 +105,8 @@ def test_sim_counts_what_is_refused():
     assert load.returncode == 1 and refused > 0 and sent + refused == 1000
     calls = run("voxstat-sim", f"--port={free_ports()}", "--duration=20", "--speed=10000")
     assert calls.returncode == 1 and re.search(
-        r" ([1-9]\d*) datagrams could not be sent: \1 refused, 0 for want of buffers, 0 otherwise\n$", calls.stdout)
+        r" ([1-9]\d*) datagrams could not be sent: \1 refused, 0 for want of buffers, 0 otherwise\n"
+        "nobody listens on one of the ports: is voxstat running, with this qos_port\\?\n$", calls.stdout)
 
 
 EOS = "QOS_EOS_NEAREND"

@@ -45,6 +45,9 @@ bytes behind its RTP header.
 The exit status is 0 when all was sent, 1 when not, 2 for a wrong command line.
 )";
 
+constexpr const char* CALL_OPTIONS = "cadixe";
+constexpr const char* LOAD_OPTIONS = "fnrb";
+
 constexpr std::uint32_t NO_LIMIT = std::numeric_limits<std::uint32_t>::max();
 
 bool read_load_kind(const char* text, SimOptions::Mode& mode)
@@ -115,28 +118,40 @@ bool store(SimOptions& options, int option, const char* text)
 std::optional<SimOptions> SimOptions::parse(int argc, char** argv)
 {
     SimOptions options;
+    const option* of_calls = nullptr;  // the last one given
+    const option* of_load = nullptr;
     int index = 0;
-    int option = 0;
-    while ((option = getopt_long(argc, argv, "", LONG_OPTIONS, &index)) != -1) {
-        if (option == 'h') {
+    int letter = 0;
+    while ((letter = getopt_long(argc, argv, "", LONG_OPTIONS, &index)) != -1) {
+        if (letter == 'h') {
             std::fputs(USAGE, stdout);
             std::exit(0);
         }
-        if (option == 'v') {
+        if (letter == 'v') {
             std::puts("voxstat-sim " VOXSTAT_VERSION);
             std::exit(0);
         }
-        if (option == '?')  // getopt_long has said why
+        if (letter == '?')  // getopt_long has said why
             return std::nullopt;
-        if (!store(options, option, optarg)) {
+        if (!store(options, letter, optarg)) {
             (void)std::fprintf(stderr, "voxstat-sim: --%s does not take \"%s\"; see --help\n",
                                LONG_OPTIONS[index].name, optarg);
             return std::nullopt;
         }
+        if (std::strchr(CALL_OPTIONS, letter) != nullptr)
+            of_calls = &LONG_OPTIONS[index];
+        if (std::strchr(LOAD_OPTIONS, letter) != nullptr)
+            of_load = &LONG_OPTIONS[index];
     }
     if (optind < argc) {
         (void)std::fprintf(stderr, "voxstat-sim: unknown argument \"%s\"; see --help\n",
                            argv[optind]);
+        return std::nullopt;
+    }
+    const bool is_load = options.mode != Mode::TELEPHONY;
+    if (const auto* stray = is_load ? of_calls : of_load; stray != nullptr) {
+        (void)std::fprintf(stderr, "voxstat-sim: --%s goes %s --load; see --help\n", stray->name,
+                           is_load ? "without" : "with");
         return std::nullopt;
     }
     if (options.count - 1 > NO_LIMIT - options.first) {

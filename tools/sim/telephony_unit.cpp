@@ -129,4 +129,7 @@ void TelephonyUnit::print_summary(double seconds) const
         std::printf("%8" PRIu64 " datagrams could not be sent: %" PRIu64 " refused, %" PRIu64
                     " for want of buffers, %" PRIu64 " otherwise\n",
                     counts.lost(), counts.refused, counts.no_buffer, counts.failed);
+    if (counts.refused > 0)
+        std::printf(
+            "nobody listens on one of the ports: is voxstat running, with this qos_port?\n");
 }
