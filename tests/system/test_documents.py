@@ -39,6 +39,10 @@ def test_named_files_exist():
             assert (document.parent / link).exists(), document
         for name in re.findall(rf"(?<![\w/.-])(?:\./)?((?:{FOLDERS})/[\w./-]*\w)", text):
             assert (ROOT / name).exists(), document
+    packaged = (ROOT / "packaging/debian/voxstat.docs").read_text().split()
+    for page in ROOT.glob("packaging/*.[1-8]"):
+        for name in re.findall(r"/usr/share/doc/voxstat/([\w.-]+\w)", page.read_text()):
+            assert f"docs/{name}" in packaged, page
 
 
 @pytest.mark.skipif(not shutil.which("mandoc"), reason="no mandoc")
