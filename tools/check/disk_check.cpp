@@ -4,10 +4,13 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <initializer_list>
 #include <map>
+#include <string_view>
 
 #include "config/limits.h"
 #include "tools/check/daemon_user.h"
@@ -46,21 +49,29 @@ void find_missing(const OutputFile& file, const DaemonUser& user, Findings& find
                          "mode 0744, so that nobody else could enter", remedy);
 }
 
-// Systemd gives the packaged service a root of its own, most of which cannot be written. Only the
-// service itself sees which part can.
+bool is_below(const std::string& directory, std::initializer_list<std::string_view> places)
+{
+    return std::any_of(places.begin(), places.end(),
+                       [&](std::string_view place) { return directory.starts_with(place); });
+}
+
+// The packaged service sees most of the machine read-only or not at all; only from inside can one
+// look whether its unit allows the directory.
 void find_confined(const OutputFile& file, const DaemonUser& user, Findings& findings)
 {
-    if (geteuid() != 0 || user.name() != PACKAGE_USER ||
-        file.directory.starts_with(PACKAGE_DIRECTORY) ||
-        file.directory == std::string(limits::LOG_DIRECTORY) + '/')
+    const std::string& directory = file.directory;
+    if (user.name() != PACKAGE_USER || !directory.starts_with('/') ||
+        directory.starts_with(PACKAGE_DIRECTORY) ||
+        directory == std::string(limits::LOG_DIRECTORY) + '/')
         return;
-    if (file.directory.starts_with("/tmp/") || file.directory.starts_with("/var/tmp/"))
+    if (is_below(directory, {"/tmp/", "/var/tmp/"}))
         findings.warning(file.line, "the packaged service has a /tmp and a /var/tmp of its own, ",
                          "which vanish when it stops; write a directory elsewhere");
-    else
-        findings.note(file.line, "the packaged service may write to ", file.directory,
+    else if (geteuid() == 0)
+        findings.note(file.line, "the packaged service may write to ", directory,
                       " only if its unit allows it; systemctl edit voxstat, [Service] ",
-                      "ReadWritePaths=", file.directory, ", and in /home or /root ProtectHome=no");
+                      "ReadWritePaths=", directory,
+                      is_below(directory, {"/home/", "/root/"}) ? " and ProtectHome=no" : "");
 }
 
 void check_directory(const OutputFile& file, const DaemonUser& user, Findings& findings)
