@@ -11,13 +11,17 @@
 
 namespace {
 
-// The port cannot be opened; the running daemon has a right to it.
-void find_holder(std::uint16_t port, int error, std::size_t line, Findings& findings)
+void find_obstacle(std::uint16_t port, int error, std::size_t line, const DaemonUser& user,
+                   Findings& findings)
 {
     const std::optional<UdpSocket> socket = UdpSocket::at(port);
     const std::optional<Process> owner = socket ? socket->owner() : std::nullopt;
-    if (owner && owner->is_daemon())
+    if (owner && owner->is_daemon())  // whatever the user may do, the unit allowed it
         findings.note(line, "port ", port, " is held by the running daemon, process ", owner->id());
+    else if (error == EACCES)
+        findings.error(line, "port ", port, " is not allowed for the user ", user.name(),
+                       ", and the daemon would end at once; take a port above 1023, or allow ",
+                       "it in the unit as its comments say");
     else
         findings.error(line, "port ", port, " cannot be opened: ", std::strerror(error),
                        owner ? " by " + owner->name() : "", ", and the daemon would end at once; ",
@@ -32,11 +36,7 @@ void check_ports(const Settings& settings, const DaemonUser& user, Findings& fin
     const auto first = static_cast<std::uint16_t>(settings.number(keys::QOS_PORT));
     for (const std::uint16_t port : {first, static_cast<std::uint16_t>(first + 1)}) {
         const int error = user.bind_udp(port);
-        if (error == EACCES)
-            findings.error(line, "port ", port, " is not allowed for the user ", user.name(),
-                           ", and the daemon would end at once; take a port above 1023, or allow ",
-                           "it in the unit as its comments say");
-        else if (error != 0)
-            find_holder(port, error, line, findings);
+        if (error != 0)
+            find_obstacle(port, error, line, user, findings);
     }
 }
