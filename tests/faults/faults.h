@@ -42,7 +42,7 @@ struct Faults {
     int calls(std::string_view function) const { return switches[id(function)].made; }
 
     // The same of all allocations, so many in a row. They count from the first wait for input on: a
-    // lack of memory before that may end the daemon. In what is linked with memory.cpp.
+    // lack of memory before that may end the daemon.
     void refuse_memory(int n, int times);
 
     // In a test's own process only: called before every call of these functions, on its thread,
