@@ -105,6 +105,7 @@ TEST(MainLoop, HandsOnWhatComes)
     });
     loop.start();
     EXPECT_EQ("", handed_on());
+    EXPECT_EQ(-1, min_loss_packet(nullptr));
 }
 
 TEST(MainLoop, ItsThreadsHaveTheirNamesAndPauses)
