@@ -45,7 +45,7 @@ TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
         const bool full = row.live == row.limit;  // its next write is the last, and takes all
         if (row.live > 0) {
             std::string buffer(1100, 'b');
-            EXPECT_EQ(full ? 1100U : 1024U, file.fobj_take_block(buffer, NOON, 0, false).size());
+            EXPECT_EQ(full ? 1100U : 1024U, file.fobj_take_block(buffer, NOW, 0, false).size());
         }
     }
 }
@@ -94,8 +94,9 @@ TEST(FileObject, NamesEveryCallThatFails)
 {
     struct Row {
         std::string functions;
-        int error, result;  // of a write of 15 bytes to a file of 20, its limit
-        std::size_t live;   // bytes at the end
+        int error;         // of the first; one less of the second
+        int result;        // of a write of 15 bytes to a file of 20, its limit
+        std::size_t live;  // bytes at the end
         std::string logged;
     };
     const std::string closed = OPENED + CLOSED, names = "~F.txt to ~F_2023-11-14_22-13-20.txt",
@@ -115,7 +116,7 @@ TEST(FileObject, NamesEveryCallThatFails)
          closed + "[ERROR] Permission denied" + unmoved + "; deleted file instead.\n"},
         {"rename remove", EACCES, 15, 35,
          closed + "[ERROR] Permission denied" + unmoved +
-             "\nPermission denied (13) on ::remove ~F.txt\n"},
+             "\nCannot allocate memory (12) on ::remove ~F.txt\n"},
         {"opendir", EMFILE, 15, 0, failed + "open ~; Too many open files (24)\n"},
         {"remove", EPERM, 15, 0,
          failed + "delete ~" + first + "; Operation not permitted (1)\n" + DELETED + second + "\n"},
@@ -129,8 +130,9 @@ TEST(FileObject, NamesEveryCallThatFails)
             write_file(dir / name, "");
         faults.disarm();
         std::istringstream functions(row.functions);
+        int error = row.error;
         for (std::string function; functions >> function;)
-            faults.arm(function, 1, row.error);
+            faults.arm(function, 1, error--);
         FileObject file("header\n", 7, dir.path, "F", ".txt", 20, 1);
         int result = 0;
         guarded([&] { result = file.fobj_write("fifteen bytes.\n", false); });

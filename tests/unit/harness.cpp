@@ -69,9 +69,9 @@ ConfigFile config_of(const std::string& text, char separator)
     return {dir / "cfg", separator};
 }
 
-bool eventually(const std::function<bool()>& condition, int seconds)
+bool eventually(const std::function<bool()>& condition)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;
@@ -86,16 +86,11 @@ void stop_the_clock(long at)
     Faults::self().clock_stands_at = at;
 }
 
-static sockaddr_in loopback(int port)
-{
-    return {AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-}
-
 void send_udp(int port, const std::string& datagram, unsigned host)
 {
     static const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK - 1 + host);
+    const sockaddr_in address = {
+        AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK - 1 + host)}, {}};
     sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
            sizeof address);
 }

@@ -13,7 +13,7 @@
 #include "config/config_file.h"
 #include "faults/faults.h"
 
-constexpr long NOON = 1700000000;  // 2023-11-14 22:13:20 UTC
+constexpr long NOW = 1700000000;  // 2023-11-14 22:13:20 UTC
 
 struct TempDir {  // removed with all that is in it
     TempDir();
@@ -30,9 +30,9 @@ FileSizes sizes_of(const TempDir& dir);  // without those of directories
 std::size_t count(const std::string& text, const std::string& part);
 std::string replaced(std::string text, const std::string& part, const std::string& with);
 ConfigFile config_of(const std::string& text, char separator = '=');
-// True as soon as the condition holds; false when it does not in time.
-bool eventually(const std::function<bool()>& condition, int seconds = 20);
-void stop_the_clock(long at = NOON);  // in UTC
+// True as soon as the condition holds; false when it does not in 20 seconds.
+bool eventually(const std::function<bool()>& condition);
+void stop_the_clock(long at = NOW);  // in UTC
 
 // To 127.0.0.<host>.
 void send_udp(int port, const std::string& datagram, unsigned host = 1);
