@@ -114,6 +114,10 @@ TEST(WebClient, KeepsTheBatchWhenNoHandleIsIdle)
 {
     LogCapture log;
     EXPECT_EQ(0, IdleClient(config_of("")).write(200));  // off
+    for (const char* const function : {"curl_global_init", "pthread_mutex_init"}) {
+        faults.arm(function, 1, 2);
+        EXPECT_EQ(0, IdleClient().write(200));
+    }
     faults.arm("curl_easy_init", 1, 1, true);
     IdleClient client(config_of("log.http=2\nelastic_url=http://127.0.0.1:1/"));
     EXPECT_EQ(200, client.write(200));
