@@ -70,7 +70,7 @@ TEST(MainLoop, HandsOnWhatComes)
              voice(59, 176)},
         {300, {}, {}, service("1 00:05:03")},
         {599, {}, {}, ""},
-        {600, {}, {first + last}, voice(58, 234) + voice(58, 292) + service("1 00:10:03")},
+        {600, {}, {first + last + "!"}, voice(58, 234) + voice(58, 292) + service("1 00:10:03")},
         {DAY, {}, {}, service("2 00:00:03")},
         {DAY, {}, {}, ""},
         {0,
