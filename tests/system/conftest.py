@@ -199,8 +199,8 @@ def free_ports():
 class Daemon:
     """One run of the daemon. Its statistics stand in directory/stat, its output in directory/out.
 
-    A setting's "__" stands for the point of its key: log__default=2. None leaves a setting out. The program runs
-    by the words of launch, such as ["env", "TZ=UTC"].
+    A setting's "__" stands for the point of its key: log__default=2. None leaves a setting out. The words of launch,
+    such as ["env", "TZ=UTC"], come before the program.
     """
 
     def __init__(self, directory, launch=(), program=None, serial=None, port=None, **settings):

@@ -268,7 +268,7 @@ class Life:
         return [content(path) for path in (*archives, self.stat / FILES_OF[kind]) if path.exists()]
 
     def costs_no_more(self, phases=PHASES, summaries=PHASES):
-        """Whether all that so many phases should have left is there, but for what may be lost."""
+        """Whether all records and posts of so many phases are there, but for what may be lost."""
         cost = self.cost()
         texts = {kind: b"".join(self.files(kind)) for kind in FILES_OF}
         posted = "".join(body for _, _, body in list(self.web.requests))

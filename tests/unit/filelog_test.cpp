@@ -17,7 +17,7 @@ static const char* const NAMES[] = {"QoS_Stat.txt", "QoS_Stat_Sessions_Summary.t
 static const char* const TYPES[] = {"QOS_FAREND", "QOS_EOS_FAREND"};
 static constexpr std::size_t HEADERS[] = {144, 191, 24};
 
-// Queues, for one of the three files, what takes so many bytes there.
+// Queues so many bytes for one of the three files.
 static int queue(FileLogger& logger, int file, std::size_t size)
 {
     if (file == 2) {
@@ -188,7 +188,7 @@ TEST(FileLogger, TakesNamesAndNumbersFromItsConfiguration)
               sizes_of(idle.dir));
 }
 
-// The pause of the thread and the order of a pass, told by a thread that queues in its own pauses.
+// The pauses of the writer thread and the order of a pass: the test queues in these pauses.
 TEST(FileLogger, PausesFollowTheVoiceTraffic)
 {
     LogCapture log("log.default=2");

@@ -1,4 +1,4 @@
-// The main loop, driven pass by pass: what comes does so while it waits.
+// The main loop, pass by pass: datagrams come while it waits.
 #include <gtest/gtest.h>
 
 #include <mutex>

@@ -1,4 +1,4 @@
-// The buffers of lines without the memory to grow.
+// Buffers of lines that have no memory to grow.
 #include <gtest/gtest.h>
 #include <poll.h>
 
