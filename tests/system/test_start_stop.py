@@ -50,8 +50,9 @@ def test_further_signals_change_nothing(start, tmp_path, web):
     (tmp_path / "sn").write_text("number: 5\n")
     daemon = start(tmp_path, elastic_url=web.url, log__default=2)
     web.speaks.clear()
-    daemon.send(report())
-    wait_for(lambda: web.requests)      # the stop waits for the answer
+    for workers in (1, 2):      # the stop waits for the answers to both
+        daemon.send(*[report()] * 99)   # more than the size of a batch
+        wait_for(lambda: len(web.requests) == workers)
     for number in (signal.SIGTERM, signal.SIGINT, signal.SIGTERM):
         daemon.process.send_signal(number)
         daemon.logged("Terminating FileLogger thread...")
