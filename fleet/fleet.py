@@ -11,6 +11,7 @@ import base64
 import contextlib
 import hashlib
 import http.client
+import itertools
 import os
 import random
 import re
@@ -93,10 +94,13 @@ def make_certificate(directory, name):
                     "-keyout", directory / "tls.key", "-out", directory / "tls.crt"], check=True, capture_output=True)
 
 
+# Below the range that the kernel gives to clients. A fleet gets none twice, though it opens them late.
+PORTS = itertools.cycle(random.sample(range(10000, 32000, 2), 11000))
+
+
 def free_port():
-    """Below the range that the kernel gives to clients, and free with the port above it for datagrams too."""
-    while True:
-        port = random.randrange(10000, 32000, 2)
+    """Free with the port above it, for datagrams too."""
+    for port in PORTS:
         try:
             for kind in (socket.SOCK_STREAM, socket.SOCK_DGRAM):
                 with socket.socket(type=kind) as one, socket.socket(type=kind) as two:
