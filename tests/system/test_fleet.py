@@ -23,6 +23,8 @@ def fleet(tmp_path, request):
     """Parametrised indirectly by other options of Fleet."""
     with running_fleet(tmp_path / "fleet", **getattr(request, "param", {})) as store:
         yield store
+        for log in [store.directory / "gateway.log", *store.directory.glob("shard*/out")]:
+            print(f"{log.parent.name}/{log.name}: {log.read_text(errors='replace')[-2000:]}")
 
 
 def post(fleet, *lines):
@@ -53,6 +55,7 @@ LOST = [{"RTCP_CNAME": "carriage\rreturn"}, {"RTCP_CNAME": "at the end\r"},     
         {"LOST_LOST_SINCE_LAST_REPORT_PERCENT": "nan"}]
 
 
+@pytest.mark.parametrize("fleet", [{"timeout": 60}], indirect=True)    # a slow answer costs no batch
 def test_every_report_of_twenty_units(fleet, start):
     """Once, and equal to the line in the unit's own file; what an odd report costs is its own row at most. A service
     report is no report but a heartbeat."""
@@ -184,12 +187,16 @@ def test_a_killed_node(fleet):
 
 @pytest.mark.parametrize("fleet", [{"timeout": 2}], indirect=True)
 def test_silent_nodes_free_the_units(fleet):
-    for number, status in ((signal.SIGSTOP, 504), (signal.SIGCONT, 200)):
+    def tell_nodes(number):
         for shard in fleet.shards:
             shard.process.send_signal(number)
-        begin = time.monotonic()
-        assert post(fleet, call("next")) == status
-        assert time.monotonic() - begin < 10      # the time-out is 2 s here
+
+    tell_nodes(signal.SIGSTOP)
+    begin = time.monotonic()
+    assert post(fleet, call("lost")) == 504
+    assert time.monotonic() - begin < 10      # the time-out is 2 s here
+    tell_nodes(signal.SIGCONT)
+    wait_for(lambda: post(fleet, call("next")) == 200, 40, "for a node that takes batches again")
     wait_for(lambda: "next" in names(fleet), 40, "for the next batch")
 
 
