@@ -86,3 +86,8 @@ SELECT received, replaceRegexpOne(substring(message, 141, 5), '^ +', '') AS sn
 FROM fleet.lines_shard
 WHERE substring(message, 91, 50) = '     0       0    0   0.0      0     0      00000 '
     AND substring(message, 146) IN (' Service_Packet"}', ' Service_Packet"},');
+
+-- The first delivery to a shard makes a folder on this node; of two at once, one batch would be refused.
+-- These lines go to every shard, which leaves them out.
+INSERT INTO fleet.lines SELECT now(), concat(toFixedString('', 140), toString(number))
+FROM system.numbers LIMIT 1000;
