@@ -6,18 +6,14 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-#include <string_view>
 
+#include "files/archive_name.h"
 #include "log/simple_logger.h"
-#include "log/utils.h"
 
 namespace {
 
@@ -26,57 +22,6 @@ constexpr mode_t DIRECTORY_MODE = 0744;
 constexpr mode_t FILE_MODE = 0644;
 constexpr uid_t OWNER_UID = 500;
 constexpr gid_t OWNER_GID = 500;
-
-constexpr const char* STAMP_FORMAT = "_%F_%H-%M-%S";
-constexpr std::string_view STAMP_FORM = "_dddd-dd-dd_dd-dd-dd";  // d: a digit
-constexpr unsigned COUNTER_DIGITS = 3;
-
-bool is_digit(char c)
-{
-    return std::isdigit(static_cast<unsigned char>(c)) != 0;
-}
-
-bool matches_form(std::string_view text, std::string_view form)
-{
-    if (text.size() != form.size())
-        return false;
-    for (std::size_t i = 0; i < form.size(); i++)
-        if (form[i] == 'd' ? !is_digit(text[i]) : text[i] != form[i])
-            return false;
-    return true;
-}
-
-// Empty, or "_002" and so on.
-bool is_counter(std::string_view text)
-{
-    if (text.empty())
-        return true;
-    if (text.front() != '_' || text.size() <= COUNTER_DIGITS)
-        return false;
-    text.remove_prefix(1);
-    return std::all_of(text.begin(), text.end(), is_digit);
-}
-
-std::string local_stamp()
-{
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    const tm fields = Utils::local_time(now.tv_sec);
-    std::array<char, 64> text{};
-    const std::size_t length = strftime(text.data(), text.size(), STAMP_FORMAT, &fields);
-    return {text.data(), length};
-}
-
-// Empty for the first archive of a second, then "_002", "_003" and so on: padded, so that names
-// sort in the order of rotation.
-std::string counter_text(unsigned counter)
-{
-    if (counter <= 1)
-        return "";
-    const std::string digits = std::to_string(counter);
-    const std::size_t zeros = digits.size() < COUNTER_DIGITS ? COUNTER_DIGITS - digits.size() : 0;
-    return std::string("_").append(zeros, '0').append(digits);
-}
 
 }  // namespace
 
@@ -230,29 +175,18 @@ void FileObject::fobj_remove_unarchived(const std::string& archive, int rename_e
 // access() failing for another reason than a free name shows again in the rename.
 std::string FileObject::fobj_archive_path()
 {
-    const std::string stamp = local_stamp();
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    const std::string stamp = archive_stamp(now.tv_sec);
     unsigned counter = stamp == _last_stamp ? _last_counter : 0;
     std::string path;
     do {
         counter++;
-        path = _directory + _name + stamp + counter_text(counter) + _extension;
+        path = _directory + _name + stamp + archive_counter(counter) + _extension;
     } while (access(path.c_str(), F_OK) == 0);
     _last_stamp = stamp;
     _last_counter = counter;
     return path;
-}
-
-// Only this object's own archives: another file's name may begin with this one's.
-bool FileObject::fobj_is_archive(const std::string& file) const
-{
-    if (!file.starts_with(_name) || !file.ends_with(_extension) ||
-        file.size() < _name.size() + STAMP_FORM.size() + _extension.size())
-        return false;
-    std::string_view middle(file);
-    middle.remove_prefix(_name.size());
-    middle.remove_suffix(_extension.size());
-    return matches_form(middle.substr(0, STAMP_FORM.size()), STAMP_FORM) &&
-           is_counter(middle.substr(STAMP_FORM.size()));
 }
 
 void FileObject::fobj_cleanup()
@@ -295,7 +229,7 @@ std::set<std::string> FileObject::fobj_list_archives() const
         return paths;
     }
     while (const dirent* entry = readdir(listing.get()))
-        if (entry->d_type == DT_REG && fobj_is_archive(entry->d_name))
+        if (entry->d_type == DT_REG && is_archive_name(entry->d_name, _name, _extension))
             paths.insert(_directory + entry->d_name);
     return paths;
 }

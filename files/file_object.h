@@ -1,8 +1,7 @@
 // An append-only output file with an optional header and a bounded set of archives.
 //
-//   name.txt                          the live file, opened by the first write
-//   name_2026-03-03_14-05-09.txt      an archive, named after the local time of its rotation
-//   name_2026-03-03_14-05-09_002.txt  the second archive of the same second
+//   name.txt                      the live file, opened by the first write
+//   name_2026-03-03_14-05-09.txt  an archive; files/archive_name.h has the rule
 //
 // Used by one thread at a time, its owner's writer. Every event is logged through DBG, so no
 // operation but fobj_take_block() and time_2_rotate() may be called while the logger's mutex is
@@ -80,7 +79,6 @@ private:
     void fobj_write_header();
     void fobj_remove_unarchived(const std::string& archive, int rename_error) const;
     std::string fobj_archive_path();
-    bool fobj_is_archive(const std::string& file) const;
     std::set<std::string> fobj_list_archives() const;
     std::multiset<F_Info, F_Sort> fobj_find_archives() const;
 

@@ -1,0 +1,23 @@
+// The names of archives, as the rotation gives them and as the cleanup tells them from other files.
+//
+//   name_2026-03-03_14-05-09.txt      named after the local time of its rotation
+//   name_2026-03-03_14-05-09_002.txt  the second archive of the same second
+//
+// Any thread.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <string_view>
+
+// The date and time in an archive's name, for example "_2026-03-03_14-05-09".
+std::string archive_stamp(time_t now);
+
+// What follows the stamp: empty for the first archive of a second, then "_002", "_003" and so on.
+// Padded, so that names sort in the order of rotation.
+std::string archive_counter(unsigned counter);
+
+// True when a regular file of this name is an archive of the file name + extension: the cleanup
+// counts it, and may remove it. Another file's name may begin with this one's and is left alone.
+// The file's name comes without its directory.
+bool is_archive_name(std::string_view file, std::string_view name, std::string_view extension);
