@@ -20,13 +20,13 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "fleet"))
-from fleet import QUERIES, running_fleet, wait_for  # noqa: E402
+from loopback_fleet import running_fleet, wait_for  # noqa: E402
 from trial import running_units  # noqa: E402
 
 SECONDS = int(os.environ.get("SECONDS_EACH", 5))
 MILLIONS = 10
 UNIT_REPORTS_PER_SECOND = 40    # a hundred calls, two ends, a report of each every five seconds
-LINE = ('{"message": "%s   3-%04d       2.117 near_end     203.0.113.5  5004     250    2   0.8     12    40 '
+LINE = ('{"message": "%s    3-%04d       2.117 near_end     203.0.113.5  5004     250    2   0.8     12    40 '
         '3735928559 SN000 unit7@192.0.2.7"}')
 FILL = """
 INSERT INTO fleet.reports_shard SELECT now() AS received, now() - toUInt32(number % 3600) AS at, at AS time, 0 AS ms,
@@ -60,11 +60,11 @@ def batches_per_second(store, lines, through_gateway):
     if through_gateway:
         url = f"{store.url}/ingest"
     else:
-        statement = re.findall(r'((?:query=INSERT|input_format)[^"]*)"', (store.directory / "gateway.conf").read_text())
-        url = f"http://127.0.0.1:{store.shards[0].http}/?{'&'.join(statement)}"
+        statement = re.findall(r'((?:query=INSERT|input_format)[^"]*)"', (store.directory / "gateway/gateway.conf").read_text())
+        url = f"http://127.0.0.1:{store.nodes[0].http}/?{'&'.join(statement)}"
         script = store.directory / "wrk.lua"
         script.write_text(script.read_text().replace("Authorization", "X-None"))
-    processes = [store.gateway, *(shard.process for shard in store.shards)]
+    processes = [store.gateway, *(engine.process for engine in store.nodes)]
     rows, used = store.count("reports"), sum(map(processor_seconds, processes))
     output = subprocess.run(["wrk", "-t1", "-c64", f"-d{SECONDS}", "--timeout", "20",
                              "-s", store.directory / "wrk.lua", url], check=True, capture_output=True, text=True).stdout
@@ -76,7 +76,7 @@ def batches_per_second(store, lines, through_gateway):
     reports = store.count("reports") - rows
     used = sum(map(processor_seconds, processes)) - used
     rate = reports / lines / (SECONDS + late)      # what is stored counts, not what is answered
-    print(f"{len(store.shards)} shards, {'gateway' if through_gateway else 'direct':7}, {lines:2} lines: "
+    print(f"{len(store.nodes)} shards, {'gateway' if through_gateway else 'direct':7}, {lines:2} lines: "
           f"{rate:6.0f} batches/s, {1000 * used / reports * 1000:6.2f} ms of processor for 1,000 reports, "
           f"{refused} refused, stored {late:.1f} s after the last answer"
           + (f"; {rate * lines / UNIT_REPORTS_PER_SECOND:.0f} units" if lines == 65 else ""), flush=True)
@@ -84,23 +84,23 @@ def batches_per_second(store, lines, through_gateway):
 
 def query_times(store, units):
     """Over the reports of an hour, of a hundred calls of each unit."""
-    store.shards[0].sql("TRUNCATE TABLE fleet.reports_shard")
-    store.shards[0].sql(FILL.format(units=units, reports=MILLIONS * 1000000))
-    size = store.shards[0].sql(
+    store.nodes[0].sql("TRUNCATE TABLE fleet.reports_shard")
+    store.nodes[0].sql(FILL.format(units=units, reports=MILLIONS * 1000000))
+    size = store.nodes[0].sql(
         "SELECT sum(bytes) / sum(rows) FROM system.parts WHERE active AND table = 'reports_shard'")
     print(f"{MILLIONS} million reports of {units} units in one shard, {float(size):.0f} bytes each:")
     now = int(time.time())
     period = {"from": now - 3700, "to": now + 60, "ms": 1, "step": 60, "since": now - 86400, "after": 600}
-    for query in QUERIES:
+    for query in store.queries:
         times = []
-        used = processor_seconds(store.shards[0].process)
+        used = processor_seconds(store.nodes[0].process)
         for _ in range(3):
             begin = time.monotonic()
             status, answer = store.query(query, **period, **({"sn": "10007", "name": "unit7@192.0.2.7", "gcid": "3-1"}
                                                              if query == "call" else {}))
             times.append(time.monotonic() - begin)
             assert status == 200, answer
-        used = processor_seconds(store.shards[0].process) - used
+        used = processor_seconds(store.nodes[0].process) - used
         print(f"  {query:12} {min(times):.2f} s, {used / 3:.2f} s of processor, {json.loads(answer)['rows']} rows",
               flush=True)
 
@@ -110,7 +110,7 @@ def latency(store):
     begun, seen = {}, {}
 
     def look():
-        for name in store.shards[0].sql("SELECT DISTINCT name FROM fleet.reports WHERE name LIKE 'probe%'").split():
+        for name in store.nodes[0].sql("SELECT DISTINCT name FROM fleet.reports WHERE name LIKE 'probe%'").split():
             seen.setdefault(name, time.monotonic() - begun[name])
         return len(seen) == len(begun)
 

@@ -1,40 +1,112 @@
 #!/usr/bin/env python3
-"""The store of a fleet: writes its configuration, and runs engine nodes and gateway on loopback.
+"""Writes the configuration of a fleet's nodes and gateway, and loads the list of expected units.
 
-    fleet.py [--home DIR] [--rate N] DIRECTORY NODE...
+    fleet.py DIRECTORY NODE...      first run; later runs keep what they are not told
+    fleet.py --units DIRECTORY      after a change of DIRECTORY/units.csv
 
-writes below DIRECTORY all that the nodes and the gateway of a real fleet need; docs/fleet.md tells what
-goes where. Trials and tests use running_fleet.
+A node is NAME, ADDRESS or NAME=ADDRESS. docs/fleet.md says what goes where.
 """
 import argparse
 import base64
-import contextlib
+import collections
+import csv
 import hashlib
-import http.client
-import itertools
+import ipaddress
+import json
 import os
-import random
 import re
 import secrets
 import shutil
 import socket
-import subprocess
-import time
+import sys
 import urllib.error
 import urllib.parse
 import urllib.request
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-QUERIES = {path.stem: path.read_text() for path in sorted(HERE.glob("queries/*.sql"))}
 # What a parameter may look like, and how it then stands in the statement.
 KINDS = {"UInt32": (r"\d{1,10}", "%s"), "Float64": (r"\d{1,6}(?:\.\d{1,9})?", "%s"),
          "String": (r"(?:[0-9A-Fa-f]{2}){0,1023}", "unhex('%s')")}
 PARAMETER = re.compile(r"\{(\w+):(\w+)\}")
+SERIAL = re.compile(r"[A-Za-z0-9_-]{1,32}")     # a user name, a file name and a word of a URL as well
+SN_LENGTH = 5       # so many characters of it stand in a line
+DATA = "/var/lib/clickhouse"
+
+Node = collections.namedtuple("Node", "name address native http data", defaults=(9000, 8123, DATA))
 
 
 def statements(text):
     return [part for part in re.sub(r"(?m)^--.*\n?", "", text).split(";\n") if part.strip()]
+
+
+def one_statement(text):
+    return " ".join(statements(text)[0].split())
+
+
+COMMON = {path.stem: one_statement(path.read_text()) for path in HERE.glob("queries/common/*.sql")}
+
+
+def expand(text, values):
+    """Puts in for each @name@ its value, whose own names are put in as well."""
+    return re.sub(r"@(\w+)@", lambda match: expand(str(values[match[1]]), values), text)
+
+
+def queries(nodes, replicas, places="queries/*.sql"):
+    """The statements by their names, for a fleet of these nodes."""
+    shards = [nodes[first:first + replicas] for first in range(0, len(nodes), replicas)]
+    values = {**COMMON, "SHARDS": len(shards),
+              "NODES": "[%s]" % ", ".join("[%s]" % ", ".join(f"'{node.name}'" for node in shard) for shard in shards)}
+    return {path.stem: expand(one_statement(path.read_text()), values) for path in sorted(HERE.glob(places))}
+
+
+def in_url(host):
+    return f"[{host}]" if ":" in host else host
+
+
+def parse_node(text):
+    """A Node; the name is looked up here and now, so that a gateway or node starts without its name server."""
+    name, _, address = (part.removeprefix("[").removesuffix("]") for part in text.partition("="))
+    if not re.fullmatch(r"[A-Za-z0-9:][A-Za-z0-9.:-]*", name):
+        sys.exit(f'fleet.py: "{text}" is neither a host name nor an IP address')
+    try:
+        found = ipaddress.ip_address(address or name)
+    except ValueError:
+        try:
+            found = ipaddress.ip_address(socket.getaddrinfo(address or name, None, type=socket.SOCK_STREAM)[0][4][0])
+        except (OSError, UnicodeError) as error:
+            sys.exit(f"fleet.py: cannot resolve {address or name} ({error}); {name}=ADDRESS needs no name server")
+    return Node(name, str(found).partition("%")[0])
+
+
+def parse_nodes(texts, replicas):
+    nodes = [parse_node(text) for text in texts]
+    for what in ("name", "address"):
+        for value, times in collections.Counter(getattr(node, what) for node in nodes).items():
+            if times > 1:
+                sys.exit(f"fleet.py: {times} nodes have the {what} {value}")
+    if not nodes or len(nodes) % replicas:
+        sys.exit(f"fleet.py: {len(nodes)} nodes cannot be shared out to shards of {replicas}")
+    return nodes
+
+
+def read_units(path):
+    """(serial, name, site) of each expected unit; none without the file."""
+    if not path.exists():
+        return []
+    with open(path, encoding="utf-8-sig", newline="") as file:
+        reader = csv.reader(file, strict=True)
+        if next(reader, None) != ["serial", "name", "site"]:
+            sys.exit(f"fleet.py: {path} does not begin with the line serial,name,site")
+        units, seen = [], {}
+        for row in filter(None, reader):
+            where = f"fleet.py: {path}, line {reader.line_num}"
+            if len(row) != 3 or not SERIAL.fullmatch(row[0]):
+                sys.exit(f"{where}: not a serial number of letters, digits, - and _, a name and a site")
+            if (other := seen.setdefault(row[0][:SN_LENGTH], row[0])) != row[0] or row in units:
+                sys.exit(f"{where}: {row[0]} begins like {other}; the store has {SN_LENGTH} characters of each")
+            units.append(row)
+    return units
 
 
 def parameter_map(name, kind):
@@ -43,226 +115,162 @@ def parameter_map(name, kind):
     return f'map $arg_{name} $fleet_{name} {{ default "{form % ""}"; "~^{pattern}$" "{form % ("$arg_" + name)}"; }}'
 
 
-def query_location(name, text):
+def query_location(name, sql):
     """The statement is fixed here; nginx puts in the parameters."""
-    sql = urllib.parse.quote_plus(" ".join(statements(text)[0].split()), safe="(),*=/:{}")
-    sql = PARAMETER.sub(r"$fleet_\1", sql)
+    sql = PARAMETER.sub(r"$fleet_\1", urllib.parse.quote_plus(sql, safe="(),*=/:{}"))
     return (f"        location = /query/{name} {{\n            set $args \"default_format=JSON&query={sql}\";\n"
-            "            limit_except GET { deny all; }\n            proxy_pass http://fleet_engine/;\n        }")
+            "            limit_except GET { deny all; }\n            proxy_pass http://fleet_queries/;\n        }")
 
 
-def password_line(user, password):
-    salt = secrets.token_bytes(8)       # the password is long and random, so a fast hash does
-    digest = hashlib.sha1(password.encode() + salt).digest() + salt
-    return f"{user}:{{SSHA}}{base64.b64encode(digest).decode()}\n"
+def replica(node, key):
+    # with a database of its own no node counts as local, so that its rows, too, come in large blocks
+    return (f"<replica><host>{node.address}</host><port>{node.native}</port><user>gateway{key[0]}</user>"
+            f"<password>{key[1]}</password><default_database>fleet</default_database></replica>")
 
 
-def write_configuration(directory, nodes, listen, passwords, home=None, engine_listen="127.0.0.1", rate=100,
+def shard_list(nodes, replicas, key):
+    return "\n".join("            <shard>" + "\n                ".join(
+        replica(node, key) for node in nodes[first:first + replicas]) + "</shard>"
+        for first in range(0, len(nodes), replicas))
+
+
+def add_password(path, user):
+    """Prints and returns a new password, unless the file has one."""
+    if path.exists():
+        return None
+    password, salt = secrets.token_hex(16), secrets.token_bytes(8)
+    digest = hashlib.sha1(password.encode() + salt).digest() + salt     # long and random, so a fast hash does
+    path.write_text(f"{user}:{{SSHA}}{base64.b64encode(digest).decode()}\n")
+    return password
+
+
+def write_passwords(gateway, serials):
+    """Of new users; {user: password}. The units' users each have a file, which nginx finds sooner than a line."""
+    (gateway / "units").mkdir(exist_ok=True)
+    known = [path.name for path in (gateway / "units").iterdir()]
+    for user in known:
+        if serials and user != "unit" and user.partition(".")[0] not in serials:
+            (gateway / "units" / user).unlink()
+    made = {user: add_password(gateway / "units" / user, user)
+            for user in serials or ["unit"] if not any(other.partition(".")[0] == user for other in known)}
+    made.update({user: add_password(gateway / f"{user}s.htpasswd", user) for user in ("viewer", "monitor")})
+    return {user: password for user, password in made.items() if password}
+
+
+def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, engine_listen="127.0.0.1", rate=100,
                         timeout=10):
-    """nodes: (host, native port, HTTP port) of each; home: where the gateway will find the directory. The key, by
-    which gateway and nodes know each other, stays the same when the directory is written again."""
-    directory.mkdir(parents=True, exist_ok=True)
-    users = directory / "users.xml"
-    key = re.search("<password>(.+)</password>", users.read_text())[1] if users.exists() else secrets.token_hex(16)
-    parameters = sorted({found for text in QUERIES.values() for found in PARAMETER.findall(text)})
-    values = {
-        "KEY": key, "ENGINE_LISTEN": engine_listen, "HOME": home or directory, "RATE": rate, "TIMEOUT": timeout,
-        "SHARDS": "\n".join(
-            # with a database of its own no node counts as local, so that its rows, too, come in large blocks
-            f"            <shard><replica><host>{host}</host><port>{port}</port><user>gateway</user>"
-            f"<password>{key}</password><default_database>fleet</default_database></replica></shard>"
-            for host, port, _ in nodes),
-        "UPSTREAMS": "\n".join(f"    server {host}:{port} max_fails=1 fail_timeout=5s;" for host, _, port in nodes),
+    """Everything but the passwords, in gateway/ and nodes/NAME/. keys: what gateway and nodes know each other by; the
+    last one is used, those before it still count. home: where the gateway will find its folder."""
+    gateway = directory / "gateway"
+    current = len(keys), keys[-1]
+    sql = queries(nodes, replicas)
+    parameters = sorted({found for text in sql.values() for found in PARAMETER.findall(text)})
+    servers = "\n".join(f"    server {in_url(node.address)}:{node.http} max_fails=1 fail_timeout=@FAIL@s;"
+                        for node in nodes)
+    common = {
+        "KEY": current[1], "GENERATION": current[0], "HOME": home or gateway, "RATE": rate, "TIMEOUT": timeout,
+        "ENGINE_LISTEN": engine_listen, "SHARDS": shard_list(nodes, replicas, current),
+        "NODES": shard_list(nodes, 1, current),
+        "INGEST": servers.replace("@FAIL@", "5"), "QUERY_NODES": servers.replace("@FAIL@", "30"),
         "LISTEN": "\n".join(f"    listen {address};" for address in listen),
         "PARAMETERS": "\n".join(parameter_map(name, kind) for name, kind in parameters),
-        "QUERIES": "\n".join(query_location(name, text) for name, text in QUERIES.items()),
+        "QUERIES": "\n".join(query_location(name, text) for name, text in sql.items()),
     }
-    for name in ("engine.xml", "users.xml", "gateway.conf"):
-        text = re.sub(r"@(\w+)@", lambda match: str(values[match[1]]), (HERE / name).read_text())
-        (directory / name).write_text(text)
-    for user, password in passwords.items():
-        (directory / f"{user}s.htpasswd").write_text(password_line(user, password))
-    (directory / "page").mkdir(exist_ok=True)
-    for name in ("index.html", "fleet.js"):
-        shutil.copy(HERE / name, directory / "page")
-    shutil.copy(HERE / "schema.sql", directory)
+
+    def write(target, name, **values):
+        target.mkdir(parents=True, exist_ok=True)
+        (target / name).write_text(expand((HERE / name).read_text(), {**common, **values}))
+
+    write(gateway, "gateway.conf")
+    users = (HERE / "users.xml").read_text()
+    pair = re.search("(?s)        <!-- For each key. -->\n(.*?)(?=    </users>)", users)
+    for node in nodes:
+        place = directory / "nodes" / node.name
+        write(place, "engine.xml")
+        write(place, "node_dictionary.xml", NAME=node.name, DATA=node.data)
+        (place / "users.xml").write_text(users.replace(pair[0], "".join(
+            expand(pair[1], {"KEY": key, "GENERATION": number}) for number, key in enumerate(keys, 1) if key)))
+        shutil.copy(HERE / "schema.sql", place)
+    (gateway / "page").mkdir(exist_ok=True)
+    for path in (HERE / "index.html", *HERE.glob("*.js")):
+        shutil.copy(path, gateway / "page")
 
 
-def make_certificate(directory, name):
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-                    "-subj", f"/CN={name}", "-addext", f"subjectAltName=IP:{name}",
-                    "-keyout", directory / "tls.key", "-out", directory / "tls.crt"], check=True, capture_output=True)
+def node_sql(node, key, number, text, body=b""):
+    """Raises OSError unless the node has done it."""
+    url = f"http://{in_url(node.address)}:{node.http}/?" + urllib.parse.urlencode({"query": text})
+    head = {"X-ClickHouse-User": f"gateway{number}", "X-ClickHouse-Key": key}
+    with urllib.request.urlopen(urllib.request.Request(url, body, head), timeout=30) as answer:
+        answer.read()
 
 
-# Below the range that the kernel gives to clients. A fleet gets none twice, though it opens them late.
-PORTS = itertools.cycle(random.sample(range(10000, 32000, 2), 11000))
+def load_units(node, keys, units):
+    """Puts these units in the place of those that the node has."""
+    rows = "".join("\t".join(re.sub(r"[\\\t\n]", lambda found: {"\\": r"\\", "\t": r"\t", "\n": r"\n"}[found[0]], word)
+                             for word in (serial[:SN_LENGTH], name, site)) + "\n" for serial, name, site in units)
+    for text in ("DROP TABLE IF EXISTS fleet.units_new", "DROP TABLE IF EXISTS fleet.units_old",
+                 "CREATE TABLE fleet.units_new AS fleet.units",
+                 *(["INSERT INTO fleet.units_new FORMAT TabSeparated"] if rows else []),
+                 "RENAME TABLE fleet.units TO fleet.units_old, fleet.units_new TO fleet.units",
+                 "DROP TABLE fleet.units_old"):
+        node_sql(node, keys[-1], len(keys), text, rows.encode() if text.startswith("INSERT") else b"")
 
 
-def free_port():
-    """Free with the port above it, for datagrams too."""
-    for port in PORTS:
+def load_on_all(nodes, keys, units):
+    """Whether every node has them."""
+    failed = 0
+    for node in nodes:
         try:
-            for kind in (socket.SOCK_STREAM, socket.SOCK_DGRAM):
-                with socket.socket(type=kind) as one, socket.socket(type=kind) as two:
-                    one.bind(("", port))
-                    two.bind(("", port + 1))
-            return port
-        except OSError:
-            continue
+            load_units(node, keys, units)
+        except OSError as error:
+            reason = error.read().decode(errors="replace") if isinstance(error, urllib.error.HTTPError) else error
+            print(f"fleet.py: {node.name} has not taken the units: {reason}", file=sys.stderr)
+            failed += 1
+    print(f"{len(units)} units are expected; {len(nodes) - failed} of {len(nodes)} nodes know them.")
+    return not failed
 
 
-def wait_for(condition, seconds, what):
-    deadline = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > deadline:
-            raise RuntimeError(f"waited {seconds} s in vain for {what}")
-        time.sleep(0.02)
-
-
-def run(command, directory):
-    """A child that ends with this process, however that ends."""
-    with open(directory / "out", "ab") as out:
-        return subprocess.Popen(["setpriv", "--pdeathsig", "TERM", *command], cwd=directory, stdout=out, stderr=out,
-                                stdin=subprocess.DEVNULL)
-
-
-class Shard:
-    """An engine node on loopback with all its files in one directory."""
-
-    def __init__(self, directory):
-        self.directory = directory
-        self.native, self.http = free_port(), free_port()
-        self.process = None
-
-    def start(self):
-        place = self.directory
-        (place / "config.d").mkdir(parents=True, exist_ok=True)
-        shutil.copy(place.parent / "engine.xml", place / "config.d/fleet.xml")
-        shutil.copy(place.parent / "users.xml", place / "users.xml")
-        settings = {"http_port": self.http, "tcp_port": self.native, "path": f"{place}/data/",
-                    "users_config": "users.xml", "mark_cache_size": 100000000, "timezone": "UTC",
-                    "logger": "<level>warning</level><console>1</console>"}
-        (place / "config.xml").write_text(
-            "<yandex>" + "".join(f"<{tag}>{value}</{tag}>" for tag, value in settings.items()) + "</yandex>")
-        self.process = run(["clickhouse-server", "--config-file=config.xml"], place)
-
-    def sql(self, text, **settings):
-        """As the administrator; raises urllib.error.HTTPError if the engine refuses it."""
-        url = f"http://127.0.0.1:{self.http}/?" + urllib.parse.urlencode(settings)
-        with urllib.request.urlopen(url, text.encode(), timeout=60) as answer:
-            return answer.read().decode(errors="surrogateescape")
-
-    def ready(self):
-        if self.process.poll() is not None:
-            raise RuntimeError((self.directory / "out").read_text()[-2000:])
-        try:
-            return self.sql("SELECT 1") == "1\n"
-        except OSError:
-            return False
-
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
-
-
-@contextlib.contextmanager
-def running_fleet(directory, **options):
-    """A Fleet with these options that is up; it ends with the block, or with this process."""
-    fleet = Fleet(directory, **options)
-    try:
-        fleet.start()
-        yield fleet
-    finally:
-        fleet.stop()
-
-
-class Fleet:
-    """Shards and gateway on loopback below a directory."""
-
-    def __init__(self, directory, shards=2, rate=10000, timeout=10):
-        self.directory = Path(directory)
-        self.passwords = {"unit": secrets.token_hex(8), "viewer": secrets.token_hex(8)}
-        self.shards = [Shard(self.directory / f"shard{number}") for number in range(shards)]
-        self.http, self.https = free_port(), free_port()
-        self.url = f"http://127.0.0.1:{self.http}"
-        self.gateway = None
-        write_configuration(self.directory, [("127.0.0.1", shard.native, shard.http) for shard in self.shards],
-                            [f"127.0.0.1:{self.http}", f"127.0.0.1:{self.https} ssl"], self.passwords, rate=rate,
-                            timeout=timeout)
-        make_certificate(self.directory, "127.0.0.1")
-
-    def elastic_url(self, scheme="http"):
-        port = self.https if scheme == "https" else self.http
-        return f"{scheme}://unit:{self.passwords['unit']}@127.0.0.1:{port}/ingest"
-
-    def start(self):
-        for shard in self.shards:
-            shard.start()
-        for shard in self.shards:
-            wait_for(shard.ready, 60, "the engine")
-            for statement in statements((self.directory / "schema.sql").read_text()):
-                shard.sql(statement)
-        self.start_gateway()
-
-    def start_gateway(self):
-        place = self.directory
-        temporary = "".join(f"{kind}_temp_path {place}/tmp_{kind};" for kind in
-                            ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
-        user = "user root;" if os.geteuid() == 0 else ""
-        (place / "nginx.conf").write_text(
-            f"daemon off; pid {place}/nginx.pid; error_log {place}/gateway.log; worker_processes auto; {user}\n"
-            "worker_rlimit_nofile 8192; events { worker_connections 4000; }\n"
-            f"http {{ include /etc/nginx/mime.types; {temporary} include {place}/gateway.conf; }}\n")
-        path = os.environ["PATH"] + ":/usr/sbin"
-        self.gateway = run([shutil.which("nginx", path=path), "-p", place, "-c", place / "nginx.conf"], place)
-        wait_for(lambda: self.gateway.poll() is not None or self.request("/")[0] == 401, 20, "the gateway")
-        if self.gateway.poll() is not None:
-            raise RuntimeError((place / "out").read_text())
-
-    def count(self, table):
-        return int(self.shards[0].sql(f"SELECT count() FROM fleet.{table}"))
-
-    def request(self, path, user=None, password=None, body=None):
-        """(status, body) of a request to the gateway, as this user if given; status 0 without an answer."""
-        request = urllib.request.Request(self.url + path, data=body)
-        if user:
-            word = f"{user}:{password or self.passwords.get(user)}"
-            request.add_header("Authorization", "Basic " + base64.b64encode(word.encode()).decode())
-        try:
-            with urllib.request.urlopen(request, timeout=60) as answer:
-                return answer.status, answer.read()
-        except urllib.error.HTTPError as error:
-            return error.code, error.read()
-        except (OSError, http.client.HTTPException) as error:
-            return 0, str(error).encode()
-
-    def query(self, query, /, **parameters):
-        """(status, body) of one of the queries as a viewer."""
-        words = {key: value.encode().hex() if isinstance(value, str) else value for key, value in parameters.items()}
-        return self.request(f"/query/{query}?" + urllib.parse.urlencode(words), "viewer")
-
-    def stop(self):
-        """At once: what was not delivered stays in the directory."""
-        for process in (self.gateway, *(shard.process for shard in self.shards)):
-            if process:
-                process.terminate() if process is self.gateway else process.kill()
-                process.wait()
+def parse_arguments():
+    parser = argparse.ArgumentParser(description="Writes the configuration of a fleet's nodes and gateway.")
+    parser.add_argument("--home", help="where the gateway will find DIRECTORY/gateway, if elsewhere")
+    parser.add_argument("--rate", type=int, help="batches a second from one unit (100)")
+    parser.add_argument("--replicas", type=int, help="nodes of each shard (1)")
+    parser.add_argument("--units", action="store_true", help="also load units.csv into all nodes")
+    parser.add_argument("--rotate", metavar="USER", help="also make one more password for this unit")
+    parser.add_argument("--new-key", action="store_true", help="give gateway and nodes a new key; the old ones still count")
+    parser.add_argument("--only-new-key", action="store_true", help="let the old keys no longer count")
+    parser.add_argument("directory", type=Path)
+    parser.add_argument("node", nargs="*", help="NAME, ADDRESS or NAME=ADDRESS of an engine node; replicas of a shard in a row")
+    return parser.parse_args()
 
 
 def main():
-    parser = argparse.ArgumentParser(description="Writes the configuration of a fleet's nodes and gateway.")
-    parser.add_argument("--home", default="/etc/nginx/fleet", help="where the gateway will find the directory")
-    parser.add_argument("--rate", type=int, default=100, help="batches a second from one address (100)")
-    parser.add_argument("directory", type=Path)
-    parser.add_argument("node", nargs="+", help="host name of an engine node, which is a shard each")
-    options = parser.parse_args()
-    os.umask(0o077)
-    passwords = {user: secrets.token_hex(16) for user in ("unit", "viewer")
-                 if not (options.directory / f"{user}s.htpasswd").exists()}
-    write_configuration(options.directory, [(node, 9000, 8123) for node in options.node],
-                        ["443 ssl", "[::]:443 ssl"], passwords, options.home, "::", options.rate)
+    options = parse_arguments()
+    directory, path = options.directory.resolve(), options.directory / "fleet.json"
+    state = {"nodes": [], "rate": 100, "replicas": 1, "home": None, "keys": [secrets.token_hex(16)]}
+    if path.exists():
+        state.update(json.loads(path.read_text()))
+    state.update({name: value for name, value in (("nodes", options.node), ("rate", options.rate),
+                                                  ("replicas", options.replicas), ("home", options.home)) if value})
+    if options.new_key:
+        state["keys"].append(secrets.token_hex(16))
+    if options.only_new_key:
+        state["keys"] = [""] * (len(state["keys"]) - 1) + state["keys"][-1:]
+    nodes, units = parse_nodes(state["nodes"], state["replicas"]), read_units(options.directory / "units.csv")
+    os.umask(0o027)
+    write_configuration(directory, nodes, ["443 ssl", "[::]:443 ssl"], state["keys"], state["replicas"], state["home"],
+                        "::", state["rate"])
+    path.write_text(json.dumps(state, indent=4) + "\n")
+    gateway = directory / "gateway"
+    passwords = write_passwords(gateway, [serial for serial, *_ in units])
+    if options.rotate:
+        user = next(name for number in range(2, 1000)
+                    if not (gateway / "units" / (name := f"{options.rotate}.{number}")).exists())
+        passwords[user] = add_password(gateway / "units" / user, user)
     for user, password in passwords.items():
-        print(f"{user}'s password: {password}")
+        print(f"password of {user}: {password}")
+    if options.units and not load_on_all(nodes, state["keys"], units):
+        sys.exit(1)
 
 
 if __name__ == "__main__":

@@ -87,6 +87,16 @@ FROM fleet.lines_shard
 WHERE substring(message, 91, 50) = '     0       0    0   0.0      0     0      00000 '
     AND substring(message, 146) IN (' Service_Packet"}', ' Service_Packet"},');
 
+-- The units that should report, as units.csv has them; sn is what a line has of the serial number.
+CREATE TABLE IF NOT EXISTS fleet.units (sn String, name String, site String) ENGINE = MergeTree ORDER BY sn;
+
+-- What a node tells of itself (node_dictionary.xml): of each node, and of the one that answers for each shard.
+CREATE TABLE IF NOT EXISTS fleet.node (
+    id UInt64, name String, free_bytes UInt64, size_bytes UInt64, spool_files UInt64, broken_files UInt64, parts UInt64
+) ENGINE = Dictionary(node);
+CREATE TABLE IF NOT EXISTS fleet.nodes AS fleet.node ENGINE = Distributed(fleet_nodes, fleet, node);
+CREATE TABLE IF NOT EXISTS fleet.shards AS fleet.node ENGINE = Distributed(fleet, fleet, node);
+
 -- The first delivery to a shard makes a folder on this node; of two at once, one batch would be refused.
 -- These lines go to every shard, which leaves them out.
 INSERT INTO fleet.lines SELECT now(), concat(toFixedString('', 140), toString(number))

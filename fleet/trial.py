@@ -13,7 +13,8 @@ import tempfile
 import time
 from pathlib import Path
 
-from fleet import HERE, QUERIES, free_port, run, running_fleet, wait_for
+from fleet import HERE
+from loopback_fleet import free_port, run, running_fleet, wait_for
 
 BUILD = HERE.parent / "build/release"
 UNITS = 20
@@ -75,7 +76,7 @@ def trial(directory, once):
         print(f"{sent} session reports sent, {store.count('reports')} in the store.")
         now = int(time.time()) + 1
         period = {"from": now - 900, "to": now}
-        for query in QUERIES:
+        for query in store.queries:
             if query != "call":
                 show(store, query, **period, ms=1, step=60, since=now - 86400, after=600)
         worst = json.loads(store.query("worst_calls", **period, ms=1)[1])["data"][0]

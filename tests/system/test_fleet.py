@@ -12,7 +12,7 @@ import pytest
 from conftest import BUILD, ROOT, batch, line, report, wait_for
 
 sys.path.insert(0, str(ROOT / "fleet"))
-from fleet import QUERIES, running_fleet  # noqa: E402
+from loopback_fleet import running_fleet  # noqa: E402
 
 pytestmark = pytest.mark.skipif(not all(Path("/usr/sbin", name).exists() for name in ("clickhouse-server", "nginx")),
                                 reason="no clickhouse-server or no nginx")
@@ -23,7 +23,7 @@ def fleet(tmp_path, request):
     """Parametrised indirectly by other options of Fleet."""
     with running_fleet(tmp_path / "fleet", **getattr(request, "param", {})) as store:
         yield store
-        for log in [store.directory / "gateway.log", *store.directory.glob("shard*/out")]:
+        for log in [store.directory / "gateway.log", *store.directory.glob("node*/out")]:
             print(f"{log.parent.name}/{log.name}: {log.read_text(errors='replace')[-2000:]}")
 
 
@@ -32,7 +32,7 @@ def post(fleet, *lines):
 
 
 def names(fleet):
-    return fleet.shards[0].sql("SELECT name FROM fleet.reports").split()
+    return fleet.nodes[0].sql("SELECT name FROM fleet.reports").split()
 
 
 def stored_lines(fleet):
@@ -42,7 +42,7 @@ def stored_lines(fleet):
                "LOST_LOST_SINCE_LAST_REPORT_PERCENT": "loss", "JITTER_AVG": "jitter", "RTT_AVG": "rtt", "SSRC": "ssrc",
                "SERIAL_NUM": "sn", "RTCP_CNAME": "name"}
     select = f"SELECT zone, type, {', '.join(columns.values())} FROM fleet.reports FORMAT TSVRaw"
-    for row in fleet.shards[1].sql(select).split("\n")[:-1]:
+    for row in fleet.nodes[1].sql(select).split("\n")[:-1]:
         zone, end, *values = row.split("\t", 15)
         assert zone == "330"
         yield line("QOS_" + end.upper().replace("_", ""), **dict(zip(columns, values)))
@@ -76,7 +76,7 @@ def test_every_report_of_twenty_units(fleet, start):
     assert fleet.count("heartbeats") == 0
     subprocess.run([BUILD / "tools/check/voxstat-check", "-f", units[9].directory / "voxstat.cfg", "--post"])
     wait_for(lambda: fleet.count("heartbeats"), 60, "for the heartbeat")
-    assert fleet.shards[0].sql("SELECT sn FROM fleet.heartbeats") == "U09-l\n"
+    assert fleet.nodes[0].sql("SELECT sn FROM fleet.heartbeats") == "U09-l\n"
     written = []
     for unit in units:
         unit.stop()
@@ -87,27 +87,27 @@ def test_every_report_of_twenty_units(fleet, start):
 
 
 ACCESS = [  # path, user, body: status
-    ("/ingest", "viewer", b"[\n]", 401), ("/ingest", None, b"[\n]", 401), ("/ingest", "unit", None, 403),
+    ("/ingest", "viewer", b"[\n]", 403), ("/ingest", None, b"[\n]", 401), ("/ingest", "unit", None, 403),
     ("/ingest", "unit", b"x" * 140000, 413), ("/ingest?query=DROP+DATABASE+fleet&user=default", "unit", b"[\n]", 200),
     ("/query/days?from=0&to=9", "unit", None, 401), ("/query/days?from=0&to=9", None, None, 401),
     ("/query/days?from=0&to=9", "viewer", b"x", 403), ("/query/days?from=0&to=9)+OR+(1", "viewer", None, 500),
     ("/query/call?from=0&to=9&sn=')&name=&gcid=", "viewer", None, 200), ("/", "unit", None, 401),
-    ("/units.htpasswd", "viewer", None, 404), ("/?query=SELECT+1", "viewer", b"DROP DATABASE fleet", 405),
+    ("/units/unit", "viewer", None, 404), ("/?query=SELECT+1", "viewer", b"DROP DATABASE fleet", 405),
 ]
 
 
 @pytest.mark.parametrize("fleet", [{"rate": 1}], indirect=True)
 def test_access(fleet):
-    assert len(list(fleet.directory.glob("shard*/data/data/fleet/lines/gateway*"))) == 4     # of each node for each
+    assert len(list(fleet.directory.glob("node*/data/data/fleet/lines/gateway*"))) == 4     # of each node for each
     for path, user, body, status in ACCESS:
         assert (path, user, fleet.request(path, user, body=body)[0]) == (path, user, status)
     assert fleet.request("/ingest", "unit", "wrong", b"[\n]")[0] == 401
-    key = re.search("<password>(.+)</password>", (fleet.directory / "users.xml").read_text())[1]
+    key = re.search("<password>(.+)</password>", (fleet.directory / "nodes/node0/users.xml").read_text())[1]
     for statement in ("DROP DATABASE fleet", "INSERT INTO fleet.reports_shard (sn) VALUES ('x')", "SET readonly = 0"):
         with pytest.raises(OSError):
-            fleet.shards[0].sql(statement, user="viewer", password=key)
+            fleet.nodes[0].sql(statement, user="viewer1", password=key)
     assert fleet.count("reports") == 0
-    fleet.shards[0].kill()
+    fleet.nodes[0].kill()
     assert {post(fleet) for _ in range(20)} == {200}      # by the other node
     assert [post(fleet) for _ in range(250)][-1] == 429
 
@@ -126,7 +126,7 @@ def test_queries(fleet):
          call("clock", sn="D", seconds=9, loss=2))
     wait_for(lambda: fleet.count("reports") == 108, 30, "for the rows")
     for shard, (sn, age) in enumerate([("B", 10), ("C", 601)]):
-        fleet.shards[shard].sql(f"INSERT INTO fleet.heartbeats_shard VALUES ({now - age}, '{sn}')")
+        fleet.nodes[shard].sql(f"INSERT INTO fleet.heartbeats_shard VALUES ({now - age}, '{sn}')")
 
     def rows(query, columns, **parameters):
         status, answer = fleet.query(query, **{"from": now - 3600, "to": now + 3600, **parameters})
@@ -149,7 +149,8 @@ def test_queries(fleet):
     trend = rows("trend", "t reports", step=600, ms=0.5)
     assert sum(reports for _, reports in trend) == 107 and all(step % 600 == 0 for step, _ in trend)
     assert rows("call", "t type", sn="A", name="one", gcid="3-1") == [(now, "near_end"), (now - 9, "far_end")]
-    assert set(QUERIES) == {"worst_calls", "units", "silent", "reporting", "days", "trend", "call"}
+    assert rows("shards", "shard total up") == [(0, 2, 1), (1, 2, 1)]
+    assert set(fleet.queries) == {"worst_calls", "units", "silent", "reporting", "days", "trend", "call", "shards"}
 
 
 def test_a_killed_node(fleet):
@@ -163,23 +164,23 @@ def test_a_killed_node(fleet):
             accepted.update(rows)
 
     def delivered():
-        for path in fleet.directory.glob("shard*/data/data/fleet/lines/*/broken/*.bin"):
+        for path in fleet.directory.glob("node*/data/data/fleet/lines/*/broken/*.bin"):
             path.rename(path.parents[1] / path.name)    # the old release takes them for broken when their node dies
         return accepted <= set(names(fleet))
 
     def once():     # again if a repeated delivery was still on its way
-        for shard in fleet.shards:
-            for partition in set(shard.sql("SELECT toYYYYMM(at) FROM fleet.reports_shard").split()):
-                shard.sql(f"OPTIMIZE TABLE fleet.reports_shard PARTITION {partition} FINAL DEDUPLICATE")
+        for engine in fleet.nodes:
+            for partition in set(engine.sql("SELECT toYYYYMM(at) FROM fleet.reports_shard").split()):
+                engine.sql(f"OPTIMIZE TABLE fleet.reports_shard PARTITION {partition} FINAL DEDUPLICATE")
         return len(names(fleet)) == len(set(names(fleet)))
 
     with ThreadPoolExecutor(6) as pool:
         batches = [pool.submit(send, number) for number in range(600)]
         batches[150].result()
-        fleet.shards[1].kill()
+        fleet.nodes[1].kill()
         batches[450].result()
-        fleet.shards[1].start()
-    wait_for(fleet.shards[1].ready, 60)
+        fleet.nodes[1].start()
+    wait_for(fleet.nodes[1].ready, 60)
     wait_for(delivered, 90, "for all rows")
     print(f"{len(accepted)} of 3000 rows accepted, {len(names(fleet)) - len(accepted)} stored twice")
     assert len(accepted) > 2900
@@ -189,8 +190,8 @@ def test_a_killed_node(fleet):
 @pytest.mark.parametrize("fleet", [{"timeout": 2}], indirect=True)
 def test_silent_nodes_free_the_units(fleet):
     for number, status in ((signal.SIGSTOP, 504), (signal.SIGCONT, 200)):
-        for shard in fleet.shards:
-            shard.process.send_signal(number)
+        for engine in fleet.nodes:
+            engine.process.send_signal(number)
         begin = time.monotonic()
         assert post(fleet, call("next")) == status
         assert time.monotonic() - begin < 10      # the time-out is 2 s here
@@ -200,7 +201,7 @@ def test_silent_nodes_free_the_units(fleet):
 def test_over_tls(fleet, start):
     """The machine's store of certificates is what a unit trusts; here, in a mount namespace."""
     launch = ["unshare", "-rm", "sh", "-c", 'mount --bind "$0" /etc/ssl/certs/ca-certificates.crt && exec "$@"',
-              fleet.directory / "tls.crt"]
+              fleet.directory / "gateway/tls.crt"]
     if subprocess.run([*launch, "true"], capture_output=True).returncode != 0:
         pytest.skip("no mount namespace, or no ca-certificates")
     trusting, stranger = (start(launch=words, log__http=2, elastic_url=fleet.elastic_url("https"))
