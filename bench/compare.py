@@ -21,6 +21,9 @@ import sys
 import tempfile
 import time
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "scripts"))
+from loopback import free_port, wait_for  # noqa: E402
+
 BUILD = pathlib.Path(sys.argv[1]).resolve()
 ONCE = "--once" in sys.argv[2:]
 ROUNDS = 1 if ONCE else 9
@@ -31,14 +34,6 @@ PROGRAMS = []  # all that were started
 
 def scaled(count):
     return count // 10 if ONCE else count
-
-
-def wait_for(what, condition, seconds=30):
-    deadline = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > deadline:
-            sys.exit(f"waited {seconds} s in vain for {what}")
-        time.sleep(0.01)
 
 
 def table(title, *columns):
@@ -68,7 +63,7 @@ class Program:
         self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL)
         PROGRAMS.append(self)
         if port is not None:
-            wait_for("open ports", lambda: len(sockets(port)) == 2 or self.process.poll() is not None)
+            wait_for(lambda: len(sockets(port)) == 2 or self.process.poll() is not None, what="open ports")
 
     def running(self):
         return self.process.poll() is None
@@ -94,7 +89,7 @@ class Program:
         subprocess.run(
             [BUILD / "tools" / "voxstat-sim", "--port", str(self.port), "--load", kind, "--count", str(count), *options],
             stdout=subprocess.DEVNULL, check=True)
-        wait_for("an empty receive queue", lambda: not any(waiting for waiting, _ in sockets(self.port)))
+        wait_for(lambda: not any(waiting for waiting, _ in sockets(self.port)), what="an empty receive queue")
         time.sleep(0.25)
 
     def cost(self, kind, count, *options):
@@ -105,11 +100,9 @@ class Program:
 
 
 def start_on_ports(make_command):
-    """Tries pairs of ports below those that the kernel gives to clients until one is free."""
+    """Again with other ports when somebody has taken these meanwhile."""
     for _ in range(20):
-        port = 10000 + 2 * random.randrange(11000)
-        if sockets(port):
-            continue
+        port = free_port()
         program = Program(make_command(port), port)
         if program.running():
             return program

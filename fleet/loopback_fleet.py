@@ -3,14 +3,11 @@ measurements."""
 import base64
 import contextlib
 import http.client
-import itertools
 import os
-import random
 import secrets
 import shutil
-import socket
 import subprocess
-import time
+import sys
 import urllib.error
 import urllib.parse
 import urllib.request
@@ -18,36 +15,14 @@ from pathlib import Path
 
 from fleet import Node, load_units, queries, read_units, statements, write_configuration, write_passwords
 
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "scripts"))
+from loopback import free_port, wait_for  # noqa: E402
+
 
 def make_certificate(directory, name):
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
                     "-subj", f"/CN={name}", "-addext", f"subjectAltName=IP:{name}",
                     "-keyout", directory / "tls.key", "-out", directory / "tls.crt"], check=True, capture_output=True)
-
-
-# Below the range that the kernel gives to clients. A fleet gets none twice, though it opens them late.
-PORTS = itertools.cycle(random.sample(range(10000, 32000, 2), 11000))
-
-
-def free_port():
-    """Free with the port above it, for datagrams too."""
-    for port in PORTS:
-        try:
-            for kind in (socket.SOCK_STREAM, socket.SOCK_DGRAM):
-                with socket.socket(type=kind) as one, socket.socket(type=kind) as two:
-                    one.bind(("", port))
-                    two.bind(("", port + 1))
-            return port
-        except OSError:
-            continue
-
-
-def wait_for(condition, seconds, what):
-    deadline = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > deadline:
-            raise RuntimeError(f"waited {seconds} s in vain for {what}")
-        time.sleep(0.02)
 
 
 def run(command, directory):

@@ -3,15 +3,14 @@
 The model computes what a report or a voice record should look like in the files. It shares no code with
 the daemon. Everything runs on free ports and below a temporary directory that goes with the test.
 """
-import itertools
 import json
 import os
-import random
 import re
 import signal
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -21,6 +20,9 @@ from pathlib import Path
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "scripts"))
+from loopback import free_port, wait_for  # noqa: E402
+
 BUILD = Path(os.environ.get("VOXSTAT_BUILD", ROOT / "build/debug"))
 VOXSTAT = BUILD / "voxstat"
 SANITIZERS = os.environ.get("VOXSTAT_SANITIZE", "")
@@ -39,15 +41,6 @@ def tmp_path():
     """A directory that is gone after the test, unlike pytest's own."""
     with tempfile.TemporaryDirectory(prefix="voxstat.") as name:
         yield Path(name)
-
-
-def wait_for(condition, seconds=30, what=""):
-    """Returns what the condition gives as soon as it is true; fails after that many seconds."""
-    deadline = time.monotonic() + seconds
-    while not (result := condition()):
-        assert time.monotonic() < deadline, f"waited {seconds} s in vain {what}"
-        time.sleep(0.01)
-    return result
 
 
 def expected(name):
@@ -180,22 +173,6 @@ def web():
 STAMP = re.compile(r"^[A-Z][a-z]{2}-\d\d \d\d:\d\d:\d\d\.\d{3} {2,3}(\[[A-Z]+\]) \[0x[0-9a-f]{1,6}\]", re.M)
 
 
-# Below the range that the kernel gives to clients. No two daemons of one test program get the same.
-PORTS = itertools.cycle(random.sample(range(10000, 32000, 2), 11000))
-
-
-def free_ports():
-    """Two ports in a row that nobody has now."""
-    for port in PORTS:
-        try:
-            with socket.socket(type=socket.SOCK_DGRAM) as one, socket.socket(type=socket.SOCK_DGRAM) as two:
-                one.bind(("", port))
-                two.bind(("", port + 1))
-            return port
-        except OSError:
-            continue
-
-
 class Daemon:
     """One run of the daemon. Its statistics stand in directory/stat, its output in directory/out.
 
@@ -206,7 +183,7 @@ class Daemon:
     def __init__(self, directory, launch=(), program=None, serial=None, port=None, **settings):
         self.directory = directory
         self.stat = directory / "stat"
-        self.port = port or free_ports()
+        self.port = port or free_port()
         if serial is not None:
             (directory / "sn").write_text(f"serial: {serial}\n")
         settings = {"qos_port": self.port, "qos_stat_dir": self.stat, "sn_file_path": directory / "sn", **settings}

@@ -10,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import BUILD, ROOT, expected, free_ports, report, wait_for
+from conftest import BUILD, ROOT, expected, free_port, report, wait_for
 
 SELF = pwd.getpwuid(os.geteuid()).pw_name
 USER = "nobody" if SELF == "root" else SELF
@@ -41,7 +41,7 @@ def write(tmp_path):
         path.chmod(0o777)
 
     def run(*lines, port=None):
-        needed = {"qos_port": port or free_ports(), "qos_stat_dir": "DIR/stat", "sn_file_path": "DIR/sn"}
+        needed = {"qos_port": port or free_port(), "qos_stat_dir": "DIR/stat", "sn_file_path": "DIR/sn"}
         text = "\n".join([*lines, *(f"{key} = {value}" for key, value in needed.items()
                                     if not any(row.startswith(key) for row in lines))])
         (tmp_path / "voxstat.cfg").write_text(text.replace("DIR", str(tmp_path)), newline="")
@@ -73,7 +73,7 @@ def test_what_keeps_the_daemon_from_starting(write):
         return check(config)[1][0]
 
     with socket.socket(type=socket.SOCK_DGRAM) as holder:
-        holder.bind(("", free_ports()))
+        holder.bind(("", free_port()))
         port, name = holder.getsockname()[1], Path("/proc/self/comm").read_text().strip()
         assert first(write(port=port)) == (
             f"1: error: port {port} cannot be opened: Address already in use by {name}, and the daemon would end at "

@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 
-from conftest import VOXSTAT, Daemon, free_ports, report, wait_for
+from conftest import VOXSTAT, Daemon, free_port, report, wait_for
 
 USAGE = "Usage: voxstat [-f <filename>]\nIf filename is missing then default voxstat.cfg is assumed.\n"
 
@@ -15,7 +15,7 @@ USAGE = "Usage: voxstat [-f <filename>]\nIf filename is missing then default vox
     ("-f", ""), ("good.cfg", ""), ("-F good.cfg", ""), ("-f good.cfg extra", ""),
 ])
 def test_usage(tmp_path, arguments, reason):
-    (tmp_path / "good.cfg").write_text(f"qos_port = {free_ports()}\nqos_stat_dir = {tmp_path}/stat\n")
+    (tmp_path / "good.cfg").write_text(f"qos_port = {free_port()}\nqos_stat_dir = {tmp_path}/stat\n")
     end = subprocess.run([VOXSTAT, *arguments.split()], cwd=tmp_path, capture_output=True, text=True, timeout=60)
     assert (end.returncode, end.stdout, end.stderr) == (0, reason + USAGE, "")
 

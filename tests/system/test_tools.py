@@ -7,7 +7,7 @@ import subprocess
 import time
 
 import pytest
-from conftest import BUILD, HEADERS, expected, free_ports, line, voice_record
+from conftest import BUILD, HEADERS, expected, free_port, line, voice_record
 
 START = 1700000000      # 03:43:20 on the 15th of November 2023 in the zone of the tests
 
@@ -34,7 +34,7 @@ def test_command_lines(tool, options, said):
 
 def sim(*options):
     """What voxstat-sim says, and the datagrams that come to the report and to the voice port."""
-    port, got = free_ports(), []
+    port, got = free_port(), []
     with socket.socket(type=socket.SOCK_DGRAM) as one, socket.socket(type=socket.SOCK_DGRAM) as two:
         for number, each in enumerate((one, two)):
             each.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)    # all has room there
@@ -100,10 +100,10 @@ def test_sim_sends_load():
 
 
 def test_sim_counts_what_is_refused():
-    load = run("voxstat-sim", f"--port={free_ports()}", "--load=eos")
+    load = run("voxstat-sim", f"--port={free_port()}", "--load=eos")
     sent, refused = map(int, re.match(r"load=eos first=1 count=1000 sent=(\d+) .* refused=(\d+) ", load.stdout).groups())
     assert load.returncode == 1 and refused > 0 and sent + refused == 1000
-    calls = run("voxstat-sim", f"--port={free_ports()}", "--duration=20", "--speed=10000")
+    calls = run("voxstat-sim", f"--port={free_port()}", "--duration=20", "--speed=10000")
     assert calls.returncode == 1 and re.search(
         r" ([1-9]\d*) datagrams could not be sent: \1 refused, 0 for want of buffers, 0 otherwise\n"
         "nobody listens on one of the ports: is voxstat running, with this qos_port\\?\n$", calls.stdout)
