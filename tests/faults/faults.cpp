@@ -39,7 +39,7 @@
 #define LINKED_AS(name, symbol, result, parameters)                   \
     extern "C" result __real_##name parameters asm("__real_" symbol); \
     extern "C" result __wrap_##name parameters asm("__wrap_" symbol);
-#ifdef __USE_TIME_BITS64  // where they would have 32 bits
+#if __SIZEOF_POINTER__ == 4  // where times would have 32 bits
 #define TIME64(usual, widened) widened
 #else
 #define TIME64(usual, widened) usual
