@@ -23,12 +23,14 @@ def sysctl(name):
 
 
 def check(config, *options, user=USER):
-    """The status, and what is printed without the path of the file. DIR is its directory, USER the user."""
+    """The status, and what is printed without the path of the file. DIR is its directory, USER the user, WHY what
+    libcurl says of a URL."""
     run = subprocess.run([BUILD / "tools/check/voxstat-check", "-f", config, "--user", user, *options],
                          capture_output=True, text=True, timeout=60, cwd=config.parent)
     assert run.stderr == ""
     text = re.sub(rf"^{config}: ?", "", run.stdout, flags=re.M).replace(str(config.parent), "DIR")
     text = re.sub(rf"(user|chown|chgrp|-o) {user}\b", r"\1 USER", re.sub(r"\d+ MiB", "N MiB", text))
+    text = re.sub("(URL: )[^;]*", r"\1WHY", text)
     return run.returncode, text.splitlines()
 
 
