@@ -1,4 +1,5 @@
 """The tools: voxstat-sim sends what it says, voxstat-plot finds and draws what stands in files made by hand."""
+import csv
 import re
 import shutil
 import socket
@@ -7,7 +8,7 @@ import subprocess
 import time
 
 import pytest
-from conftest import BUILD, HEADERS, expected, free_port, line, voice_record
+from conftest import BUILD, HEADERS, ROOT, expected, free_port, line, voice_record
 
 START = 1700000000      # 03:43:20 on the 15th of November 2023 in the zone of the tests
 
@@ -110,6 +111,7 @@ def test_sim_counts_what_is_refused():
 
 
 EOS = "QOS_EOS_NEAREND"
+FIGURES = "loss_percent", "jitter_ms", "round_trip_ms"
 
 
 def call(gcid, event="QOS_NEAREND", seconds=0, loss=0, jitter=0, rtt=0):
@@ -143,26 +145,24 @@ def texts(svg):
                   if text.strip("0123456789. "))
 
 
-QUALITY = [  # worst first: GCID, loss, jitter, round trip; worked by hand: R and MOS with concealment and without
-    ("deaf", 100, 1000, 2000, "-365.2", "1.00", "-380.4", "1.00"),
-    ("lossy", 5, 0, 0, "77.4", "3.92", "42.1", "2.17"),
-    ("slow", 0, 50, 400, "72.5", "3.71", "72.5", "3.71"),
-    ("good", 0, 0, 0, "93.2", "4.41", "93.2", "4.41"),
-]
-
-
 def test_list_estimates_quality(plot):
-    text = "".join(call(row[0], "QOS_NEAREND", 0, *row[1:4]) + call(row[0], seconds=5) for row in reversed(QUALITY))
-    for options, place in (([], 4), (["--no-plc"], 6)):
+    """The worst call first; equally bad ones in the order of their names. Computed by hand from the formula."""
+    with open(ROOT / "tests/system/data/speech_quality.csv", encoding="ascii") as table:
+        quality = list(csv.DictReader(table))
+    text = "".join(call(row["call"], "QOS_NEAREND", 0, *(float(row[key]) for key in FIGURES)) + call(row["call"], seconds=5)
+                   for row in quality)
+    worst = "deaf nearzero tail burst slow pastknee knee typical perfect".split()
+    quality.sort(key=lambda row: worst.index(row["call"]))
+    for options, kind in (([], ""), (["--no-plc"], "_no_plc")):
         rows = plot("--list", "--unit=ms", *options, a=text).stdout.splitlines()
         assert rows[0].split() == "GCID TID Far_End_IP Date Time Loss/% Jitter/ms RTT/ms R MOS".split()
         assert {len(row) for row in rows[:-1]} == {100}
         assert [row.split() for row in rows[1:-1]] == [
-            [row[0], "2.1", "-", "2023-Nov-15", "03:43:20", f"{row[1]}.0", *map(str, row[2:4]), *row[place:place + 2]]
-            for row in QUALITY]
-    assert rows[-1] == "bad calls: 3 of 4 (loss 1 %, jitter 30 ms or round trip 300 ms and above)"
+            [row["call"], "2.1", "-", "2023-Nov-15", "03:43:20", f"{float(row['loss_percent']):.1f}", row["jitter_ms"],
+             row["round_trip_ms"], f"{float(row['r' + kind]):.1f}", f"{float(row['mos' + kind]):.2f}"] for row in quality]
+    assert rows[-1] == "bad calls: 7 of 9 (loss 1 %, jitter 30 ms or round trip 300 ms and above)"
     plain = plot("--list", "--loss=5.1", "--jitter=51", "--round-trip=401", a=text).stdout
-    assert plain.endswith("bad calls: 1 of 4 (loss 5.1 %, jitter 51 or round trip 401 and above)\n") and "MOS" not in plain
+    assert plain.endswith("bad calls: 3 of 9 (loss 5.1 %, jitter 51 or round trip 401 and above)\n") and "MOS" not in plain
 
 
 @pytest.mark.parametrize("options, calls", [    # a1 lasted to 03:43:20, a2 a minute longer, a3 to the next day
