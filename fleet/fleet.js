@@ -1,47 +1,50 @@
 "use strict";
-// The page of the fleet. All that comes from reports is put in as text, never as HTML; the gateway's fixed
-// queries take numbers, and names in hexadecimal form.
+// The page of the fleet. What the viewer chooses stands in the address, so that a link shows the same. The gateway's
+// fixed queries take numbers, and texts in hexadecimal form. Times are the store's, whatever the browser's clock says.
 
-const SILENT_AFTER_S = 600;     // two heartbeats missed
-const KNOWN_FOR_S = 86400;      // a unit is forgotten a day after its last heartbeat
-const REFRESH_MS = 60000;
-const STEPS = 90;               // points of a curve over the chosen time
-const TIME_STEPS_S = [1, 5, 15, 60, 300, 900, 3600, 14400, 86400];    // between the marks of a time axis
+const DAY_S = 86400;
+const SILENT_AFTER_S = 600;                     // two heartbeats missed
+const HEARTBEATS_S = 7 * DAY_S;                 // how far back the page looks for a unit's last heartbeat
+const POLL_MS = 3000, POLL_TIMEOUT_MS = 6000;   // a store that does not answer is noticed within 10 s
+const QUERY_TIMEOUT_MS = 9000;
+const REFRESH_S = 60, RETRY_S = 10;
+const STEPS = 90;                               // points of a curve over the chosen time
+const DEFAULTS = {period: "900", from: "", to: "", site: "", unit: "", find: "", call: "", scale: "1"};
 
-const element = id => document.getElementById(id);
-const msPerUnit = () => Number(element("unit").value);
-const number = (value, digits = 1) => Number(value).toLocaleString(undefined, {maximumFractionDigits: digits});
-const percent = value => number(value, 2);
-const moment = seconds => seconds ? new Date(seconds * 1000).toLocaleString(undefined,
-    {dateStyle: "short", timeStyle: "medium"}) : "never";
-const delay = value => number(value * (msPerUnit() || 1));
-const delayUnit = () => msPerUnit() ? "ms" : "as reported";
-const opinion = value => msPerUnit() ? percent(value) : "–";
+const chosen = name => new URLSearchParams(location.hash.slice(1)).get(name) ?? DEFAULTS[name];
+const address = changes => "#" + new URLSearchParams(Object.keys(DEFAULTS)
+    .map(name => [name, String(changes[name] ?? chosen(name))]).filter(([name, value]) => value !== DEFAULTS[name]));
+const go = changes => { location.hash = address(changes); };
 
-function create(tag, properties, ...children) {
-    const made = Object.assign(document.createElement(tag), properties);
-    made.append(...children);
-    return made;
-}
+let clock;              // what the store's clock is ahead of the browser's count of seconds
+const now = () => clock + performance.now() / 1000;
+let down = [];          // the shards that do not answer
+let expected = {};      // the rows of the expected units by their serial numbers
+let asked = -Infinity;  // when the page was last refreshed
+let unreachable = "";   // why the store does not answer
+
+const hex = text => [...new TextEncoder().encode(text)].map(byte => byte.toString(16).padStart(2, "0")).join("");
+const unhex = digits => new TextDecoder().decode(Uint8Array.from(digits.match(/../g) ?? [], pair => parseInt(pair, 16)));
+const age = seconds => seconds < 120 ? `${Math.max(0, Math.round(seconds))} s`
+    : seconds < 7200 ? `${Math.round(seconds / 60)} min` : `${number(seconds / 3600)} h`;
 
 function chosenTime() {
-    const period = element("period").value;
-    const now = Math.ceil(Date.now() / 1000) + 1;
-    if (period !== "chosen")
-        return {from: now - Number(period), to: now};
-    const seconds = id => Math.floor(new Date(element(id).value).getTime() / 1000);
-    return {from: seconds("from") || 0, to: seconds("to") || now};
+    const end = Math.ceil(now()) + 1, period = chosen("period");
+    return period === "chosen" ? {from: Number(chosen("from")), to: Number(chosen("to")) || end}
+        : {from: end - Number(period), to: end};
 }
 
 // The rows of a query's answer, and how many there are without its limit.
-async function ask(query, parameters) {
+async function ask(query, parameters, timeout = QUERY_TIMEOUT_MS) {
     let answer, text;
     try {
         // from the origin: the page's own address may have a password in it
-        answer = await fetch(`${location.origin}/query/${query}?${new URLSearchParams(parameters)}`);
+        answer = await fetch(`${location.origin}/query/${query}?${new URLSearchParams(parameters)}`,
+            {signal: AbortSignal.timeout(timeout)});
         text = await answer.text();
     } catch (error) {
-        throw new Error(`The gateway does not answer (${error.message}).`);
+        throw new Error(error.name === "TimeoutError" ? `No answer within ${timeout / 1000} s.`
+            : `The gateway does not answer (${error.message}).`);
     }
     if (answer.ok) {
         try {
@@ -52,23 +55,25 @@ async function ask(query, parameters) {
         }
     }
     if (text.startsWith("<"))   // the gateway's own page
-        text = answer.status === 429 ? "Too many queries from here." : "No engine answers the gateway.";
+        text = answer.status === 429 ? "Too many queries from this address."
+            : "No engine answers the gateway.";
     throw new Error(`${answer.status} ${text.replace(/\s+/g, " ")}`);
 }
 
 // Of each query: how often it was asked, when its part of the page was drawn, and why it failed if it did.
 const parts = {};
+const placesOf = query => document.querySelectorAll(`[data-query=${query}]`);
 
-// Asks, and draws the answer unless the query was asked again meanwhile. When it fails, its part of the page stays and
-// says how old it is.
+// Asks with each set of parameters and draws the answers unless the query was asked again meanwhile. When it fails,
+// its part of the page stays and says how old it is.
 async function show(query, parameters, draw) {
     const part = parts[query] ??= {asked: 0}, turn = ++part.asked;
-    let failure;
+    let failure = "";
     try {
-        const answer = await ask(query, parameters);
+        const answers = await Promise.all([parameters].flat().map(each => ask(query, each)));
         if (turn === part.asked) {
-            draw(...answer);
-            part.drawn = Date.now() / 1000;
+            draw(...answers.flat());
+            part.drawn = now();
         }
     } catch (error) {
         failure = error.message;
@@ -76,215 +81,245 @@ async function show(query, parameters, draw) {
     if (turn !== part.asked)
         return;
     part.failure = failure;
-    for (const place of document.querySelectorAll(`[data-query=${query}]`)) {
-        place.classList.toggle("stale", Boolean(failure));
-        place.style.setProperty("--age", part.drawn ? `" (of ${moment(part.drawn)})"` : '" (not read yet)"');
-    }
-    showFailures();
+    placesOf(query).forEach(place => { place.ariaBusy = null; });
+    showState();
 }
 
-function showFailures() {
+function showState() {
     const failed = Object.entries(parts).filter(([, {failure}]) => failure);
-    const text = failed.length && [`Not up to date: ${failed.map(([query]) => query.replace("_", " ")).join(", ")}.`,
-        ...new Set(failed.map(([, {failure}]) => failure))].join("\n");
+    for (const [query, {drawn, failure}] of Object.entries(parts))
+        for (const place of placesOf(query)) {
+            place.classList.toggle("stale", Boolean(failure || unreachable));
+            place.style.setProperty("--age",
+                drawn ? `" (old: ${moment(drawn)}, ${age(now() - drawn)} ago)"` : '" (no data yet)"');
+        }
+    const drawn = Object.values(parts).map(part => part.drawn).filter(Boolean);
+    if (drawn.length)
+        element("age").textContent = `Data of ${moment(Math.min(...drawn))}, ${age(now() - Math.min(...drawn))} old`;
+    const reasons = new Set(unreachable ? [unreachable] : failed.map(([, {failure}]) => failure));
+    const text = reasons.size ? [unreachable ? "The store does not answer. This page shows old data."
+        : `Old data in: ${failed.map(([query]) => query.replace("_", " ")).join(", ")}.`,
+    ...reasons, "The page retries on its own."].join("\n") : "";
     element("error").hidden = !text;
-    if (text && element("error").textContent !== text)      // else it would be read out again
+    if (element("error").textContent !== text)      // else it would be read out again
         element("error").textContent = text;
 }
 
-// Charts. A chart: [title, curves, range of the values]; a curve: [label, colour, dashes, points].
-function drawCharts(place, charts, time) {
-    for (const canvas of place.querySelectorAll("canvas"))
-        Chart.getChart(canvas)?.destroy();
-    place.replaceChildren();
-    for (const chart of charts)
-        drawChart(place, ...chart, time);
+// --- the parts of the page -----------------------------------------------------------------------
+
+const toUnit = ({unit}) => address({unit, call: ""});
+const toSite = ({site}) => site && address({site, unit: "", call: ""});
+const toCall = row => row.id && address({call: [row.id, row.since, row.until].join("_")});
+const withUnit = row => ({...row, unit_name: expected[row.unit]?.unit_name ?? "(not expected)",
+    site: expected[row.unit]?.site ?? ""});
+const atTime = since => Object.assign(value => value ? moment(value) : `none since ${moment(since)}`, {time: true});
+const UNIT = ["unit", "Unit", null, toUnit], NAMES = [["unit_name", "Name"], ["site", "Site", null, toSite]];
+const RTCP_NAME = ["rtcp_name", "RTCP name"], CALL = ["call", "Call", null, toCall], TID = ["terminal", "TID"];
+const highest = () => [["mos_min", "MOS min", opinion], ["loss_max", "Loss max (%)", percent],
+    ["jitter_max", `Jitter max (${delayUnit()})`, delay], ["rtt_max", `Round trip max (${delayUnit()})`, delay]];
+const means = () => [["mos_mean", "MOS", opinion], ["loss_mean", "Loss (%)", percent],
+    ["jitter_mean", `Jitter (${delayUnit()})`, delay], ["rtt_mean", `Round trip (${delayUnit()})`, delay]];
+const TRAFFIC = [["calls", "Calls", number], ["reports", "Reports", number]];
+const LAST = ["until", "Last report", atTime()];
+
+function fillSelect(id, all, options) {
+    const select = element(id), value = chosen(id);
+    const wanted = new Map([["", all], ...options, ...(value ? [[value, new Map(options).get(value) ?? value]] : [])]);
+    const key = JSON.stringify([...wanted]);
+    if (select.dataset.options !== key)     // else an open list would close
+        select.replaceChildren(...[...wanted].map(([option, text]) => create("option", {value: option}, text)));
+    select.dataset.options = key;
+    select.value = value;
 }
 
-function drawChart(place, title, curves, range, {from, to}) {
-    const color = name => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
-    const grid = {color: color("--line")}, ticks = {color: color("--dim"), maxRotation: 0};
-    const stepSize = TIME_STEPS_S.find(step => to - from <= 7 * step);
-    const canvas = create("canvas", {role: "img", ariaLabel: title});
-    place.append(create("div", {className: "chart"}, canvas));
-    new Chart(canvas, {
-        type: "line",
-        data: {datasets: curves.map(([label, hue, borderDash, data]) => ({
-            label, data, borderDash, borderColor: color(hue), backgroundColor: color(hue), borderWidth: 2,
-            pointRadius: data.length < 3 ? 3 : 0, pointHitRadius: 8}))},
-        options: {
-            animation: false, maintainAspectRatio: false, parsing: false, normalized: true,
-            interaction: {mode: "nearest", axis: "x", intersect: false},
-            scales: {
-                x: {type: "linear", min: from, max: to, grid,
-                    ticks: {...ticks, stepSize, includeBounds: false, callback: value => timeLabel(value, to - from)}},
-                y: {...range, grace: "5%", grid, ticks: {...ticks, maxTicksLimit: 6}}},
-            plugins: {
-                title: {display: true, text: title, color: color("--text"), align: "start"},
-                legend: {display: curves.length > 1, align: "start",
-                    labels: {color: color("--dim"), boxHeight: 0, boxWidth: 24}},
-                tooltip: {callbacks: {title: items => moment(items[0].parsed.x)}}}}});
+const isMissing = ({unit}) => down.some(({missing}) => missing.includes(unit));
+
+function showExpected(rows) {
+    expected = Object.fromEntries(rows.map(row => [row.unit, row]));
+    const site = chosen("site");
+    fillSelect("site", "all", [...new Set(rows.map(row => row.site))].filter(Boolean).map(name => [name, name]));
+    fillSelect("unit", "all", rows.filter(row => !site || row.site === site)
+        .map(row => [row.unit, `${row.unit} ${row.unit_name}`]));
+    const lost = rows.filter(isMissing), section = element("missing");
+    section.hidden = !down.length;
+    section.querySelector("h2").textContent = `No answer from ${down.map(({nodes}) => nodes.join(" and ")).join(", ")}: ` +
+        `${number(lost.length)} expected units are missing from this page`;
+    showTable("missing", [UNIT, ...NAMES], lost, "This page shows these units again when their shard answers.");
 }
 
-function timeLabel(seconds, span) {
-    return new Date(seconds * 1000).toLocaleString(undefined, {
-        ...(span > 86400 ? {month: "short", day: "numeric"} : {}), hour: "2-digit", minute: "2-digit",
-        ...(span < 420 ? {second: "2-digit"} : {})});
+function showSilent(rows, total, {from, to}) {
+    const known = rows.filter(row => !isMissing(row)).map(row => ({...row, state:
+        [row.silent && (row.last_heard ? `silent for ${age(to - row.last_heard)}` : "silent"),
+            !row.expected && "not expected"].filter(Boolean).join(", ")}));
+    const silent = known.filter(row => row.silent).length;
+    countIn("silent", "Silent units: ", silent);
+    showTable("silent", [UNIT, ["state", "State"], ...NAMES,
+        ["last_heartbeat", "Last heartbeat", atTime(to - HEARTBEATS_S)], ["last_report", "Last report", atTime(from)]],
+    known, `Nothing received for more than ${SILENT_AFTER_S / 60} minutes. ` +
+        `${number(known.filter(row => !row.expected).length)} units are not expected (not in units.csv).`);
 }
 
-const points = (rows, column, factor = 1) => rows.map(row => ({x: row.t, y: row[column] * factor}));
-
-// The charts of a fleet and of a call; curves(column, factor) gives the curves of one.
-const charts = curves => [["Loss (%)", curves("loss", 1), {min: 0}],
-    [`Jitter (${delayUnit()})`, curves("jitter", msPerUnit() || 1), {min: 0}],
-    [`Round trip (${delayUnit()})`, curves("rtt", msPerUnit() || 1), {min: 0}]];
-
-function showTrend(rows, time) {
-    const pair = (column, factor) => [["mean", "--one", [], points(rows, `${column}_mean`, factor)],
-        ["95 % are below", "--two", [4, 4], points(rows, `${column}_p95`, factor)]];
-    const mos = ["Estimated MOS", [["mean", "--one", [], points(rows, "mos")]], {min: 1, max: 4.5}];
-    drawCharts(element("trend"), msPerUnit() ? [...charts(pair), mos] : charts(pair), time);
-
-    const reports = rows.reduce((sum, row) => sum + row.reports, 0);
-    const mean = (column, form) =>
-        reports ? form(rows.reduce((sum, row) => sum + row[column] * row.reports, 0) / reports) : "–";
-    const unit = msPerUnit() ? " ms" : "";
-    element("mean-loss").textContent = mean("loss_mean", value => `${percent(value)} %`);
-    element("mean-jitter").textContent = mean("jitter_mean", value => delay(value) + unit);
-    element("mean-rtt").textContent = mean("rtt_mean", value => delay(value) + unit);
-    element("mean-mos").textContent = mean("mos", opinion);
+// The heading of a query's part, with a count in it.
+function countIn(query, title, count, form = value => value ? number(value) : "none") {
+    document.querySelector(`[data-query=${query}] h2`).replaceChildren(title,
+        create("span", {className: count ? "bad" : ""}, form(count)));
 }
-
-function showTotals([totals = {units: 0, calls: 0, reports: 0}]) {
-    for (const [name, value] of Object.entries(totals))
-        element(`${name}-count`).textContent = number(value);
-}
-
-// Tables. A column: [key, title, form of a value (without one it is text)]; choose: what a click on a row does.
-const order = {calls: ["mos", 1], silent: ["last_heartbeat", 1], units: ["loss_mean", -1]};
-
-function showTable(id, columns, rows, caption, choose) {
-    const table = element(id), [key, sign] = order[id], focused = document.activeElement;
-    const again = () => showTable(id, columns, rows, caption, choose);
-    const cell = (tag, form, content, properties) =>
-        create(tag, {className: form ? "" : "text", ...properties}, content);
-    const head = columns.map(([column, title, form]) => {
-        const sort = () => {
-            order[id] = [column, column === key ? -sign : form ? -1 : 1];
-            again();
-        };
-        const ariaSort = column === key ? (sign > 0 ? "ascending" : "descending") : null;
-        return cell("th", form, create("button", {value: column, onclick: sort}, title), {scope: "col", ariaSort});
-    });
-    const compare = (a, b) => typeof a === "number" ? a - b : a.localeCompare(b);
-    const lines = [...rows].sort((a, b) => sign * compare(a[key], b[key])).map(row => {
-        const cells = columns.map(([column, , form], place) => {
-            const title = form ? form(row[column]) : row[column];
-            const opens = choose && place === 0;
-            return cell("td", form, opens ? create("button", {value: row.key}, title || "(none)") : title, {title});
-        });
-        const line = create("tr", {ariaCurrent: choose && row.key === open?.key ? "true" : null}, ...cells);
-        line.onclick = choose && (() => {
-            choose(row);
-            again();
-        });
-        return line;
-    });
-    const hadFocus = table.contains(focused);
-    table.replaceChildren(create("caption", {}, rows.length ? caption : "None."),
-        create("thead", {}, create("tr", {}, ...head)), create("tbody", {}, ...lines));
-    if (hadFocus)
-        [...table.querySelectorAll("button")].find(({value}) => value === focused.value)?.focus({preventScroll: true});
-}
-
-const share = (rows, total) => rows.length < total ? `${number(rows.length)} of ${number(total)}` : number(total);
 
 function showCalls(rows) {
-    showTable("calls", [["call", "Call"], ["unit", "Unit"], ["rtcp_name", "RTCP name"], ["mos", "MOS", opinion],
-        ["loss_mean", "Loss %", percent], ["loss_max", "Loss max %", number],
-        ["jitter_max", `Jitter max (${delayUnit()})`, delay], ["rtt_max", `RTT max (${delayUnit()})`, delay],
-        ["reports", "Reports", number], ["until", "Last report", moment]], rows,
-    `The ${rows.length} calls with the lowest estimated quality. Choose one to see its curves.`, row => {
-        open = row;
-        showCall(chosenTime()).then(() => element("call").focus());
-    });
-}
-
-function showSilent(rows, total) {
-    element("silent-count").textContent = number(total);
-    element("silent-count").classList.toggle("alarm", total > 0);
-    showTable("silent", [["unit", "Unit"], ["last_heartbeat", "Last heartbeat", moment],
-        ["last_report", "Last report", moment]], rows,
-    `${share(rows, total)} units without a heartbeat for more than ten minutes. Each had one in the day before, ` +
-        "or has reports in the chosen time.");
+    const bad = rows.filter(({severity}) => severity >= 1).length;
+    countIn("worst_calls", "Worst calls: ", bad, count => count < 100 ? `${count} bad` : "100 or more bad");
+    showTable("calls", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME,
+        ["loss_mean", "Loss (%)", percent], ["reports", "Reports", number], LAST], rows.map(withUnit),
+    "Worst calls first. What counts is the worst report of a call: its loss, jitter or round-trip time, " +
+        "each divided by the value from which it is bad.");
 }
 
 function showUnits(rows, total) {
-    showTable("units", [["unit", "Unit"], ["rtcp_name", "RTCP name"], ["loss_mean", "Loss %", percent],
-        ["loss_max", "Loss max %", number], ["jitter_mean", `Jitter (${delayUnit()})`, delay],
-        ["rtt_mean", `RTT (${delayUnit()})`, delay], ["calls", "Calls", number],
-        ["reports", "Reports", number], ["until", "Last report", moment]], rows,
-    `The highest mean loss: ${share(rows, total)} units.`);
+    showTable("units", [UNIT, ...means(), ["loss_max", "Loss max (%)", percent], ...NAMES, RTCP_NAME, ...TRAFFIC,
+        LAST], rows.map(withUnit), `Lowest mean MOS first, ${share(rows.length, total)} units.`);
 }
 
-let open = null;    // the row of the call whose curves are shown
+const showSites = rows => showTable("sites", [NAMES[1], ...means(), ["units", "Units", number], ...TRAFFIC], rows, "Lowest mean MOS first. Units that are not expected have no site.");
+
+function showFound(rows) {
+    const text = chosen("find"), has = value => value.toLowerCase().includes(text.toLowerCase());
+    const units = Object.values(expected).filter(row => has(row.unit) || has(row.unit_name) || has(row.site));
+    element("found").querySelector("h2").textContent =
+        `Found “${text}” in ${number(units.length)} units and ${number(rows.length)} calls`;
+    showTable("found", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME,
+        ["reports", "Reports", number], LAST], [...units.map(unit => ({...unit, call: "", terminal: "", rtcp_name: ""})),
+        ...rows.map(withUnit)], "Calls of the chosen time, site and unit; the latest first.");
+}
+
+function showTiles(id, tiles) {
+    element(id).replaceChildren(...tiles.map(([title, value, before]) => create("div", {}, create("b", {}, value),
+        create("span", {}, title, create("br"), "one day before: ", before))));
+}
+
+function showTotals([today], _, [before]) {
+    showTiles("totals", [[`units heard, ${number(today.expected)} expected`, number(today.units), number(before.units)],
+        ["calls", number(today.calls), number(before.calls)],
+        ["reports", number(today.reports), number(before.reports)]]);
+}
+
+function showTrend(rows, before, time) {
+    const {unit_name: name, site} = expected[chosen("unit")] ?? {};
+    document.querySelector("[data-query=trend] h2").textContent = (chosen("unit")
+        ? `Unit ${chosen("unit")} ${name ?? ""} ${site ? `(${site})` : ""}` : chosen("site")
+            ? `Site ${chosen("site")}` : "The whole fleet") + " over time";
+    const curves = (column, factor) => [["mean", "--one", [], points(rows, `${column}_mean`, factor)],
+        ...(column === "mos" ? [] : [["95th percentile", "--two", [4, 4], points(rows, `${column}_p95`, factor)]]),
+        ["one day before", "--dim", [1, 3], points(before, `${column}_mean`, factor, DAY_S)]];
+    drawCharts(element("trend"), [...charts(curves), ...(msPerUnit()
+        ? [["MOS (estimate)", curves("mos", 1), {min: 1, max: 4.5}]] : [])], time);
+    const mean = (from, column) => from.reduce((sum, row) => sum + row[column] * row.reports, 0) /
+        from.reduce((sum, row) => sum + row.reports, 0);
+    showTiles("means", means().map(([column, title, form]) => [title, ...[rows, before].map(from =>
+        from.length ? figure(column, mean(from, column), form) : "–")]));
+}
 
 function showCall({to}) {
-    const row = open;
-    const period = {from: row.since, to: Math.max(to, row.until + 1)};  // it may have gone on
-    return show("call", {...period, sn: row.sn_hex, name: row.name_hex, gcid: row.gcid_hex}, (latest, total) => {
-        if (row !== open)
-            return;
+    const [id, since, until] = chosen("call").split("_"), [sn, gcid, tid] = id.split(".");
+    const period = {from: Number(since), to: Math.max(to, Number(until) + 1)};      // it may have gone on
+    return show("call", {...period, sn, gcid, tid}, (latest, total) => {
         const reports = latest.reverse(), section = element("call");
-        const begin = reports[0]?.t ?? row.since, end = reports.at(-1)?.t ?? row.until;
+        const begin = reports[0]?.t ?? Number(since), end = reports.at(-1)?.t ?? Number(until);
         const margin = Math.max(5, (end - begin) * 0.02);
         const ends = (column, factor) => [["near end", "--one", []], ["far end", "--two", [6, 3]]].map(
             ([label, ...style]) => [label, ...style,
                 points(reports.filter(({type}) => type === label.replace(" ", "_")), column, factor)]);
-        section.hidden = false;
-        section.querySelector("h2").textContent = `Call ${row.call || "(none)"} of unit ${row.unit} ${row.rtcp_name}`;
-        const far = [...new Set(reports.map(report => report.far_end || "unknown"))].join(", ");
-        section.querySelector("p").textContent =
-            `${moment(begin)} to ${moment(end)}, ${share(reports, total)} reports, far end ${far}`;
+        section.querySelector("h2").textContent =
+            `Call ${unhex(gcid) || "(none)"} of unit ${unhex(sn)}`;
+        const all = key => [...new Set(reports.map(report => report[key] || "unknown"))].join(", ");
+        section.querySelector("p").textContent = `TID ${unhex(tid) || "unknown"}, ${moment(begin)} to ${moment(end)}, ` +
+            `${share(reports.length, total)} reports, far end ${all("far_end")}, RTCP name ${all("name")}`;
         drawCharts(section.querySelector(".charts"), charts(ends), {from: begin - margin, to: end + margin});
     });
 }
 
-function closeCall() {
-    document.querySelector("tr[aria-current] button")?.focus();
-    document.querySelector("tr[aria-current]")?.removeAttribute("aria-current");
-    element("call").hidden = true;
-    open = null;
-    delete parts.call;
-    showFailures();
-}
+// --- what keeps it going -------------------------------------------------------------------------
 
-function refresh() {
-    const time = chosenTime(), ms = msPerUnit();
+async function refresh() {
+    if (clock === undefined)
+        return;
+    asked = performance.now() / 1000;
+    const time = chosenTime(), ms = msPerUnit(), filter = {site: hex(chosen("site")), unit: hex(chosen("unit"))};
     const step = Math.max(1, Math.ceil((time.to - time.from) / STEPS));
-    show("reporting", time, showTotals);
-    show("silent", {...time, since: time.to - KNOWN_FOR_S, after: SILENT_AFTER_S}, showSilent);
-    show("trend", {...time, ms, step}, rows => showTrend(rows, time));
-    show("worst_calls", {...time, ms}, showCalls);
-    show("units", time, showUnits);
-    if (open)
-        showCall(time);
+    const all = {...time, ...filter, ms}, before = {...all, from: time.from - DAY_S, to: time.to - DAY_S};
+    element("call").hidden = !chosen("call");
+    element("found").hidden = !chosen("find");
+    for (const query of ["call", "search"])
+        if (element({call: "call", search: "found"}[query]).hidden)
+            delete parts[query];
+    const named = show("expected", {}, showExpected);
+    if (!parts.expected.drawn)
+        await named;    // the other parts show names and sites
+    show("silent", {...all, since: time.to - HEARTBEATS_S, after: SILENT_AFTER_S},
+        (rows, total) => showSilent(rows, total, time));
+    show("worst_calls", all, showCalls);
+    show("units", all, showUnits);
+    show("sites", all, showSites);
+    show("reporting", [all, before], showTotals);
+    show("trend", [{...all, step}, {...before, step}], (rows, _, earlier) => showTrend(rows, earlier, time));
+    if (chosen("find"))
+        show("search", {...all, find: hex(chosen("find"))}, showFound);
+    if (chosen("call"))
+        await showCall(time);
 }
 
-element("period").addEventListener("change", () => {
-    const chosen = element("period").value === "chosen";
-    document.querySelectorAll(".chosen").forEach(label => { label.hidden = !chosen; });
-    if (!chosen)
-        refresh();
+async function poll() {
+    try {
+        const [rows] = await ask("shards", {}, POLL_TIMEOUT_MS), before = down.length;
+        clock = Math.max(...rows.map(row => row.now)) - performance.now() / 1000;
+        down = rows.filter(row => !row.up);
+        const waited = performance.now() / 1000 - asked;
+        const due = waited > REFRESH_S || waited > RETRY_S && Object.values(parts).some(part => part.failure);
+        if (unreachable || down.length !== before || due && !document.hidden)
+            refresh();
+        unreachable = "";
+    } catch (error) {
+        unreachable = error.message;
+    }
+    showState();
+    setTimeout(poll, POLL_MS);
+}
+
+function readAddress() {
+    for (const id of ["period", "find", "scale"])
+        element(id).value = chosen(id);
+    for (const id of ["from", "to"])
+        element(id).value = Number(chosen(id)) ? localTime(Number(chosen(id))) : "";
+    document.querySelectorAll(".chosen").forEach(label => { label.hidden = chosen("period") !== "chosen"; });
+    element("legend").textContent = legend();
+}
+
+addEventListener("hashchange", async ({oldURL, newURL}) => {
+    const call = url => new URLSearchParams(new URL(url).hash.slice(1)).get("call");
+    const opened = chosen("call") && call(oldURL) !== call(newURL);
+    readAddress();
+    document.querySelectorAll("[data-query]").forEach(place => { place.ariaBusy = "true"; });
+    await refresh();
+    if (opened)
+        element("call").focus();
 });
-for (const id of ["from", "to", "unit"])
-    element(id).addEventListener("change", () => {
-        localStorage.setItem("unit", element("unit").value);
-        refresh();
-    });
-element("refresh").onclick = refresh;
-element("close").onclick = closeCall;
+element("period").onchange = () => {
+    const {from, to} = chosenTime();
+    const fixed = element("period").value === "chosen";
+    go({period: element("period").value, from: fixed ? from : "", to: fixed ? to : ""});
+};
+for (const id of ["site", "unit", "find", "scale"])
+    element(id).onchange = () => go({[id]: element(id).value, ...(id === "site" ? {unit: ""} : {})});
+for (const id of ["from", "to"])
+    element(id).onchange = () => go({[id]: Math.floor(new Date(element(id).value).getTime() / 1000) || ""});
+element("choice").onsubmit = event => {
+    event.preventDefault();
+    refresh();
+};
+element("reset").onclick = () => go(DEFAULTS);
+element("close").onclick = () => {
+    document.querySelector("tr[aria-current] a")?.focus();
+    go({call: ""});
+};
 matchMedia("(prefers-color-scheme: dark)").addEventListener("change", refresh);
-element("unit").value = localStorage.getItem("unit") ?? "1";
-setInterval(() => document.hidden || refresh(), REFRESH_MS);
-refresh();
+readAddress();
+poll();

@@ -80,7 +80,7 @@ def trial(directory, once):
             if query != "call":
                 show(store, query, **period, ms=1, step=60, since=now - 86400, after=600)
         worst = json.loads(store.query("worst_calls", **period, ms=1)[1])["data"][0]
-        show(store, "call", **period, sn=worst["unit"], name=worst["rtcp_name"], gcid=worst["call"])
+        show(store, "call", **period, sn=worst["unit"], gcid=worst["call"], tid=worst["terminal"])
         take_picture(store, PICTURE)
         print(f"\nPicture of the page: {PICTURE}\nThe page itself: {store.url}/ "
               f"(user viewer, password {store.passwords['viewer']})", flush=True)

@@ -1,6 +1,6 @@
 -- One call over time, both ends, the latest reports first.
-SELECT toUInt32(at) + ms / 1000 AS t, type, loss, jitter, rtt, lost, packets, tid, far_end, port, ssrc
+SELECT toUInt32(at) + ms / 1000 AS t, type, loss, jitter, rtt, lost, packets, name, far_end, port, ssrc
 FROM fleet.reports
 WHERE at >= toDateTime({from:UInt32}) AND at < toDateTime({to:UInt32})
-    AND sn = {sn:String} AND name = {name:String} AND gcid = {gcid:String}
+    AND sn = {sn:String} AND gcid = {gcid:String} AND tid = {tid:String}
 ORDER BY t DESC LIMIT 20000

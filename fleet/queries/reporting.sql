@@ -1,9 +1,10 @@
--- How many units have sent anything in the chosen time, and how many calls they had.
-SELECT uniq(unit) AS units, sum(calls) AS calls, sum(reports) AS reports
+-- How many units sent anything in the chosen time, how many are expected, and how many calls there were.
+SELECT
+    uniqExact(sn) AS units, sum(calls) AS calls, sum(reports) AS reports,
+    (SELECT count() FROM fleet.units WHERE @UNITS@) AS expected
 FROM (
-    SELECT sn AS unit, toUInt64(0) AS calls, toUInt64(0) AS reports FROM fleet.heartbeats
-    WHERE received >= toDateTime({from:UInt32}) AND received < toDateTime({to:UInt32}) GROUP BY unit
+    SELECT sn, toUInt64(0) AS calls, toUInt64(0) AS reports FROM fleet.heartbeats
+    WHERE received >= toDateTime({from:UInt32}) AND received < toDateTime({to:UInt32}) AND @UNITS@ GROUP BY sn
     UNION ALL
-    SELECT sn AS unit, uniq(name, gcid) AS calls, count() AS reports FROM fleet.reports
-    WHERE at >= toDateTime({from:UInt32}) AND at < toDateTime({to:UInt32}) GROUP BY unit
+    SELECT sn, uniq(@CALL@) AS calls, count() AS reports FROM fleet.reports WHERE @CHOSEN@ GROUP BY sn
 )

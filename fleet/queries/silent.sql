@@ -1,16 +1,24 @@
--- Units without a heartbeat for more than so many seconds at the end of the chosen time (two intervals
--- are 600): since their last one after since or, if there is none, since their first report.
+-- Units that had sent neither heartbeat nor report for more than {after} seconds at the end of the chosen time, and
+-- units that are not expected. Of those, the ones that were heard within a day. Without expected units, none is marked.
+-- last_heartbeat is 0 for none since {since}, last_report for none since {from}.
 SELECT
-    unit, toUInt32(max(heartbeat)) AS last_heartbeat, toUInt32(max(report)) AS last_report
+    sn AS unit, max(label) AS unit_name, max(place) AS site,
+    toUInt32(max(heartbeat)) AS last_heartbeat, toUInt32(max(report)) AS last_report,
+    greatest(last_heartbeat, last_report) AS last_heard, {to:UInt32} - last_heard > {after:UInt32} AS silent,
+    max(listed) OR (SELECT count() FROM fleet.units) = 0 AS expected
 FROM (
-    SELECT sn AS unit, max(received) AS heartbeat, toDateTime(0) AS first, toDateTime(0) AS report
-    FROM fleet.heartbeats
-    WHERE received >= toDateTime({since:UInt32}) AND received < toDateTime({to:UInt32}) GROUP BY unit
+    SELECT sn, name AS label, site AS place, toDateTime(0) AS heartbeat, toDateTime(0) AS report, 1 AS listed
+    FROM fleet.units
     UNION ALL
-    SELECT sn AS unit, toDateTime(0) AS heartbeat, min(received) AS first, max(received) AS report
+    SELECT sn, '' AS label, '' AS place, max(received) AS heartbeat, toDateTime(0) AS report, 0 AS listed
+    FROM fleet.heartbeats
+    WHERE received >= toDateTime({since:UInt32}) AND received < toDateTime({to:UInt32}) GROUP BY sn
+    UNION ALL
+    SELECT sn, '' AS label, '' AS place, toDateTime(0) AS heartbeat, max(received) AS report, 0 AS listed
     FROM fleet.reports
-    WHERE at >= toDateTime({from:UInt32}) AND at < toDateTime({to:UInt32}) GROUP BY unit
+    WHERE at >= toDateTime({from:UInt32}) AND at < toDateTime({to:UInt32}) GROUP BY sn
 )
-GROUP BY unit
-HAVING {to:UInt32} - if(last_heartbeat > 0, last_heartbeat, toUInt32(max(first))) > {after:UInt32}
-ORDER BY last_heartbeat LIMIT 500
+WHERE @UNITS@
+GROUP BY sn
+HAVING (silent OR NOT expected) AND (max(listed) OR last_heard > {to:UInt32} - 86400)
+ORDER BY silent DESC, last_heard DESC LIMIT 5000

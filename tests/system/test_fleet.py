@@ -12,6 +12,7 @@ import pytest
 from conftest import BUILD, ROOT, batch, line, report, wait_for
 
 sys.path.insert(0, str(ROOT / "fleet"))
+from fleet import load_units  # noqa: E402
 from loopback_fleet import running_fleet  # noqa: E402
 
 pytestmark = pytest.mark.skipif(not all(Path("/usr/sbin", name).exists() for name in ("clickhouse-server", "nginx")),
@@ -89,8 +90,8 @@ def test_every_report_of_twenty_units(fleet, start):
 ACCESS = [  # path, user, body: status
     ("/ingest", "viewer", b"[\n]", 403), ("/ingest", None, b"[\n]", 401), ("/ingest", "unit", None, 403),
     ("/ingest", "unit", b"x" * 140000, 413), ("/ingest?query=DROP+DATABASE+fleet&user=default", "unit", b"[\n]", 200),
-    ("/query/days?from=0&to=9", "unit", None, 401), ("/query/days?from=0&to=9", None, None, 401),
-    ("/query/days?from=0&to=9", "viewer", b"x", 403), ("/query/days?from=0&to=9)+OR+(1", "viewer", None, 500),
+    ("/query/trend?from=0&to=9", "unit", None, 401), ("/query/trend?from=0&to=9", None, None, 401),
+    ("/query/trend?from=0&to=9", "viewer", b"x", 403), ("/query/trend?from=0&to=9)+OR+(1", "viewer", None, 400),
     ("/query/call?from=0&to=9&sn=')&name=&gcid=", "viewer", None, 200), ("/", "unit", None, 401),
     ("/units/unit", "viewer", None, 404), ("/?query=SELECT+1", "viewer", b"DROP DATABASE fleet", 405),
 ]
@@ -119,14 +120,14 @@ def call(name, gcid="3-1", sn="A", event="QOS_NEAREND", seconds=None, loss=0, ji
 
 def test_queries(fleet):
     now = int(time.time())
-    post(fleet, *(call("one", gcid=f"4-{number}") for number in range(100)), call("two"),
+    post(fleet, *(call("one", gcid=f"4-{number}") for number in range(100)), call("two", gcid="3-2"),
          call("one", loss=1, seconds=now), call("one", event="QOS_FAREND", loss=1, seconds=now - 9),
          call("one", sn="B", rtt=400, jitter=20), call("bad", sn="C", gcid="3-9", loss=15),
          call("bad", sn="C", gcid="3-9", loss=5), call("bad", sn="C", gcid="3-9", seconds=now - 4000),
          call("clock", sn="D", seconds=9, loss=2))
     wait_for(lambda: fleet.count("reports") == 108, 30, "for the rows")
-    for shard, (sn, age) in enumerate([("B", 10), ("C", 601)]):
-        fleet.nodes[shard].sql(f"INSERT INTO fleet.heartbeats_shard VALUES ({now - age}, '{sn}')")
+    fleet.nodes[0].sql("INSERT INTO fleet.heartbeats_shard VALUES " + ", ".join(
+        f"({now - age}, '{sn}')" for sn, age in (("B", 10), ("F", 700), ("G", 90000))))
 
     def rows(query, columns, **parameters):
         status, answer = fleet.query(query, **{"from": now - 3600, "to": now + 3600, **parameters})
@@ -136,21 +137,29 @@ def test_queries(fleet):
 
     # By hand: R is 93.2 without impairment, 80.5 at a delay of 240 ms, and 89.6, 86.2, 77.4 and 57.7 at 1, 2, 5 and
     # 15 % of loss.
-    worst = rows("worst_calls", "call rtcp_name reports loss_max jitter_max mos", ms=1)
-    assert len(worst) == 100 and worst[:4] == [("3-9", "bad", 2, 15, 0, 3.45), ("3-1", "one", 1, 0, 20, 4.04),
-                                               ("3-1", "clock", 1, 2, 0, 4.23), ("3-1", "one", 2, 1, 0, 4.33)]
-    assert rows("worst_calls", "jitter_max mos", ms=0.5)[3] == (20, 4.35)
-    assert rows("units", "unit rtcp_name reports loss_mean")[0] == ("C", "bad", 2, 10)
-    [(unit, heartbeat, seen)] = rows("silent", "unit last_heartbeat last_report", since=0, after=600, to=now + 5)
-    assert (unit, heartbeat) == ("C", now - 601) and now <= seen < now + 60
-    assert sorted(rows("silent", "unit", since=0, after=4, to=now + 5)) == [("A",), ("B",), ("C",), ("D",)]
-    assert rows("reporting", "units calls reports") == [(4, 105, 107)]
-    assert sum(day for day, in rows("days", "reports")) == 107
+    worst = rows("worst_calls", "call rtcp_name reports loss_max jitter_max mos_min severity", ms=1)
+    assert len(worst) == 100 and worst[:4] == [
+        ("3-9", "bad", 2, 15, 0, 2.98, 15), ("3-1", "clock", 1, 2, 0, 4.23, 2),
+        ("3-1", "one", 1, 0, 20, 4.04, 1.33), ("3-1", "one", 2, 1, 0, 4.33, 1)]
+    assert rows("worst_calls", "jitter_max mos_min severity", ms=0.5)[3] == (20, 4.35, 0.67)
+    assert rows("search", "unit call", find="BAD", ms=1) == rows("search", "unit call", find="3-9", ms=1) == [("C", "3-9")]
+    assert rows("units", "unit rtcp_name reports loss_mean", ms=1)[0] == ("C", "bad", 2, 10)
+    silent = {"columns": "unit last_heartbeat silent expected", "since": 0, "after": 600, "to": now + 5}
+    assert rows("silent", **silent) == [("F", now - 700, 1, 1)]
+    for engine in fleet.nodes:
+        load_units(engine.node, fleet.keys, [["A", "Aachen", "west"], ["E", "Essen", "west"], ["C", "Cottbus", "east"]])
+    assert rows("silent", **silent)[:2] == [("F", now - 700, 1, 0), ("E", 0, 1, 1)]
+    assert sorted(rows("silent", **silent)[2:]) == [("B", now - 10, 0, 0), ("D", 0, 0, 0)]
+    assert rows("silent", site="west", **silent) == [("E", 0, 1, 1)]
+    assert rows("expected", "unit unit_name site")[0] == ("C", "Cottbus", "east")
+    assert rows("sites", "site units reports loss_mean", ms=1)[0] == ("east", 1, 2, 10)
+    assert rows("reporting", "units calls reports expected") == [(5, 105, 107, 3)]
+    assert rows("reporting", "units calls reports expected", site="west") == [(1, 102, 103, 2)]
     trend = rows("trend", "t reports", step=600, ms=0.5)
     assert sum(reports for _, reports in trend) == 107 and all(step % 600 == 0 for step, _ in trend)
-    assert rows("call", "t type", sn="A", name="one", gcid="3-1") == [(now, "near_end"), (now - 9, "far_end")]
+    assert rows("trend", "reports loss_mean mos_mean", step=86400, ms=1, unit="D") == [(1, 2, 4.23)]
+    assert rows("call", "t type", sn="A", gcid="3-1", tid="") == [(now, "near_end"), (now - 9, "far_end")]
     assert rows("shards", "shard total up") == [(0, 2, 1), (1, 2, 1)]
-    assert set(fleet.queries) == {"worst_calls", "units", "silent", "reporting", "days", "trend", "call", "shards"}
 
 
 def test_a_killed_node(fleet):
