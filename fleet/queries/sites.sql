@@ -8,6 +8,6 @@ FROM (
         sum(rtt) AS rtt_sum, sum(@MOS@) AS mos_sum
     FROM fleet.reports WHERE @CHOSEN@
     GROUP BY sn
-)
-ANY LEFT JOIN (SELECT sn, site FROM fleet.units) USING sn
+) AS sums
+ANY LEFT JOIN (SELECT sn, site FROM fleet.units) AS places USING sn
 GROUP BY site ORDER BY mos_mean
