@@ -152,7 +152,7 @@ def test_what_is_wrong_comes_first(store, page):
     for control in page.browser.find_elements("css selector", "button, select, input, canvas, table"):
         assert control.accessible_name or not control.is_displayed(), control.get_attribute("outerHTML")
     size(page, 375)
-    assert page.run("return document.documentElement.scrollWidth") == 375
+    wait_for(lambda: page.run("return document.documentElement.scrollWidth") == 375, 20, "for a page as wide as a telephone")
     assert page.run("return document.querySelector('[data-query=silent]').getBoundingClientRect().top + scrollY") < 400
     assert page.browser.get_log("browser") == []
 
