@@ -1,32 +1,31 @@
 #include "files/archive_name.h"
 
 #include <array>
+#include <cstdio>
 
 #include "log/utils.h"
 
 namespace {
 
 constexpr const char* STAMP_FORMAT = "_%F_%H-%M-%S";
+constexpr const char* COUNTER_FORMAT = "_%03u";
 constexpr std::string_view STAMP_FORM = "_0000-00-00_00-00-00";  // 0: a digit
 constexpr std::string_view COUNTER_FORM = "_000";                // or more digits
 
 }  // namespace
 
-std::string archive_stamp(time_t now)
+std::string archive_name(const std::string& name, const std::string& extension, time_t now,
+                         unsigned number)
 {
     const tm fields = Utils::local_time(now);
     std::array<char, 64> text{};
-    return {text.data(), strftime(text.data(), text.size(), STAMP_FORMAT, &fields)};
-}
-
-std::string archive_counter(unsigned counter)
-{
-    if (counter <= 1)
-        return "";
-    std::string digits = std::to_string(counter);
-    if (digits.size() + 1 < COUNTER_FORM.size())
-        digits.insert(0, COUNTER_FORM.size() - 1 - digits.size(), '0');
-    return '_' + digits;
+    (void)strftime(text.data(), text.size(), STAMP_FORMAT, &fields);
+    std::string stamp = text.data();
+    if (number > 1) {
+        (void)std::snprintf(text.data(), text.size(), COUNTER_FORMAT, number);
+        stamp += text.data();
+    }
+    return name + stamp + extension;
 }
 
 bool is_archive_name(std::string_view file, std::string_view name, std::string_view extension)

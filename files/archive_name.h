@@ -10,12 +10,10 @@
 #include <string>
 #include <string_view>
 
-// The date and time in an archive's name, for example "_2026-03-03_14-05-09".
-std::string archive_stamp(time_t now);
-
-// What follows the stamp: empty for the first archive of a second, then "_002", "_003" and so on.
-// Padded, so that names sort in the order of rotation.
-std::string archive_counter(unsigned counter);
+// The name of an archive of the file name + extension that is rotated now, as the number-th of this
+// second, from 1. Names sort in the order of rotation.
+std::string archive_name(const std::string& name, const std::string& extension, time_t now,
+                         unsigned number);
 
 // True when a regular file of this name is an archive of the file name + extension: the cleanup
 // counts it, and may remove it. Another file's name may begin with this one's and is left alone.

@@ -23,6 +23,13 @@ constexpr mode_t FILE_MODE = 0644;
 constexpr uid_t OWNER_UID = 500;
 constexpr gid_t OWNER_GID = 500;
 
+constexpr const char* CLEANUP = "FileObject::fobj_cleanup: ";
+
+std::string error_text(int err)
+{
+    return std::string(std::strerror(err)) + " (" + std::to_string(err) + ")";
+}
+
 }  // namespace
 
 FileObject::FileObject(const void* header, int header_length, std::string directory,
@@ -128,9 +135,7 @@ int FileObject::fobj_write(const std::string& block, bool sync)
     }
     const ssize_t written = write(_fd, block.data(), block.size());
     if (written < 0) {
-        const int err = errno;
-        DBG->Log(DBG_DEBUG,
-                 {std::strerror(err), " (", std::to_string(err), ") on writing to file ", _path});
+        DBG->Log(DBG_DEBUG, {error_text(errno), " on writing to file ", _path});
         return static_cast<int>(written);
     }
     if (!fobj_rotate())  // a rotated file is closed; its successor is sized when it is opened
@@ -144,9 +149,19 @@ bool FileObject::fobj_rotate()
 {
     if (!time_2_rotate())
         return false;
-    const std::string archive = fobj_archive_path();  // may lack memory: the file stays open then
-    fobj_close();
+    fobj_close();  // first: it may take seconds, and the archive is named after the time behind it
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    // The number goes on from the last archive of the same second, even where the cleanup has
+    // removed it, so that a later archive never gets an earlier name.
+    unsigned number = now.tv_sec == _last_second ? _last_number : 0;
+    std::string archive;
+    do  // access() failing for another reason than a free name shows again in the rename
+        archive = _directory + archive_name(_name, _extension, now.tv_sec, ++number);
+    while (access(archive.c_str(), F_OK) == 0);
     if (rename(_path.c_str(), archive.c_str()) == 0) {
+        _last_second = now.tv_sec;
+        _last_number = number;
         DBG->Log(DBG_TRACE, {_path, " rotated to ", archive});
         fobj_cleanup();
     } else {
@@ -158,35 +173,11 @@ bool FileObject::fobj_rotate()
 // A full file that cannot be moved away must go, or it would grow without bound.
 void FileObject::fobj_remove_unarchived(const std::string& archive, int rename_error) const
 {
-    const int err = remove(_path.c_str()) == 0 ? 0 : errno;
-    const char* const reason = std::strerror(rename_error);
-    const std::string code = std::to_string(rename_error);
-    if (err == 0)
-        DBG->Log(DBG_ERROR, {reason, " (", code, ") on rotation (::rename) of ", _path, " to ",
-                             archive, "; deleted file instead."});
-    else
-        DBG->Log(DBG_ERROR,
-                 {reason, " (", code, ") on rotation (::rename) of ", _path, " to ", archive, "\n",
-                  std::strerror(err), " (", std::to_string(err), ") on ::remove ", _path});
-}
-
-// A name that no file has yet. The counter goes on from the last rotation of the same second, even
-// where the cleanup has removed that archive, so that a later archive never gets an earlier name.
-// access() failing for another reason than a free name shows again in the rename.
-std::string FileObject::fobj_archive_path()
-{
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    const std::string stamp = archive_stamp(now.tv_sec);
-    unsigned counter = stamp == _last_stamp ? _last_counter : 0;
-    std::string path;
-    do {
-        counter++;
-        path = _directory + _name + stamp + archive_counter(counter) + _extension;
-    } while (access(path.c_str(), F_OK) == 0);
-    _last_stamp = stamp;
-    _last_counter = counter;
-    return path;
+    std::string outcome = "; deleted file instead.";
+    if (remove(_path.c_str()) != 0)
+        outcome = '\n' + error_text(errno) + " on ::remove " + _path;
+    DBG->Log(DBG_ERROR, {error_text(rename_error), " on rotation (::rename) of ", _path, " to ",
+                         archive, outcome});
 }
 
 void FileObject::fobj_cleanup()
@@ -194,18 +185,15 @@ void FileObject::fobj_cleanup()
     std::multiset<F_Info, F_Sort> archives = fobj_find_archives();
     while (archives.size() > _max_archives) {
         const std::string& oldest = archives.begin()->name;
-        if (remove(oldest.c_str()) == 0) {
-            DBG->Log(DBG_INFO, {"FileObject::fobj_cleanup: successfully deleted ", oldest});
-        } else {
-            const int err = errno;
-            DBG->Log(DBG_ERROR, {"FileObject::fobj_cleanup: failed to delete ", oldest, "; ",
-                                 std::strerror(err), " (", std::to_string(err), ")"});
-        }
+        if (remove(oldest.c_str()) == 0)
+            DBG->Log(DBG_INFO, {CLEANUP, "successfully deleted ", oldest});
+        else
+            DBG->Log(DBG_ERROR, {CLEANUP, "failed to delete ", oldest, "; ", error_text(errno)});
         archives.erase(archives.begin());
     }
 }
 
-// Archives of one second go in the order of their names, which carry date, time and counter: they
+// Archives of one second go in the order of their names, which carry date, time and number: they
 // are inserted in that order, and equal elements keep it.
 std::multiset<F_Info, F_Sort> FileObject::fobj_find_archives() const
 {
@@ -223,11 +211,11 @@ std::set<std::string> FileObject::fobj_list_archives() const
     std::set<std::string> paths;
     const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(_directory.c_str()), closedir);
     if (listing == nullptr) {
-        const int err = errno;
-        DBG->Log(DBG_ERROR, {"FileObject::fobj_cleanup: failed to open ", _directory, "; ",
-                             std::strerror(err), " (", std::to_string(err), ")"});
+        DBG->Log(DBG_ERROR, {CLEANUP, "failed to open ", _directory, "; ", error_text(errno)});
         return paths;
     }
+    // d_type, not lstat(), is fixed: operators rely on it to keep files that are not to be removed
+    // as links.
     while (const dirent* entry = readdir(listing.get()))
         if (entry->d_type == DT_REG && is_archive_name(entry->d_name, _name, _extension))
             paths.insert(_directory + entry->d_name);

@@ -67,18 +67,18 @@ public:
     bool time_2_rotate() const { return _size >= _max_size; }
 
     // Closes a full file, moves it to its archive name and removes surplus archives.
-    // Returns true when the file was closed for rotation. Throws std::bad_alloc: the file is still
-    // open then, and the next write tries again, or it is moved away and surplus archives remain.
+    // Returns true when the file was closed for rotation. Throws std::bad_alloc, with the file
+    // closed: when it has not been moved, the next write opens it again and retries.
     bool fobj_rotate();
 
-    // Deletes the oldest archives beyond the maximum. Throws std::bad_alloc, before it deletes any.
+    // Deletes the oldest archives beyond the maximum. Throws std::bad_alloc; surplus archives may
+    // remain until the next call.
     void fobj_cleanup();
 
 private:
     void fobj_create_directory() const;
     void fobj_write_header();
     void fobj_remove_unarchived(const std::string& archive, int rename_error) const;
-    std::string fobj_archive_path();
     std::set<std::string> fobj_list_archives() const;
     std::multiset<F_Info, F_Sort> fobj_find_archives() const;
 
@@ -88,7 +88,7 @@ private:
     unsigned _max_size;
     unsigned _size = 0;  // as accounted here; read from disk only at open
     unsigned _max_archives;
-    int _fd = -1;                // -1 while closed
-    std::string _last_stamp;     // date and time in the name of the last archive
-    unsigned _last_counter = 0;  // its number among the archives of that second, from 1
+    int _fd = -1;               // -1 while closed
+    time_t _last_second = 0;    // when the last archive was made
+    unsigned _last_number = 0;  // its number among the archives of that second, from 1
 };

@@ -65,7 +65,7 @@ WRAP(int, rename, (const char* from, const char* to), -1, (MAPPED(from), MAPPED(
 WRAP(int, remove, (const char* path), -1, (MAPPED(path)))
 WRAP(int, mkdir, (const char* path, mode_t mode), -1, (MAPPED(path), mode))
 WATCHED(int, chown, (const char* path, uid_t user, gid_t group), -1, (MAPPED(path), user, group),
-        user, group)
+        reinterpret_cast<long>(path), 1000L * user + group)
 WRAP(DIR*, opendir, (const char* path), nullptr, (MAPPED(path)))
 WRAP(int, access, (const char* path, int mode), -1, (MAPPED(path), mode))
 WRAP(int, socket, (int domain, int type, int protocol), -1, (domain, type, protocol))

@@ -1,5 +1,6 @@
 // The rotating file.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 
 #include "files/file_object.h"
 #include "log/guarded.h"
+#include "log/simple_logger.h"
 #include "unit/harness.h"
 
 static Faults& faults = Faults::self();
@@ -20,15 +22,20 @@ static const std::string OPENED = " [INFO] Opened for writing ~F.txt\n",
 TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
 {
     struct Row {
+        const char* what;
         int existing;  // bytes; -1: no file
         unsigned limit;
         int writes;                 // of 600 bytes, behind a header of 7
         std::size_t live, archive;  // bytes at the end; 0: none
     };
-    static const Row rows[] = {{-1, 607, 1, 607, 0},    {-1, 607, 2, 0, 1207},
-                               {-1, 608, 3, 0, 1807},   {-1, 608, 4, 607, 1807},
-                               {0, 5000, 1, 607, 0},    {10, 5000, 1, 610, 0},
-                               {999, 1000, 2, 0, 2199}, {1000, 1000, 1, 0, 1600}};
+    static const Row rows[] = {{"at the limit", -1, 607, 1, 607, 0},
+                               {"a write more", -1, 607, 2, 0, 1207},
+                               {"one below the limit", -1, 608, 3, 0, 1807},
+                               {"the next file", -1, 608, 4, 607, 1807},
+                               {"empty file", 0, 5000, 1, 607, 0},
+                               {"file without a header", 10, 5000, 1, 610, 0},
+                               {"file one below the limit", 999, 1000, 2, 0, 2199},
+                               {"full file", 1000, 1000, 1, 0, 1600}};
     stop_the_clock();
     for (const Row& row : rows) {
         const TempDir dir;
@@ -40,8 +47,8 @@ TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
             EXPECT_EQ(600, file.fobj_write(std::string(600, 'w'), false));
         EXPECT_EQ(row.archive > 0 ? 1 : 0, faults.calls("fsync"));
         auto sizes = sizes_of(dir);
-        EXPECT_EQ(row.live, sizes["F.txt"]) << row.limit << " " << row.writes;
-        EXPECT_EQ(row.archive, sizes["F_2023-11-14_22-13-20.txt"]);
+        EXPECT_EQ(row.live, sizes["F.txt"]) << row.what;
+        EXPECT_EQ(row.archive, sizes["F_2023-11-14_22-13-20.txt"]) << row.what;
         const bool full = row.live == row.limit;  // its next write is the last, and takes all
         if (row.live > 0) {
             std::string buffer(1100, 'b');
@@ -61,15 +68,15 @@ TEST(FileObject, ReportsEveryEventAndNamesArchivesApart)
         return static_cast<int>(status(path).permissions() & perms::all);
     };
     const std::string theirs = dir / "new/F_2023-11-14_22-13-20_003.txt";  // a name that is taken
-    std::pair<long, long> owner;
-    Faults::set_watch([&](std::string_view function, long first, long second) {
+    std::string owned;
+    Faults::set_watch([&](std::string_view function, long path, long owner) {
         if (function == "chown")
-            owner = {first, second};
+            owned += reinterpret_cast<const char*>(path) + (' ' + std::to_string(owner));
     });
     {
         FileObject file("header\n", 7, dir / "new", "F", ".txt", 20, 2);
         EXPECT_EQ(0744, mode_of(dir / "new"));
-        EXPECT_EQ(std::pair(500L, 500L), owner);
+        EXPECT_EQ(dir / "new/ 500500", owned);
         write_file(theirs, "");
         set_age(theirs, -1);
         file.fobj_open();
@@ -135,11 +142,37 @@ TEST(FileObject, NamesEveryCallThatFails)
             faults.arm(function, 1, error--);
         FileObject file("header\n", 7, dir.path, "F", ".txt", 20, 1);
         int result = 0;
-        guarded([&] { result = file.fobj_write("fifteen bytes.\n", false); });
+        guarded([&] { result = file.fobj_write("fifteen bytes.\n", false); },
+                [](const char* reason) { DBG->Log(DBG_ERROR, reason); });
         EXPECT_EQ(row.logged, replaced(log.take(), dir / "", "~"));
         EXPECT_EQ(row.result, result) << row.functions;
         EXPECT_EQ(row.live, read_file(dir / "F.txt").size()) << row.functions;
     }
+}
+
+// A disk that takes its time, a rotation that fails, and no memory for the archive's name.
+TEST(FileObject, RetriesARotationAndNamesTheArchiveAfterTheClose)
+{
+    stop_the_clock();
+    const TempDir dir;
+    FileObject file(nullptr, 0, dir.path, "F", ".txt", 1, 9);
+    const auto write = [&file](const char* text) { return file.fobj_write(text, false); };
+    write("a");
+    faults.arm("rename", 1, EACCES);
+    faults.arm("remove", 1, EACCES);
+    write("b");
+    write("c");
+    EXPECT_EQ("abc", read_file(dir / "F_2023-11-14_22-13-20.txt"));
+    write("d");
+    poll(nullptr, 0, 0);  // from now on memory can be refused
+    faults.refuse_memory(1, 1);
+    EXPECT_THROW(write("e"), std::bad_alloc);
+    Faults::set_watch([](std::string_view function, long /*unused*/, long /*unused*/) {
+        if (function == "fsync")
+            faults.clock_shift += 5;
+    });
+    write("f");
+    EXPECT_EQ("def", read_file(dir / "F_2023-11-14_22-13-25.txt"));
 }
 
 TEST(FileObject, CountsTheBytesThatWereWritten)
