@@ -5,17 +5,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
-#include <utility>
 
 #include "log/simple_logger.h"
 #include "log/utils.h"
+#include "records/json_frame.h"
 
 namespace {
 
-// The order of the key table below. A new key takes a row here and there and a higher FIELD_COUNT
-// in the header, a column in the layouts below and in the headers of filelog/file_logger.cpp when
-// it is to be seen, and a place in docs/input.md, packaging/voxstat-input.7 and fuzz/report.dict.
+// The order of the key table below. A new key takes
+// - a row here and there, and a higher FIELD_COUNT in the header;
+// - to be shown, a column in the layouts below and in the headers of filelog/file_logger.cpp; then
+//   also in tools/plot/statistics_line.cpp and fleet/schema.sql, which take lines apart, and in
+//   tests/system/conftest.py and fuzz/fuzz_report.cpp, which put them together;
+// - a place in docs/input.md, packaging/voxstat-input.7 and fuzz/report.dict, and in
+//   tools/sim/media_stream.cpp to be sent by the simulator.
 enum Field : std::size_t {
     TYPE,
     TIME_STAMP_SEC,
@@ -73,53 +76,6 @@ constexpr std::array<std::string_view, UNKNOWN_KEY> KEYS = {
     "QOS_EV_LAST_PACKET_USEC",
 };
 
-// Length, first and last letter behind the common prefix tell all keys apart: they choose a slot,
-// and one comparison then settles whether a text is the key in that slot.
-constexpr std::size_t KEY_PREFIX_LENGTH = std::string_view("QOS_EV_").size();
-constexpr std::size_t SLOT_COUNT = 64;
-
-struct Factors {
-    std::size_t length, first, last;
-};
-
-// The text must be longer than the prefix.
-constexpr std::size_t slot_of(std::string_view key, Factors factors)
-{
-    const std::size_t first = static_cast<unsigned char>(key[KEY_PREFIX_LENGTH]);
-    const std::size_t last = static_cast<unsigned char>(key.back());
-    return (factors.length * key.size() + factors.first * first + factors.last * last) % SLOT_COUNT;
-}
-
-constexpr bool keep_keys_apart(const Factors& factors)
-{
-    std::array<bool, SLOT_COUNT> taken{};
-    for (const std::string_view key : KEYS)
-        if (std::exchange(taken[slot_of(key, factors)], true))
-            return false;
-    return true;
-}
-
-// The smallest factors that give each key a slot of its own.
-consteval Factors find_factors()
-{
-    for (std::size_t length = 1; length < SLOT_COUNT; length++)
-        for (std::size_t first = 1; first < SLOT_COUNT; first++)
-            if (keep_keys_apart({length, first, 1}))
-                return {length, first, 1};
-    throw std::exception();  // does not compile: SLOT_COUNT is too small
-}
-constexpr Factors FACTORS = find_factors();
-
-consteval std::array<std::uint8_t, SLOT_COUNT> key_slots()
-{
-    std::array<std::uint8_t, SLOT_COUNT> slots{};
-    slots.fill(UNKNOWN_KEY);
-    for (std::size_t index = 0; index < KEYS.size(); index++)
-        slots[slot_of(KEYS[index], FACTORS)] = static_cast<std::uint8_t>(index);
-    return slots;
-}
-constexpr std::array<std::uint8_t, SLOT_COUNT> KEY_SLOTS = key_slots();
-
 constexpr std::string_view NEAREND = "QOS_NEAREND";
 constexpr std::string_view FAREND = "QOS_FAREND";
 constexpr std::string_view EOS_NEAREND = "QOS_EOS_NEAREND";
@@ -131,19 +87,18 @@ constexpr const char* FAR_END_WORD = "far_end";
 // Where every scan of a report ends.
 constexpr std::size_t TEXT_LIMIT = 1023;
 
-// The index of a key, or UNKNOWN_KEY.
-inline std::size_t find_key(std::string_view key)
+// The index of a key, or UNKNOWN_KEY. Senders repeat the order of their keys in every report, so the
+// search begins at the key that came behind the previous one the last time.
+std::size_t find_key(std::string_view key, std::size_t previous)
 {
-    if (key.size() <= KEY_PREFIX_LENGTH)
+    thread_local std::array<std::size_t, KEYS.size() + 1> followers{};
+    std::size_t& follower = followers[previous];
+    if (KEYS[follower] == key)
+        return follower;
+    const auto* const found = std::find(KEYS.begin(), KEYS.end(), key);
+    if (found == KEYS.end())
         return UNKNOWN_KEY;
-    const std::size_t index = KEY_SLOTS[slot_of(key, FACTORS)];
-    return index != UNKNOWN_KEY && KEYS[index] == key ? index : std::size_t{UNKNOWN_KEY};
-}
-
-// Cold: inlined, it would keep the compiler from inlining the rest of the parsing.
-[[gnu::cold]] void ignore_key(std::string_view key)
-{
-    DBG->Log(DBG_WARN, {"ignoring unknown key: ", key});
+    return follower = static_cast<std::size_t>(found - KEYS.begin());
 }
 
 }  // namespace
@@ -170,10 +125,11 @@ void QoSPacket::extract_keys(const char* text)
     const bool cut_in_line = length > TEXT_LIMIT && text[TEXT_LIMIT] != '\n';
     const bool too_long = cut_in_line || length > TEXT_LIMIT + 1;
     std::string_view rest(text, std::min(length, TEXT_LIMIT));
+    std::size_t index = UNKNOWN_KEY;
     while (!rest.empty()) {
         const std::size_t line_feed = rest.find('\n');
         const bool last = line_feed == std::string_view::npos;
-        extract_line(rest.substr(0, line_feed), last && cut_in_line);
+        extract_line(rest.substr(0, line_feed), last && cut_in_line, index);
         rest.remove_prefix(last ? rest.size() : line_feed + 1);
     }
     if (too_long)
@@ -181,7 +137,7 @@ void QoSPacket::extract_keys(const char* text)
                             " characters of a QoS report"});
 }
 
-void QoSPacket::extract_line(std::string_view line, bool cut_off)
+void QoSPacket::extract_line(std::string_view line, bool cut_off, std::size_t& index)
 {
     const std::size_t equals = line.find('=');
     const bool has_value = equals != std::string_view::npos;
@@ -189,9 +145,9 @@ void QoSPacket::extract_line(std::string_view line, bool cut_off)
     if (line.empty() || (cut_off && !has_value))
         return;
     const std::string_view key = line.substr(0, equals);
-    const std::size_t index = find_key(key);
+    index = find_key(key, index);
     if (index == UNKNOWN_KEY)
-        ignore_key(key);
+        DBG->Log(DBG_WARN, {"ignoring unknown key: ", key});
     else
         store(index, has_value ? line.substr(equals + 1) : "");
 }
@@ -199,7 +155,7 @@ void QoSPacket::extract_line(std::string_view line, bool cut_off)
 int QoSPacket::key_to_index(const char* key) const
 {
     static_assert(KEYS.size() == FIELD_COUNT);
-    return static_cast<int>(find_key(key));
+    return static_cast<int>(find_key(key, UNKNOWN_KEY));
 }
 
 // The value has TEXT_LIMIT characters at most, so that the zero byte always has its place.
@@ -250,7 +206,8 @@ void QoSPacket::build_lines()
         DBG->Log(DBG_ERROR, "Failed to allocate _log_string event for QoS packet...");
         return;
     }
-    if (asprintf(&_http_log_string, "%s%s%s", R"({"message": ")", _log_string, R"("})") < 0) {
+    if (asprintf(&_http_log_string, "%s%s%s", json_frame::LINE_START, _log_string,
+                 json_frame::LINE_END) < 0) {
         DBG->Log(DBG_ERROR, "Failed to allocate _http_log_string event for QoS packet...");
         _http_log_string = nullptr;
     }

@@ -27,12 +27,14 @@ public:
     // of. A key that the limit cuts off, without its '=', is not looked up.
     void extract_keys(const char* text);
 
-    // 0 to 24 for a known key, 25 for any other. The case matters.
+    // 0 to 24 for a known key, 25 for any other. The case matters. Fixed as a public operation,
+    // though nothing here calls it: other programs of the system do.
     int key_to_index(const char* key) const;
 
     // True for an end-of-session summary, near or far end.
     bool is_eos() const;
-    // True for a session report, near or far end. An unknown event is neither.
+    // True for a session report, near or far end. Not !is_eos(): an unknown event is neither, and
+    // the writers rely on that.
     bool is_not_eos() const;
 
     // Builds the statistics line in the layout of the event type, in place of an earlier one.
@@ -53,7 +55,7 @@ private:
     static constexpr std::size_t FIELD_COUNT = 25;  // as many as the key table has rows
     static constexpr std::size_t FIELD_SIZE = 1024;
 
-    void extract_line(std::string_view line, bool cut_off);
+    void extract_line(std::string_view line, bool cut_off, std::size_t& index);
     void store(std::size_t index, std::string_view value);
     void build_lines();
     int format_session_line();

@@ -6,9 +6,9 @@
 #include <array>
 
 #include "app/main_loop.h"
+#include "records/json_frame.h"
 #include "tools/check/findings.h"
 #include "tools/check/settings.h"
-#include "web/batch_frame.h"
 #include "web/http_handle.h"
 
 namespace {
@@ -136,11 +136,11 @@ void post_once(const Settings& settings, const std::string& serial_number, Findi
         findings.warning(line, "there is nowhere to post to; set elastic_url");
         return;
     }
-    std::string batch(batch_frame::START);
+    std::string batch(json_frame::BATCH_START);
     batch += service_line(min_loss_packet, serial_number);
-    batch += batch_frame::SEPARATOR;
+    batch += json_frame::SEPARATOR;
     batch += service_line(max_loss_packet, serial_number);
-    batch += batch_frame::END;
+    batch += json_frame::BATCH_END;
     (void)curl_global_init(CURL_GLOBAL_ALL);  // if it fails, so does the post
     find(post(url, batch), line, findings);
     curl_global_cleanup();
