@@ -1,6 +1,7 @@
 """The command line, and what starts and stops the daemon, or must not stop it."""
 import signal
 import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -25,6 +26,8 @@ def test_descriptors_that_lead_nowhere(start, descriptors):
     """Closed by a supervisor, or a pipe that nobody reads. This configuration is named; all others are the default."""
     daemon = start(launch=["bash", "-c", f'exec "$@" -f ./voxstat.cfg {descriptors}', "bash"], log__default=4)
     daemon.send(report())
+    held = {int(link.name): str(link.readlink()) for link in Path(f"/proc/{daemon.process.pid}/fd").iterdir()}
+    assert {0, 1, 2} <= held.keys() and "/dev/null" not in [held[number] for number in held if number > 2]
     daemon.stop()
     assert daemon.text().count("\n") == 2
 
