@@ -1,9 +1,9 @@
-// Entry point: command line, signals, and the order in which things start and end.
+// Entry point: command line, signals, and the order in which configuration, logger and main loop
+// start and end. MainLoop::stop_components() has the order in which the components stop.
 #include <fcntl.h>
 #include <malloc.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -20,7 +20,12 @@
 namespace {
 
 constexpr const char* DEFAULT_CONFIG = "voxstat.cfg";
-constexpr std::array STOP_SIGNALS = {SIGTERM, SIGINT, SIGQUIT};
+struct StopSignal {
+    int number;
+    const char* name;
+};
+constexpr StopSignal STOP_SIGNALS[] = {
+    {SIGTERM, "SIGTERM"}, {SIGINT, "SIGINT"}, {SIGQUIT, "SIGQUIT"}};
 
 void usage()
 {
@@ -50,8 +55,8 @@ void unblock_stop_signals()
 {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : STOP_SIGNALS)
-        sigaddset(&signals, number);
+    for (const StopSignal& signal : STOP_SIGNALS)
+        sigaddset(&signals, signal.number);
     (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);  // fails for a wrong request only
 }
 
@@ -66,10 +71,9 @@ void open_standard_descriptors()
 
 void install_stop_handlers()
 {
-    for (const int number : STOP_SIGNALS)
-        if (std::signal(number, sig_handler) == SIG_ERR)
-            DBG->Log(DBG_ERROR,
-                     {"Failed to register SIG", sigabbrev_np(number), " signal handler..."});
+    for (const StopSignal& signal : STOP_SIGNALS)
+        if (std::signal(signal.number, sig_handler) == SIG_ERR)
+            DBG->Log(DBG_ERROR, {"Failed to register ", signal.name, " signal handler..."});
 }
 
 // Null when the file cannot be opened, which is said on standard output.

@@ -10,7 +10,6 @@
 
 #include "config/config_file.h"
 #include "config/keys.h"
-#include "log/guarded.h"
 #include "log/simple_logger.h"
 #include "records/voice_datagram.h"
 
@@ -108,6 +107,8 @@ void MainLoop::read_serial_number()
 void MainLoop::start()
 {
     running = true;
+    // A stop that comes between the look at the flag and the wait is noticed when the wait ends.
+    // That is fixed: supervisors give the daemon more than those 60 seconds.
     while (running) {
         if (receiver->WaitForPackets(WAIT_MS) > 0) {
             drain_qos_socket();
@@ -127,11 +128,9 @@ void MainLoop::drain_qos_socket()
 {
     while (receiver->ReceiveQoSPacket(buffer.data(), BUFFER_SIZE) > 0) {
         report.emplace(buffer.data(), serial_number);
-        guarded([this] {
-            file_logger->FL_Write(&*report);
-            if (!report->is_eos())
-                web_client->WC_Write(&*report);
-        });
+        file_logger->FL_Write(&*report);
+        if (!report->is_eos())
+            web_client->WC_Write(&*report);
         report.reset();
     }
 }
@@ -149,7 +148,7 @@ void MainLoop::write_voice_records(std::size_t datagram_size)
     int length = 0;
     while (const char* record = datagram.next_record(length)) {
         voice_packet.init_pcap_packet(record, length);
-        guarded([this] { file_logger->FL_Write(&voice_packet); });
+        file_logger->FL_Write(&voice_packet);
     }
     if (datagram.bytes_left() > 0)
         DBG->Log(DBG_WARN, {"Dropped the rest of a voice datagram: no whole record at offset ",
@@ -159,25 +158,18 @@ void MainLoop::write_voice_records(std::size_t datagram_size)
 
 void MainLoop::send_service_reports()
 {
-    send_service_report(min_loss_packet);
-    send_service_report(max_loss_packet);
+    for (const auto print_report : {min_loss_packet, max_loss_packet}) {
+        (void)print_report(buffer.data());
+        report.emplace(buffer.data(), serial_number);
+        web_client->WC_Write(&*report);
+        report.reset();
+    }
 }
 
-void MainLoop::send_service_report(int (*print_report)(char*))
-{
-    if (print_report(buffer.data()) == 0)
-        return;
-    report.emplace(buffer.data(), serial_number);
-    guarded([this] { web_client->WC_Write(&*report); });
-    report.reset();
-}
-
+// No report comes in any more before the files are flushed; the posts may take long and come last.
 void MainLoop::stop_components()
 {
-    if (receiver != nullptr)
-        receiver->nr_stop();
-    if (file_logger != nullptr)
-        file_logger->fl_stop();
-    if (web_client != nullptr)
-        web_client->wc_stop();
+    receiver->nr_stop();
+    file_logger->fl_stop();
+    web_client->wc_stop();
 }

@@ -30,9 +30,8 @@ public:
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
 
-    // Runs until stop() is called, then stops the components. Once per process. A stop() that came
-    // before is lost: the flag is raised here. A lack of memory costs the report or the voice
-    // record in hand, and never ends the loop.
+    // Runs until stop() is called, then stops receiver, file logger and web client, in this order.
+    // Once per process. A stop() that came before is lost: the flag is raised here.
     void start();
 
     // isRunning() tells whether the loop is to go on; stop() ends it after the pass under way. Any
@@ -49,7 +48,6 @@ private:
     void drain_voice_socket();
     void write_voice_records(std::size_t datagram_size);
     void send_service_reports();
-    void send_service_report(int (*print_report)(char*));
     void stop_components();
 
     static std::atomic<bool> running;

@@ -2,14 +2,15 @@
 
 #include <unistd.h>
 
-#include <climits>
 #include <cstdint>
+#include <initializer_list>
 #include <stdexcept>
 #include <string_view>
 
 #include "config/config_file.h"
 #include "config/keys.h"
 #include "config/limits.h"
+#include "log/append_bounded.h"
 #include "log/guarded.h"
 #include "log/scoped_lock.h"
 #include "log/simple_logger.h"
@@ -19,19 +20,17 @@
 namespace {
 
 // Column headers: each label ends where its column of the lines below ends.
-constexpr char QOS_STAT_HEADER[] =
+constexpr std::string_view QOS_STAT_HEADER =
     "       Date         Time    TZ      GCID         TID     Type      Far_End_IP  Port Packets "
     "Lost Lost% Jitter   RTT       SSRC    SN RTCP_CNAME\n";
-constexpr char QOS_EOS_HEADER[] =
+constexpr std::string_view QOS_EOS_HEADER =
     "       Date         Time    TZ      GCID         TID     Type      Far_End_IP  Port  Span "
     "Packets Lost Lost% JTRAvg JTRMax RTTAvg RTTMax First Packet Last  Packet       SSRC    SN "
     "RTCP_CNAME\n";
-constexpr int QOS_STAT_HEADER_LENGTH = sizeof QOS_STAT_HEADER - 1;
-constexpr int QOS_EOS_HEADER_LENGTH = sizeof QOS_EOS_HEADER - 1;
-static_assert(QOS_STAT_HEADER_LENGTH == 144 && QOS_EOS_HEADER_LENGTH == 191);
+static_assert(QOS_STAT_HEADER.size() == 144 && QOS_EOS_HEADER.size() == 191);
 
 // The global header of the pcap file format, little-endian.
-constexpr char PCAP_FILE_HEADER[] = {
+constexpr char PCAP_FILE_HEADER_BYTES[] = {
     '\xD4', '\xC3', '\xB2', '\xA1',  // magic number: time stamps in microseconds
     2,      0,      4,      0,       // version 2.4
     0,      0,      0,      0,       // time-zone correction
@@ -39,43 +38,65 @@ constexpr char PCAP_FILE_HEADER[] = {
     '\xFF', '\xFF', 0,      0,       // snapshot length 65535
     1,      0,      0,      0,       // link type Ethernet
 };
-static_assert(sizeof PCAP_FILE_HEADER == 24);
+constexpr std::string_view PCAP_FILE_HEADER(PCAP_FILE_HEADER_BYTES, sizeof PCAP_FILE_HEADER_BYTES);
 
 constexpr time_t STAT_TAIL_TIMEOUT_SECONDS = 30;
 constexpr time_t EOS_TAIL_TIMEOUT_SECONDS = 60;
-constexpr std::size_t MAX_QOS_BUFFERED = 102400;
+constexpr std::int64_t MAX_QOS_BUFFERED = 102400;
 constexpr unsigned LONG_PAUSE_US = 100000;  // while no voice data flows
 constexpr unsigned SHORT_PAUSE_US = 10000;
 constexpr int IDLE_PASSES_LIMIT = 499;
 constexpr std::size_t BUFFER_RESERVATION = 10240;
 
-// A count that nobody collects, with a voice cap below 0 for example, stays at its maximum.
-void count_lost(int& lost)
+void log_reason(const char* reason)
 {
-    if (lost < INT_MAX)
-        lost++;
+    DBG->Log(DBG_ERROR, reason);
 }
 
-// Appends a line with its line feed unless the buffer is full. Returns the bytes appended.
-int queue_line(std::string& buffer, int& lost, std::string_view line)
+// Null, with a message, when it cannot be created. The message has the default name: alerts match
+// it.
+std::unique_ptr<FileObject> create_file(std::string_view header, const std::string& directory,
+                                        const std::string& name, const char* default_name,
+                                        const char* extension, unsigned max_size,
+                                        unsigned max_archives)
 {
-    if (buffer.size() > MAX_QOS_BUFFERED) {
-        count_lost(lost);
-        return 0;
+    try {
+        return std::make_unique<FileObject>(header.data(), static_cast<int>(header.size()),
+                                            directory, name, extension, max_size, max_archives);
+    } catch (const std::exception& error) {
+        DBG->Log(DBG_ERROR, {directory, default_name, " Unable to open: ", error.what()});
+        return nullptr;
     }
-    buffer.reserve(buffer.size() + line.size() + 1);  // both go in, or, without memory, neither
-    buffer += line;
-    buffer += '\n';
-    return static_cast<int>(line.size() + 1);
 }
 
-// Logs and clears a count of dropped messages.
-void report_lost(const char* what, int& lost)
+// Queues a record, or counts it as lost. Returns the bytes queued.
+int queue_record(std::string& buffer, std::int64_t cap, std::uint32_t& lost,
+                 std::initializer_list<std::string_view> pieces)
+{
+    const std::size_t queued = append_bounded(buffer, cap, pieces);
+    if (queued == 0)
+        lost++;
+    return static_cast<int>(queued);
+}
+
+// Logs and clears a count of lost messages.
+void report_overflow(const char* what, std::uint32_t& lost)
 {
     if (lost == 0)
         return;
+    // No blank before "messages": alerts match this text.
     DBG->Log(DBG_WARN, {what, std::to_string(lost), "messages lost"});
     lost = 0;
+}
+
+// Takes what is due out of a buffer. What has no file to go to is dropped.
+std::string take_block(const FileObject* file, std::string& buffer, time_t last_write,
+                       time_t tail_timeout, bool force)
+{
+    if (file != nullptr)
+        return file->fobj_take_block(buffer, last_write, tail_timeout, force);
+    buffer.clear();
+    return "";
 }
 
 }  // namespace
@@ -97,10 +118,6 @@ FileLogger::~FileLogger()
 {
     writer_running = false;
     fl_cleanup();
-    if (locks_ready) {
-        pthread_mutex_destroy(&qos_mutex);
-        pthread_mutex_destroy(&rtp_mutex);
-    }
 }
 
 void FileLogger::fl_read_config(const ConfigFile& config)
@@ -114,54 +131,21 @@ void FileLogger::fl_read_config(const ConfigFile& config)
     rtp_logging = keys::RTP_LOGGING.number_in(config) != 0;
     max_buf_timeout_rtp = keys::MAX_BUF_TIMEOUT_RTP.number_in(config);
     max_length_per_sec_rtp = keys::MAX_LENGTH_PER_SEC_RTP.number_in(config);
-    max_file_size_rtp = keys::MAX_FILE_SIZE_RTP.number_in(config);
-    max_archived_files_rtp = keys::MAX_ARCHIVED_FILES_RTP.number_in(config);
+    max_file_size_rtp = static_cast<unsigned>(keys::MAX_FILE_SIZE_RTP.number_in(config));
+    max_archived_files_rtp = static_cast<unsigned>(keys::MAX_ARCHIVED_FILES_RTP.number_in(config));
 }
-
-struct FileLogger::OutputFile {
-    const char* header;
-    int header_length;
-    const std::string& name;
-    const char* default_name;  // what a failure is reported with
-    const char* extension;
-    unsigned max_size;
-    unsigned max_archives;
-};
 
 void FileLogger::fl_create_files()
 {
-    fl_create_file(STAT_SLOT, {.header = QOS_STAT_HEADER,
-                               .header_length = QOS_STAT_HEADER_LENGTH,
-                               .name = qos_file_name,
-                               .default_name = keys::QOS_FILE_NAME.text,
-                               .extension = limits::TEXT_EXTENSION,
-                               .max_size = limits::STAT_FILE_SIZE,
-                               .max_archives = limits::STAT_ARCHIVES});
-    fl_create_file(EOS_SLOT, {.header = QOS_EOS_HEADER,
-                              .header_length = QOS_EOS_HEADER_LENGTH,
-                              .name = qos_file_name_eos,
-                              .default_name = keys::QOS_FILE_NAME_EOS.text,
-                              .extension = limits::TEXT_EXTENSION,
-                              .max_size = limits::SUMMARY_FILE_SIZE,
-                              .max_archives = limits::SUMMARY_ARCHIVES});
-    fl_create_file(VOICE_SLOT, {.header = PCAP_FILE_HEADER,
-                                .header_length = sizeof PCAP_FILE_HEADER,
-                                .name = rtp_dump_file_name,
-                                .default_name = keys::RTP_DUMP_FILE_NAME.text,
-                                .extension = limits::DUMP_EXTENSION,
-                                .max_size = static_cast<unsigned>(max_file_size_rtp),
-                                .max_archives = static_cast<unsigned>(max_archived_files_rtp)});
-}
-
-void FileLogger::fl_create_file(std::size_t slot, const OutputFile& output)
-{
-    try {
-        files[slot] =
-            std::make_unique<FileObject>(output.header, output.header_length, stat_dir, output.name,
-                                         output.extension, output.max_size, output.max_archives);
-    } catch (const std::exception& error) {
-        DBG->Log(DBG_ERROR, {stat_dir, output.default_name, " Unable to open: ", error.what()});
-    }
+    files[STAT_SLOT] =
+        create_file(QOS_STAT_HEADER, stat_dir, qos_file_name, keys::QOS_FILE_NAME.text,
+                    limits::TEXT_EXTENSION, limits::STAT_FILE_SIZE, limits::STAT_ARCHIVES);
+    files[EOS_SLOT] =
+        create_file(QOS_EOS_HEADER, stat_dir, qos_file_name_eos, keys::QOS_FILE_NAME_EOS.text,
+                    limits::TEXT_EXTENSION, limits::SUMMARY_FILE_SIZE, limits::SUMMARY_ARCHIVES);
+    files[VOICE_SLOT] =
+        create_file(PCAP_FILE_HEADER, stat_dir, rtp_dump_file_name, keys::RTP_DUMP_FILE_NAME.text,
+                    limits::DUMP_EXTENSION, max_file_size_rtp, max_archived_files_rtp);
 }
 
 bool FileLogger::fl_init_locks()
@@ -215,8 +199,8 @@ int FileLogger::FL_Write(QoSPacket* packet)
     int queued = 0;
     if (locks_ready) {
         const ScopedLock lock(qos_mutex);
-        queued =
-            session ? queue_line(stat_buf, stat_lost, line) : queue_line(eos_buf, eos_lost, line);
+        queued = queue_record(session ? stat_buf : eos_buf, MAX_QOS_BUFFERED,
+                              session ? stat_lost : eos_lost, {line, "\n"});
     }
     DBG->Log(DBG_DEBUG, {"FileLogger::FL_Write new event: ", line});
     return queued;
@@ -226,23 +210,17 @@ int FileLogger::FL_Write(VoicePacket* packet)
 {
     if (!rtp_logging)
         return 0;
-    const int size = packet->get_pcap_size();
+    const std::string_view record(reinterpret_cast<const char*>(packet->get_pcap_packet()),
+                                  static_cast<std::size_t>(packet->get_pcap_size()));
     int queued = 0;
     std::size_t buffered = 0;
     if (locks_ready) {
         const ScopedLock lock(rtp_mutex);
-        if (static_cast<std::int64_t>(rtp_buf.size()) > max_length_per_sec_rtp) {
-            count_lost(rtp_lost);
-        } else {
-            rtp_buf.append(reinterpret_cast<const char*>(packet->get_pcap_packet()),
-                           static_cast<std::size_t>(size));
-            queued = size;
-        }
+        queued = queue_record(rtp_buf, max_length_per_sec_rtp, rtp_lost, {record});
         buffered = rtp_buf.size();
     }
-    if (DBG->log_passes(DBG_DEBUG))
-        DBG->Log(DBG_DEBUG, {"FileLogger::FL_Write new voice event ", std::to_string(size),
-                             " bytes. Total in buffer: ", std::to_string(buffered)});
+    DBG->Log(DBG_DEBUG, {"FileLogger::FL_Write new voice event ", std::to_string(record.size()),
+                         " bytes. Total in buffer: ", std::to_string(buffered)});
     return queued;
 }
 
@@ -255,9 +233,9 @@ void* FileLogger::fl_execute(void* file_logger)
 
 void FileLogger::fl_run()
 {
-    guarded([this] { fl_cleanup_archives(); });
+    guarded([this] { fl_cleanup_archives(); }, log_reason);
     while (writer_running) {
-        guarded([this] { fl_pass(); });
+        guarded([this] { fl_pass(); }, log_reason);
         usleep(sleep_us);  // read afresh: the voice writer changes it
     }
     fl_final_flush();
@@ -282,9 +260,9 @@ void FileLogger::fl_pass()
 // Each file by itself: one that fails must not cost the others their last block.
 void FileLogger::fl_final_flush()
 {
-    guarded([this] { fl_write_file(QOS_STAT, true, true); });
-    guarded([this] { fl_write_file(QOS_STAT_EOS, true, true); });
-    guarded([this] { fl_write_rtp_dump(true, true); });
+    guarded([this] { fl_write_file(QOS_STAT, true, true); }, log_reason);
+    guarded([this] { fl_write_file(QOS_STAT_EOS, true, true); }, log_reason);
+    guarded([this] { fl_write_rtp_dump(true, true); }, log_reason);
 }
 
 void FileLogger::fl_write_file(Qos_Stat_Type type, bool sync, bool force)
@@ -298,12 +276,8 @@ void FileLogger::fl_write_file(Qos_Stat_Type type, bool sync, bool force)
     const ScopedLock lock(qos_mutex);
     if (buffer.empty())
         return;
-    report_lost("QoS WRITE OVERFLOW: ", session ? stat_lost : eos_lost);
-    if (file == nullptr) {
-        buffer.clear();  // there is no file that it could ever go to
-        return;
-    }
-    const std::string block = file->fobj_take_block(buffer, last_write, tail_timeout, force);
+    report_overflow("QoS WRITE OVERFLOW: ", session ? stat_lost : eos_lost);
+    const std::string block = take_block(file, buffer, last_write, tail_timeout, force);
     if (block.empty())
         return;
     DBG->Log(DBG_DEBUG, {"FileLogger::fl_write_file - writing block: \n", block});
@@ -323,19 +297,13 @@ void FileLogger::fl_write_rtp_dump(bool sync, bool force)
     }
     sleep_us = SHORT_PAUSE_US;
     idle_passes = 0;
-    report_lost("VOICE DUMP WRITE OVERFLOW: ", rtp_lost);
+    report_overflow("VOICE DUMP WRITE OVERFLOW: ", rtp_lost);
     FileObject* const file = files[VOICE_SLOT].get();
-    if (file == nullptr) {
-        rtp_buf.clear();
-        return;
-    }
-    const std::string block =
-        file->fobj_take_block(rtp_buf, rtp_last_write, max_buf_timeout_rtp, force);
+    const std::string block = take_block(file, rtp_buf, rtp_last_write, max_buf_timeout_rtp, force);
     if (block.empty())
         return;
-    if (DBG->log_passes(DBG_DEBUG))
-        DBG->Log(DBG_DEBUG, {"FileLogger::fl_write_rtp_dump - writing block: ",
-                             std::to_string(block.size()), " bytes"});
+    DBG->Log(DBG_DEBUG, {"FileLogger::fl_write_rtp_dump - writing block: ",
+                         std::to_string(block.size()), " bytes"});
     (void)file->fobj_write(block, sync);  // as above
     rtp_last_write = time(nullptr);
 }

@@ -12,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -35,15 +36,15 @@ public:
     // Throws std::invalid_argument for a null configuration, and std::bad_alloc.
     explicit FileLogger(ConfigFile* config);
 
-    // Destroys the files. fl_stop() must have been called: the thread is not waited for.
+    // Destroys the files. Fixed: does not wait for the thread, since the owner has called
+    // fl_stop().
     ~FileLogger();
     FileLogger(const FileLogger&) = delete;
     FileLogger& operator=(const FileLogger&) = delete;
 
     // Queues the statistics line of a report, or one pcap record. Returns the bytes queued, 0
-    // when the buffer was full or voice dumping is off, -1 for an unknown event. The owner's
-    // thread; waits for a write of the same kind that is under way. Throws std::bad_alloc; nothing
-    // is queued then.
+    // when the buffer was full, memory was short or voice dumping is off, -1 for an unknown event.
+    // The owner's thread; waits for a write of the same kind that is under way. Never throws.
     int FL_Write(QoSPacket* packet);
     int FL_Write(VoicePacket* packet);
 
@@ -76,11 +77,8 @@ private:
     static constexpr std::size_t EOS_SLOT = 1;
     static constexpr std::size_t VOICE_SLOT = 2;
 
-    struct OutputFile;  // what one file object is made from
-
     void fl_read_config(const ConfigFile& config);
     void fl_create_files();
-    void fl_create_file(std::size_t slot, const OutputFile& output);
     bool fl_init_locks();
     void fl_start();
     void fl_cleanup_archives();
@@ -97,20 +95,21 @@ private:
     pthread_mutex_t rtp_mutex{};  // guards rtp_buf, rtp_last_write and rtp_lost
     bool locks_ready = false;     // both locks are initialised; never changed afterwards
     std::atomic<bool> writer_running{false};
+    // Three sets by name, not an array, is fixed: the system's diagnostic tools know these names.
     std::string stat_buf;
     time_t stat_last_write = 0;  // seconds since the epoch; 0 until the first block
-    int stat_lost = 0;
+    std::uint32_t stat_lost = 0;
     std::string eos_buf;
     time_t eos_last_write = 0;
-    int eos_lost = 0;
+    std::uint32_t eos_lost = 0;
     bool rtp_logging = true;
     std::string rtp_buf;  // bytes of pcap records
     time_t rtp_last_write = 0;
-    int rtp_lost = 0;
+    std::uint32_t rtp_lost = 0;
     int max_buf_timeout_rtp = 0;     // seconds
     int max_length_per_sec_rtp = 0;  // bytes
-    int max_file_size_rtp = 0;       // bytes
-    int max_archived_files_rtp = 0;
+    unsigned max_file_size_rtp = 0;  // bytes
+    unsigned max_archived_files_rtp = 0;
     unsigned sleep_us;    // writer thread only, as idle_passes
     int idle_passes = 0;  // passes in a row, at the short pause, without voice data
 };

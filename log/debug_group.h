@@ -7,9 +7,8 @@
 #include <utility>
 
 // A message as its caller has it, for example {"Closed file: ", path}. The logger puts the pieces
-// together, so that a caller needs no memory for a message. When the logger finds none, the message
-// is lost, and nothing else. Numbers come from std::to_string, which needs no memory either for up
-// to 15 characters: no size, count or error number has more.
+// together, so that a caller needs no memory for a message: the text of a number fits into its
+// string object. When the logger finds no memory, it counts the message as lost.
 using LogPieces = std::initializer_list<std::string_view>;
 
 // A smaller value is more severe. A message passes a group when its level is less than or equal

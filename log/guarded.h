@@ -1,18 +1,16 @@
-// The guard of a loop that must go on.
+// The guard of a writer thread's loop.
 #pragma once
 
 #include <exception>
 
-#include "log/simple_logger.h"
-
-// Runs one step. When it throws, because memory is short or a file cannot be opened, logs the
-// reason and gives the step up: what it was working on is lost, and the loop goes on. Any thread.
-template <typename Step>
-void guarded(Step step)
+// Runs one step. When it throws, because a file cannot be opened or memory is short, hands the
+// reason to report(const char*) and gives the step up: the loop goes on. Any thread.
+template <typename Step, typename Report>
+void guarded(Step step, Report report)
 {
     try {
         step();
     } catch (const std::exception& error) {
-        DBG->Log(DBG_ERROR, error.what());
+        report(error.what());
     }
 }

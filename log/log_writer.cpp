@@ -9,6 +9,7 @@
 #include "config/keys.h"
 #include "config/limits.h"
 #include "files/file_object.h"
+#include "log/guarded.h"
 #include "log/scoped_lock.h"
 
 namespace {
@@ -20,17 +21,10 @@ constexpr useconds_t SLEEP_US = 100000;
 // The kernel refuses names over 15 characters, so "QoS_SimpleLogger" is cut.
 constexpr const char* THREAD_NAME = "QoS_SimpleLogge";
 
-// Runs one step of the writer thread. An output that cannot be written, or a lack of memory, must
-// not end the thread: its next step tries again. The log itself is at stake here, so the reason
-// goes to standard output.
-template <typename Step>
-void guarded_writer(Step step)
+// The log itself is at stake in these steps, so the reason goes to standard output.
+void print_reason(const char* reason)
 {
-    try {
-        step();
-    } catch (const std::exception& error) {
-        dbg_print_line({error.what()});
-    }
+    dbg_print_line({reason});
 }
 
 }  // namespace
@@ -44,7 +38,6 @@ void SimpleLogger::init(ConfigFile* config)
     register_dbg_group(
         new DebugGroup(dbg_level_from_config(keys::LOG_DEFAULT.number_in(*config)), "DEFAULT"));
     _buffer.reserve(BUFFER_RESERVATION);
-    _last_write_time = 0;
     if (!dbg_start_writer())
         return;
     _file = dbg_create_file();
@@ -77,13 +70,12 @@ FileObject* SimpleLogger::dbg_create_file()
 {
     if (_file_name.empty())
         return nullptr;
-    _directory = limits::LOG_DIRECTORY;
-    if (!_directory.ends_with('/'))
-        _directory += '/';
+    _directory = std::string(limits::LOG_DIRECTORY) + '/';
     try {
         return new FileObject(nullptr, 0, _directory, _file_name, _extension, limits::LOG_FILE_SIZE,
                               limits::LOG_ARCHIVES);
     } catch (const std::exception& error) {
+        // No blank before "for": alerts match this text.
         dbg_print_line({"Unable to open log file ", _directory, _file_name, _extension,
                         "for writing (", error.what(), "). Using stdout instead."});
         return nullptr;
@@ -107,13 +99,13 @@ void SimpleLogger::dbg_run()
 {
     _initialized.wait(false);  // init() creates the file object after this thread
     if (_file != nullptr)
-        guarded_writer([this] { _file->fobj_cleanup(); });
+        guarded([this] { _file->fobj_cleanup(); }, print_reason);
     while (_running) {
-        guarded_writer([this] { dbg_write_file(false, false); });
+        guarded([this] { dbg_write_file(false, false); }, print_reason);
         usleep(SLEEP_US);
     }
     Log(DBG_INFO, "Terminating SimpleLogger thread...");
-    guarded_writer([this] { dbg_write_file(true, true); });
+    guarded([this] { dbg_write_file(true, true); }, print_reason);
 }
 
 void SimpleLogger::dbg_write_file(bool sync, bool flush_all)
@@ -138,18 +130,6 @@ std::string SimpleLogger::dbg_take_block(bool flush_all)
         _buffer.clear();
         return "";
     }
-    if (_lost != 0)
-        dbg_note_lost();
+    dbg_report_overflow();
     return _file->fobj_take_block(_buffer, _last_write_time, TAIL_TIMEOUT_SECONDS, flush_all);
-}
-
-// Without the memory for it, the note waits for the next pass; the block does not.
-void SimpleLogger::dbg_note_lost() noexcept
-{
-    try {
-        _buffer += dbg_format_line(
-            DBG_WARN, {"LOG FILE WRITE OVERFLOW: ", std::to_string(_lost), "messages lost"});
-        _lost = 0;
-    } catch (const std::exception&) {
-    }
 }

@@ -14,9 +14,6 @@ public:
     }
     void LogStr(DbgLevel level, LogPieces pieces) const noexcept;
 
-    // True when LogStr would let this level through: asked before a costly text is composed.
-    bool log_passes(DbgLevel level) const { return level <= group->level; }
-
 protected:
     // The deriving constructor sets and registers the group before its first LogStr.
     LoggerHelper() = default;

@@ -11,11 +11,12 @@
 
 #include <pthread.h>
 
-#include <array>
 #include <atomic>
+#include <cstdint>
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "log/debug_group.h"
 
@@ -37,8 +38,8 @@ public:
     // once, before any other thread of the program exists.
     void init(ConfigFile* config);
 
-    // Adds a group and returns its index, or -1, with the group unchanged, for null and for a group
-    // too many: there is room for 64. Main thread, at start-up.
+    // Adds a group and returns its index, or -1 for null. Throws std::bad_alloc. Main thread, at
+    // start-up, before the threads that log through the group exist.
     int register_dbg_group(DebugGroup* group);
 
     // Logs one message through a group. Any thread. Never throws.
@@ -55,10 +56,6 @@ public:
     // The same through the group "DEFAULT".
     void Log(DbgLevel level, LogPieces pieces) noexcept { Log(DEFAULT_GROUP, level, pieces); }
     void Log(DbgLevel level, std::string_view text) noexcept { Log(DEFAULT_GROUP, level, text); }
-
-    // True when Log(level, ...) would let the message through: asked before a costly text is
-    // composed. Any thread.
-    bool log_passes(DbgLevel level) const;
 
     // Stops and joins the writer thread, which writes and syncs what is left. Does nothing when
     // no thread runs. Main thread.
@@ -84,20 +81,17 @@ private:
     ~SimpleLogger();
 
     static constexpr int DEFAULT_GROUP = 0;
-    static constexpr int MAX_GROUPS = 64;
 
-    bool dbg_group_passes(int group_index, DbgLevel level) const;
+    bool dbg_passes(int group_index, DbgLevel level) const;
     bool dbg_start_writer();
     FileObject* dbg_create_file();
-    bool dbg_buffer_line(const std::string& line);
-    void dbg_count_lost();
+    void dbg_report_overflow();
     std::string dbg_take_block(bool flush_all);
-    void dbg_note_lost() noexcept;
 
-    // An array, since threads read it without a lock while the main thread still registers groups:
-    // no element ever moves, and the count tells which are there. Not owned.
-    std::array<DebugGroup*, MAX_GROUPS> _groups{};
-    std::atomic<int> _group_count{0};
+    std::vector<DebugGroup*> _groups;  // not owned; they live until the process ends
+    // The first of them. The writers of log and files use no other, and already run while the main
+    // thread registers the rest, so they must not look at the list.
+    const DebugGroup* _default_group = nullptr;
     std::atomic<bool> _initialized{false};  // set last in init(): the writer waits for it
     pthread_t _thread{};
     // Guards _buffer and _lost; valid once _initialized. Not held while _file is at work, which
@@ -106,7 +100,7 @@ private:
     std::atomic<bool> _running{false};
     std::string _buffer;          // formatted lines not yet written
     time_t _last_write_time = 0;  // writer thread only
-    int _lost = 0;                // messages refused since the last overflow note
+    std::uint32_t _lost = 0;      // messages lost since the last overflow note
     FileObject* _file = nullptr;  // null for standard output; lives until the process ends
     std::string _directory;
     std::string _file_name;
@@ -117,8 +111,9 @@ private:
 // initialisers must not log: it may not be set yet when they run.
 extern SimpleLogger* const DBG;
 
-// One line of the log: time stamp, tag, thread identifier of the caller, message.
-std::string dbg_format_line(DbgLevel level, LogPieces pieces);
+// One line of the log: time stamp, tag, thread identifier of the caller, message. Empty when there
+// is no memory for it.
+std::string dbg_format_line(DbgLevel level, LogPieces pieces) noexcept;
 
 // Writes the message and a newline to standard output and flushes it. Any thread.
 void dbg_print_line(LogPieces pieces);

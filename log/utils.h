@@ -1,6 +1,7 @@
 // The time-stamp texts of the log and of the statistics lines: local time with milliseconds.
 //
-// No state; any thread.
+// No state; any thread. The forms that return a string are fixed: other programs of the system use
+// them.
 #pragma once
 
 #include <sys/time.h>

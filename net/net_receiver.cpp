@@ -75,7 +75,7 @@ int NetReceiver::WaitForPackets(unsigned int timeoutMs)
     init_fd_set();
     const int ready = poll(fds.data(), nfds, static_cast<int>(timeoutMs));
     if (ready < 0)
-        // The text is the one that readers of the log look for, whatever call waits.
+        // "select()", though it is poll(): alerts match this text.
         LogStr(DBG_ERROR, {"NetReceiver select() failed: ", std::to_string(ready)});
     return ready;
 }
@@ -116,12 +116,10 @@ int NetReceiver::receive_packet(char* buf, int size, unsigned short port, int& s
         return received;
     }
     buf[received] = '\0';
-    if (received > 0 && log_passes(DBG_DEBUG)) {
-        if (port == voice_port)
-            LogStr(DBG_DEBUG, {">>>>> New Voice packet: ", std::to_string(received), " bytes"});
-        else
-            LogStr(DBG_DEBUG, {">>>>> New QoS packet:\n", buf});
-    }
+    if (received > 0 && port == voice_port)
+        LogStr(DBG_DEBUG, {">>>>> New Voice packet: ", std::to_string(received), " bytes"});
+    else if (received > 0)
+        LogStr(DBG_DEBUG, {">>>>> New QoS packet:\n", buf});
     return received;
 }
 

@@ -87,8 +87,8 @@ constexpr const char* FAR_END_WORD = "far_end";
 // Where every scan of a report ends.
 constexpr std::size_t TEXT_LIMIT = 1023;
 
-// The index of a key, or UNKNOWN_KEY. Senders repeat the order of their keys in every report, so the
-// search begins at the key that came behind the previous one the last time.
+// The index of a key, or UNKNOWN_KEY. Senders repeat the order of their keys in every report, so
+// the search begins at the key that came behind the previous one the last time.
 std::size_t find_key(std::string_view key, std::size_t previous)
 {
     thread_local std::array<std::size_t, KEYS.size() + 1> followers{};

@@ -4,12 +4,24 @@
 #include <utility>
 
 #include "log/simple_logger.h"
+#include "records/json_frame.h"
+
+namespace {
+
+// A batch is at most a full buffer and one more line, which is far shorter than the other half.
+constexpr std::size_t BODY_ROOM = 204800;
+
+constexpr std::string_view SETOPT = "curl_easy_setopt(";
+constexpr std::string_view FAILED = ") failed...";
+
+}  // namespace
 
 std::atomic<int> HttpHanle::idle_handles{0};
 
 HttpHanle::HttpHanle(std::string server_url, DebugGroup* debug_group)
     : LoggerHelper(debug_group), url(std::move(server_url))
 {
+    body.reserve(BODY_ROOM);
     curl_handle = curl_easy_init();
     if (curl_handle == nullptr) {
         LogStr(DBG_ERROR, "Failed to initialize curl handle");
@@ -26,48 +38,35 @@ HttpHanle::HttpHanle(std::string server_url, DebugGroup* debug_group)
 
 HttpHanle::~HttpHanle()
 {
-    if (curl_handle != nullptr)
-        curl_easy_cleanup(curl_handle);
-    if (http_headers != nullptr) {
-        curl_slist_free_all(http_headers);
-        http_headers = nullptr;
-    }
+    curl_easy_cleanup(curl_handle);
+    curl_slist_free_all(http_headers);
     drop_idle_handle();
 }
 
-template <typename Value>
-bool HttpHanle::set_option(CURLoption option, Value value) const
-{
-    return curl_easy_setopt(curl_handle, option, value) == CURLE_OK;
-}
-
-// The first that fails is reported and ends the construction. A failure of the first four, which
-// set up what feeds the log, is said on standard output instead.
+// The first that fails is reported and ends the construction. The first four set up what feeds the
+// log: their failure is printed instead.
 bool HttpHanle::set_options()
 {
-    const char* failed = nullptr;
-    if (!set_option(CURLOPT_HEADER, 1L))
-        failed = "curl_easy_setopt(CURLOPT_HEADER) failed...";
-    else if (!set_option(CURLOPT_VERBOSE, 1L))
-        failed = "curl_easy_setopt(CURLOPT_VERBOSE) failed...";
-    else if (!set_option(CURLOPT_DEBUGFUNCTION, curl_debug_callback))
-        failed = "curl_easy_setopt(CURLOPT_DEBUGFUNCTION) failed...";
-    else if (!set_option(CURLOPT_DEBUGDATA, this))
-        failed = "curl_easy_setopt(CURLOPT_DEBUGDATA) failed...";
-    if (failed != nullptr) {
-        dbg_print_line({failed});
+    const char* name = nullptr;
+    const auto accepts = [&](const char* option_name, CURLoption option, auto value) {
+        name = option_name;
+        return curl_easy_setopt(curl_handle, option, value) == CURLE_OK;
+    };
+    if (!accepts("CURLOPT_HEADER", CURLOPT_HEADER, 1L) ||
+        !accepts("CURLOPT_VERBOSE", CURLOPT_VERBOSE, 1L) ||
+        !accepts("CURLOPT_DEBUGFUNCTION", CURLOPT_DEBUGFUNCTION, curl_debug_callback) ||
+        !accepts("CURLOPT_DEBUGDATA", CURLOPT_DEBUGDATA, this)) {
+        dbg_print_line({SETOPT, name, FAILED});
         return false;
     }
-    if (!set_option(CURLOPT_URL, url.c_str()))
-        failed = "curl_easy_setopt(CURLOPT_URL) failed...";
-    else if (!set_option(CURLOPT_WRITEFUNCTION, curl_write_resp_clbk))
-        failed = "curl_easy_setopt(CURLOPT_WRITEFUNCTION) failed...";
-    else if (!set_option(CURLOPT_WRITEDATA, this))
-        failed = "curl_easy_setopt(CURLOPT_WRITEDATA) failed...";
-    else if (!set_option(CURLOPT_FAILONERROR, 0L))
-        failed = "ccurl_easy_setopt(CURLOPT_FAILONERROR) failed...";
-    if (failed != nullptr) {
-        LogStr(DBG_ERROR, failed);
+    if (!accepts("CURLOPT_URL", CURLOPT_URL, url.c_str()) ||
+        !accepts("CURLOPT_WRITEFUNCTION", CURLOPT_WRITEFUNCTION, curl_write_resp_clbk) ||
+        !accepts("CURLOPT_WRITEDATA", CURLOPT_WRITEDATA, this)) {
+        LogStr(DBG_ERROR, {SETOPT, name, FAILED});
+        return false;
+    }
+    if (!accepts("CURLOPT_FAILONERROR", CURLOPT_FAILONERROR, 0L)) {
+        LogStr(DBG_ERROR, {"c", SETOPT, name, FAILED});  // "ccurl": alerts match this text
         return false;
     }
     return true;
@@ -91,22 +90,25 @@ void HttpHanle::set_state(HANDLE_STATE new_state)
     LogStr(DBG_TRACE, {"Total idle curl handles: ", std::to_string(idle_handles)});
 }
 
-void HttpHanle::set_body(std::shared_ptr<std::string> new_body)
+// Within the room of the body: no memory is needed, and libcurl's pointer stays right.
+void HttpHanle::take_lines(std::string& lines)
 {
-    std::size_t size = new_body->size();
-    if (set_option(CURLOPT_POSTFIELDS, new_body->c_str())) {
-        body = std::move(new_body);
-    } else {
-        LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDS) failed...");
-        size = 0;  // libcurl still has the body before, which has been posted
-    }
-    if (set_option(CURLOPT_POSTFIELDSIZE, static_cast<long>(size))) {
-        body_size = size;
-        return;
-    }
-    LogStr(DBG_ERROR, "curl_easy_setopt(CURLOPT_POSTFIELDSIZE) failed...");
-    if (body != nullptr && body->size() < body_size)
-        body->resize(body_size, ' ');  // within its room, so that it stays where it is
+    body.assign(json_frame::BATCH_START).append(lines).append(json_frame::BATCH_END);
+    lines.clear();
+}
+
+std::size_t HttpHanle::set_body()
+{
+    if (curl_easy_setopt(curl_handle, CURLOPT_POSTFIELDS, body.c_str()) == CURLE_OK)
+        has_body = true;
+    else
+        LogStr(DBG_ERROR, {SETOPT, "CURLOPT_POSTFIELDS", FAILED});
+    if (curl_easy_setopt(curl_handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size())) ==
+        CURLE_OK)
+        body_size = body.size();
+    else
+        LogStr(DBG_ERROR, {SETOPT, "CURLOPT_POSTFIELDSIZE", FAILED});
+    return has_body ? body_size.value_or(body.size()) : 0;
 }
 
 unsigned long HttpHanle::curl_write_resp_clbk(void* data, unsigned long size, unsigned long nmemb,

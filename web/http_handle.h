@@ -9,7 +9,7 @@
 
 #include <atomic>
 #include <cstddef>
-#include <memory>
+#include <optional>
 #include <string>
 
 #include "log/logger_helper.h"
@@ -20,7 +20,7 @@ enum HANDLE_STATE : int {
     HANDLE_BUSY = 1,      // a worker is transmitting with it
 };
 
-// Spelt as the system's other parts know it.
+// The name is fixed: the system's other parts know it so.
 class HttpHanle : public LoggerHelper {
 public:
     // Builds and configures the handle. A failure is reported by a message and leaves the handle
@@ -36,12 +36,14 @@ public:
     // web client's lock, after is_idle(), so that a handle goes to one worker only.
     void set_state(HANDLE_STATE new_state);
 
-    // Sets the body of the next request, by the worker that made the handle busy. libcurl does not
-    // copy it: the handle keeps it until the next one has taken its place. A failure is logged; the
-    // request then has another body, empty, cut off or with blanks at its end, but nothing that is
-    // not the handle's own. The body must have room for posted_size() characters.
-    void set_body(std::shared_ptr<std::string> new_body);
-    std::size_t posted_size() const { return body_size; }
+    // Makes the lines, joined by json_frame::SEPARATOR, the next request's body, and empties them.
+    // By the worker that made the handle busy, as the two below. Never throws.
+    void take_lines(std::string& lines);
+    const std::string& request_body() const { return body; }
+
+    // Hands the body to libcurl. A failure is logged and may cut off the body, or add to it what is
+    // left of a longer one before. Returns the number of bytes that will be posted.
+    std::size_t set_body();
 
     // The easy handle: for performing the transfer, by the worker that made it busy. Null when
     // construction failed early.
@@ -60,8 +62,6 @@ public:
 
 private:
     bool set_options();
-    template <typename Value>
-    bool set_option(CURLoption option, Value value) const;
 
     static std::atomic<int> idle_handles;  // of the whole process; for the trace message only
     static void drop_idle_handle();
@@ -69,7 +69,10 @@ private:
     std::string url;
     curl_slist* http_headers = nullptr;  // owned
     std::atomic<HANDLE_STATE> state{HANDLE_INVALID};
-    CURL* curl_handle = nullptr;        // owned
-    std::shared_ptr<std::string> body;  // what libcurl points at; null until the first
-    std::size_t body_size = 0;          // the length that libcurl takes it to have
+    CURL* curl_handle = nullptr;  // owned
+    // libcurl does not copy the body. Its characters stay at one place for the life of the handle,
+    // so that a pointer and a length that libcurl keeps after a failure lie inside it.
+    std::string body;
+    bool has_body = false;                 // libcurl has the pointer
+    std::optional<std::size_t> body_size;  // what libcurl has; without, it counts to the zero byte
 };

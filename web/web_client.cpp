@@ -3,34 +3,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <string_view>
-#include <utility>
 
 #include "config/config_file.h"
 #include "config/keys.h"
-#include "log/guarded.h"
+#include "log/append_bounded.h"
 #include "log/scoped_lock.h"
 #include "log/simple_logger.h"
+#include "records/json_frame.h"
 #include "records/qos_packet.h"
-#include "web/batch_frame.h"
 
 namespace {
 
 constexpr std::size_t BATCH_SIZE = 10240;  // a batch this large is sent at once
 constexpr time_t BATCH_AGE_SECONDS = 5;    // a smaller one when more has passed
-constexpr std::size_t MAX_BUFFERED = 102400;
+constexpr std::int64_t MAX_BUFFERED = 102400;
 constexpr useconds_t SLEEP_US = 100000;
-
-// As a standard output stream prints a pointer, but without an allocation.
-using AddressText = std::array<char, sizeof "0x0123456789ABCDEF">;
-AddressText address_text(const void* address)
-{
-    AddressText text{};
-    std::snprintf(text.data(), text.size(), "%p", address);
-    return text;
-}
 
 }  // namespace
 
@@ -53,7 +42,6 @@ WebClient::WebClient(ConfigFile* config) : url(keys::ELASTIC_URL.text_in(*config
         LogStr(DBG_ERROR, {"Unable to init mutex for WebClient. Error: ", std::to_string(rc)});
         return;
     }
-    lock_ready = true;
     stopped = false;
     wc_start_workers();
 }
@@ -63,8 +51,6 @@ WebClient::~WebClient()
     wc_stop();
     for (auto& handle : curl_handles)
         handle.reset();
-    if (lock_ready)
-        pthread_mutex_destroy(&wc_mutex);
     LogStr(DBG_INFO, {"WebClient stat: Lines Sent=", std::to_string(lines_sent),
                       "; Bytes Sent=", std::to_string(bytes_sent)});
 }
@@ -107,17 +93,11 @@ int WebClient::WC_Write(QoSPacket* packet)
     const std::string_view line = packet->http_log_string();
     if (line.empty())
         return 0;
-    std::size_t added = line.size();
+    std::size_t added = 0;
     {
         const ScopedLock lock(wc_mutex);
-        if (http_buffer.size() > MAX_BUFFERED) {
-            added = 0;
-        } else {
-            const std::string_view separator = http_buffer.empty() ? "" : batch_frame::SEPARATOR;
-            added += separator.size();
-            http_buffer.reserve(http_buffer.size() + added);  // both go in, or neither
-            http_buffer.append(separator).append(line);
-        }
+        added = append_bounded(http_buffer, MAX_BUFFERED,
+                               {http_buffer.empty() ? "" : json_frame::SEPARATOR, line});
     }
     if (added == 0) {
         overflow_count++;
@@ -143,7 +123,7 @@ void* WebClient::wc_execute(void* web_client)
 void WebClient::wc_run()
 {
     while (!stopped) {
-        guarded([this] { wc_perform(); });
+        wc_perform();
         usleep(SLEEP_US);
     }
     LogStr(DBG_INFO, "Terminating WebClient thread...");
@@ -152,7 +132,6 @@ void WebClient::wc_run()
 void WebClient::wc_perform()
 {
     HttpHanle* handle = nullptr;
-    std::shared_ptr<std::string> batch;
     {
         // One critical section from the due test to the time of the transmission: no other worker
         // may take the same lines, the same handle, or start a small batch in between.
@@ -160,16 +139,17 @@ void WebClient::wc_perform()
         if (http_buffer.empty() || !wc_batch_is_due())
             return;
         handle = wc_find_idle_handle();
-        if (handle != nullptr)
-            batch = wc_take_batch(*handle);
+        if (handle != nullptr) {
+            handle->set_state(HANDLE_BUSY);
+            handle->take_lines(http_buffer);
+            last_send_time = time(nullptr);
+        }
     }
     if (handle == nullptr) {
         LogStr(DBG_INFO, "Skipping http transmission - no available idle curl handles!");
         return;
     }
-    handle->set_body(batch);
-    bytes_sent += static_cast<std::uint32_t>(batch->size());
-    wc_transmit(handle->easy_handle(), *batch);
+    wc_transmit(*handle);
     handle->set_state(HANDLE_IDLE);
 }
 
@@ -185,33 +165,22 @@ HttpHanle* WebClient::wc_find_idle_handle() const
     return idle == curl_handles.end() ? nullptr : idle->get();
 }
 
-// Moves the buffer into a body for the handle, which is busy from then on. Without the memory for
-// it, lines and handle stay as they are.
-std::shared_ptr<std::string> WebClient::wc_take_batch(HttpHanle& handle)
+// "transmitt" is fixed: alerts match this text.
+void WebClient::wc_transmit(HttpHanle& handle)
 {
-    auto body = std::make_shared<std::string>();
-    body->reserve(std::max(batch_frame::START.size() + http_buffer.size() + batch_frame::END.size(),
-                           handle.posted_size()));
-    body->append(batch_frame::START).append(http_buffer).append(batch_frame::END);
-    handle.set_state(HANDLE_BUSY);
-    http_buffer.clear();
-    last_send_time = time(nullptr);
-    return body;
-}
-
-// Logs and performs one transmission. "transmitt" is spelt as readers of the log look for it.
-void WebClient::wc_transmit(CURL* easy, const std::string& body)
-{
-    const std::string size = std::to_string(body.size());
-    const AddressText address = address_text(easy);
+    const std::size_t posted = handle.set_body();
+    bytes_sent += static_cast<std::uint32_t>(posted);
+    const std::string size = std::to_string(posted);
+    char address[sizeof "0x0123456789ABCDEF"];
+    std::snprintf(address, sizeof address, "%p", static_cast<void*>(handle.easy_handle()));
     LogStr(DBG_TRACE,
-           {"Starting http transmission of ", size, " bytes for the curl handle ", address.data()});
-    LogStr(DBG_DEBUG, {"HTTP buffer sent for the handle: ", address.data(), "\n", body});
-    const CURLcode result = curl_easy_perform(easy);
+           {"Starting http transmission of ", size, " bytes for the curl handle ", address});
+    LogStr(DBG_DEBUG, {"HTTP buffer sent for the handle: ", address, "\n", handle.request_body()});
+    const CURLcode result = curl_easy_perform(handle.easy_handle());
     if (result != CURLE_OK)
         LogStr(DBG_ERROR,
                {"Unable to transmitt http - curl_easy_perform failed: ", std::to_string(result)});
     else
-        LogStr(DBG_INFO, {"Finished http transmission of ", size, " bytes for the curl handle ",
-                          address.data()});
+        LogStr(DBG_INFO,
+               {"Finished http transmission of ", size, " bytes for the curl handle ", address});
 }

@@ -40,8 +40,8 @@ public:
     WebClient& operator=(const WebClient&) = delete;
 
     // Offers one report for the next batch. Returns the bytes added to the buffer, or 0 when it
-    // is off, the report is an end-of-session summary or has no line, or the buffer is full.
-    // Throws std::bad_alloc; nothing is added then. Main thread.
+    // is off, the report is an end-of-session summary or has no line, the buffer is full or memory
+    // is short. Never throws. Main thread.
     int WC_Write(QoSPacket* packet);
 
     // Ends the workers and waits for the transfers under way. May be called again. Main thread.
@@ -54,8 +54,7 @@ public:
     void wc_run();
 
     // One look at the buffer and, when a batch is due, one transmission, which takes as long as
-    // libcurl lets it. Throws std::bad_alloc when there is no memory for the batch, which stays in
-    // the buffer. Worker threads.
+    // libcurl lets it. Never throws. Worker threads.
     void wc_perform();
 
 private:
@@ -67,14 +66,12 @@ private:
     void wc_start_workers();
     bool wc_batch_is_due() const;
     HttpHanle* wc_find_idle_handle() const;
-    std::shared_ptr<std::string> wc_take_batch(HttpHanle& handle);
-    void wc_transmit(CURL* easy, const std::string& body);
+    void wc_transmit(HttpHanle& handle);
 
     std::string url;
     std::array<std::unique_ptr<HttpHanle>, POOL_SIZE> curl_handles;
     std::array<HttpThread, POOL_SIZE> http_threads;
     pthread_mutex_t wc_mutex{};  // guards http_buffer, last_send_time and the pick of a handle
-    bool lock_ready = false;     // the mutex is initialised; never changed afterwards
     std::atomic<bool> stopped{true};
     std::string http_buffer;                   // lines not yet sent, joined by ",\n"
     std::uint32_t overflow_count = 0;          // main thread only, as lines_sent

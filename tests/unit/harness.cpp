@@ -1,12 +1,12 @@
 #include "unit/harness.h"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -105,6 +105,21 @@ std::string voice_record(const std::string& payload, std::optional<std::uint32_t
            payload;
 }
 
+std::string printed(const std::function<void()>& action)
+{
+    const TempDir dir;
+    std::fflush(stdout);
+    const int before = dup(STDOUT_FILENO);
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen((dir / "out").c_str(), "w"),
+                                                     std::fclose);
+    dup2(fileno(file.get()), STDOUT_FILENO);
+    action();
+    std::fflush(stdout);
+    dup2(before, STDOUT_FILENO);
+    close(before);
+    return read_file(dir / "out");
+}
+
 LogCapture::LogCapture(const std::string& config)
 {
     ConfigFile file = config_of(config);
@@ -116,10 +131,10 @@ LogCapture::LogCapture(const std::string& config)
 
 std::string LogCapture::take(const std::function<void()>& action)
 {
-    testing::internal::CaptureStdout();
-    action();
-    DBG->dbg_write_file(false, false);
-    return bare(testing::internal::GetCapturedStdout());
+    return bare(printed([&action] {
+        action();
+        DBG->dbg_write_file(false, false);
+    }));
 }
 
 std::string LogCapture::bare(const std::string& log)

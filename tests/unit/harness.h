@@ -39,6 +39,9 @@ void send_udp(int port, const std::string& datagram, unsigned host = 1);
 // A voice record; its length word is the truth unless it is given.
 std::string voice_record(const std::string& payload, std::optional<std::uint32_t> length = {});
 
+// What the action prints on standard output.
+std::string printed(const std::function<void()>& action);
+
 // Starts the logger and ends its writer thread, so that all that is logged waits to be taken.
 struct LogCapture {
     explicit LogCapture(const std::string& config = "log.default=4");

@@ -8,9 +8,6 @@
 #include "log/simple_logger.h"
 #include "unit/harness.h"
 
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
-
 static Faults& faults = Faults::self();
 
 TEST(Logger, FiltersAndLaysOutLines)
@@ -18,38 +15,42 @@ TEST(Logger, FiltersAndLaysOutLines)
     stop_the_clock();
     const TempDir root;
     faults.set_root(root.path);
-    CaptureStdout();
-    DBG->Log(DBG_ERROR, "before any group");
-    EXPECT_EQ(-1, DBG->register_dbg_group(nullptr));
-    DBG->init(nullptr);
-    ConfigFile config = config_of("log.default=-1\nlog.file=d");
-    faults.arm("pthread_create", 1, EAGAIN);
-    DBG->init(&config);
-    DBG->Log(DBG_WARN, "bare\ntext");
-    DBG->Log(DBG_INFO, "filtered");
     poll(nullptr, 0, 0);  // from now on memory can be refused
     Faults::set_watch([](std::string_view function, long /*unused*/, long /*unused*/) {
         if (function == "pthread_create")  // then comes the file
-            faults.refuse_memory(4, 1);
+            faults.refuse_memory(3, 1);
     });
-    DBG->init(&config);
-    DBG->dbg_stop();  // at once: must end the thread all the same
-    DBG->init(&config);
+    ConfigFile config = config_of("log.default=-1\nlog.file=d");
     EXPECT_EQ("Unable to create new thread for SimpleLogger. Error: 11\nbare\ntext\n"
               "Unable to open log file /var/log/current/d.logfor writing (std::bad_alloc). "
               "Using stdout instead.\n",
-              GetCapturedStdout());
-    CaptureStdout();
+              printed([&config] {
+                  DBG->Log(DBG_ERROR, "before any group");
+                  EXPECT_EQ(-1, DBG->register_dbg_group(nullptr));
+                  DBG->init(nullptr);
+                  faults.arm("pthread_create", 1, EAGAIN);
+                  DBG->init(&config);
+                  DBG->Log(DBG_WARN, "bare\ntext");
+                  DBG->Log(DBG_INFO, "filtered");
+                  DBG->init(&config);
+                  DBG->dbg_stop();  // at once: must end the thread all the same
+                  DBG->init(&config);
+              }));
     DebugGroup group(DBG_DEBUG, "NET");
-    const int index = DBG->register_dbg_group(&group);
-    EXPECT_EQ(2, index);  // behind "DEFAULT" of the failure and of the success
-    for (const int level : {-1, 0, 1, 2, 3, 4, 5})
-        DBG->Log(index, static_cast<DbgLevel>(level), "t");
-    for (const int none : {index + 1, -1})
-        DBG->Log(none, DBG_ERROR, "no such group");
-    DBG->Log(DBG_INFO, "filtered");
-    DBG->dbg_write_file(false, false);
-    const std::string lines = GetCapturedStdout();
+    int index = 0;
+    for (int groups = 2; groups < 100;
+         groups++) {  // behind "DEFAULT" of the failure and of the success
+        index = DBG->register_dbg_group(&group);
+        EXPECT_EQ(groups, index);
+    }
+    const std::string lines = printed([index] {
+        for (const int level : {-1, 0, 1, 2, 3, 4, 5})
+            DBG->Log(index, static_cast<DbgLevel>(level), "t");
+        for (const int none : {index + 1, -1})
+            DBG->Log(none, DBG_ERROR, "no such group");
+        DBG->Log(DBG_INFO, "filtered");
+        DBG->dbg_write_file(false, false);
+    });
     char id[24];
     snprintf(id, sizeof id, " [0x%lx] t\n", static_cast<unsigned long>(pthread_self()) & 0xFFFFFF);
     EXPECT_EQ(6U, count(lines, id));
@@ -68,10 +69,10 @@ struct LogFile {
         for (const char* const name : {"d_2020-01-01_00-00-00.log", "d_2020-01-01_00-00-01.log"})
             write_file(dir + name, name);
         set_age(dir + "d_2020-01-01_00-00-01.log", 1);
-        CaptureStdout();
-        DBG->init(&config);
-        DBG->dbg_stop();
-        EXPECT_EQ("", GetCapturedStdout());
+        EXPECT_EQ("", printed([this] {
+                      DBG->init(&config);
+                      DBG->dbg_stop();
+                  }));
     }
     std::string text() const { return read_file(dir + "d.log"); }
     auto files() const { return std::distance(std::filesystem::directory_iterator(dir), {}); }
@@ -103,8 +104,11 @@ TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
     EXPECT_EQ(300U + 2048, size(0, 5));
     std::size_t expected = 300 + 2500;
     EXPECT_EQ(expected, size(0, 1));
+    poll(nullptr, 0, 0);  // from now on memory can be refused
     for (const std::size_t full : {102400U, 102401U}) {
         LogFile::log(full);
+        faults.refuse_memory(1, 1);
+        DBG->Log(DBG_ERROR, "no memory for this");
         std::atomic<bool> logged{false};  // orders nothing: what is lost has a lock of its own
         const std::jthread other([&logged] {
             for (int i = 0; i < 4; i++)
@@ -116,7 +120,7 @@ TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
         EXPECT_EQ(full == 102400 ? 1 : 2, faults.calls("fsync"));
         expected += full + (full == 102400 ? 100 : 0);  // one more fits then
         const std::string note = file.text().substr(expected);
-        EXPECT_EQ(std::string(" [WARN] LOG FILE WRITE OVERFLOW: ") + (full == 102400 ? "3" : "4") +
+        EXPECT_EQ(std::string(" [WARN] LOG FILE WRITE OVERFLOW: ") + (full == 102400 ? "4" : "5") +
                       "messages lost\n",
                   LogCapture::bare(note));
         expected += note.size();

@@ -1,36 +1,21 @@
-// Buffers of lines that have no memory to grow.
+// A lack of memory costs a queue one record, which is counted.
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include <new>
-
 #include "filelog/file_logger.h"
+#include "log/simple_logger.h"
 #include "records/qos_packet.h"
+#include "records/voice_packet.h"
 #include "unit/harness.h"
 #include "web/web_client.h"
 
 static Faults& faults = Faults::self();
 
-template <typename Write>
-static int write_refused_once(const Write& write)  // how often it was refused
-{
-    int refused = 0;
-    poll(nullptr, 0, 0);  // from now on allocations count
-    faults.refuse_memory(1, 1);
-    try {
-        write();
-    } catch (const std::bad_alloc&) {
-        refused++;
-        write();
-    }
-    faults.disarm();
-    return refused;
-}
-
 // A buffer grows when it holds 10240 bytes. With lines of 208 characters that is between a line and
-// its line feed, with lines of 192 between a JSON line and the separator behind it.
-TEST(Memory, BuffersTakeALineWholeOrNotAtAll)
+// its line feed, with lines of 192 between a JSON line and the separator before it.
+TEST(Memory, QueuesTakeARecordWholeOrCountIt)
 {
+    LogCapture log("log.default=1");
     const std::string report = "QOS_EV_TYPE=QOS_NEAREND\nQOS_EV_RTCP_CNAME=";
     const std::string bare = QoSPacket(report.c_str(), "").log_string();
     for (const std::size_t length : {192U, 208U}) {
@@ -42,17 +27,42 @@ TEST(Memory, BuffersTakeALineWholeOrNotAtAll)
         faults.arm("pthread_create", 1, EAGAIN, true);
         WebClient web_client(&config);
         QoSPacket packet((report + std::string(length - bare.size(), '0')).c_str(), "");
-        int refused = 0;
-        std::string lines, batch;
-        for (int i = 0; i < 120; i++) {
-            refused += write_refused_once([&] { file_logger.FL_Write(&packet); });
-            refused += write_refused_once([&] { web_client.WC_Write(&packet); });
-            lines += std::string(packet.log_string()) + "\n";
-            batch += std::string(batch.empty() ? "[\n" : ",\n") + packet.http_log_string();
-        }
-        EXPECT_EQ(4, refused);  // each buffer twice
-        file_logger.fl_write_file(QOS_STAT, false, true);
+        VoicePacket voice;
+        voice.init_pcap_packet(voice_record(std::string(length, 'v')).c_str(), 0);
+        const std::string line = std::string(packet.log_string()) + "\n",
+                          record(reinterpret_cast<const char*>(voice.get_pcap_packet()),
+                                 static_cast<std::size_t>(voice.get_pcap_size()));
+        const auto refused_once = [](auto write) {
+            poll(nullptr, 0, 0);  // from now on allocations count
+            faults.refuse_memory(1, 1);
+            const bool is_lost = write() == 0;
+            faults.disarm();
+            if (is_lost)
+                write();
+            return is_lost;
+        };
+        int lost = 0;
+        std::string lines, dump, batch;
+        const std::string said = log.take([&] {
+            for (int i = 0; i < 120; i++) {
+                lost += refused_once([&] { return file_logger.FL_Write(&packet); });
+                lost += refused_once([&] { return file_logger.FL_Write(&voice); });
+                lost += refused_once([&] { return web_client.WC_Write(&packet); });
+                lines += line;
+                dump += record;
+                batch += std::string(batch.empty() ? "[\n" : ",\n") + packet.http_log_string();
+            }
+        });
+        EXPECT_EQ(2U, count(said, " [WARN] WebClient OVERFLOW: 1\n"));
+        EXPECT_EQ(6, lost);  // each buffer grows twice
+        EXPECT_EQ(" [WARN] QoS WRITE OVERFLOW: 2messages lost\n"
+                  " [WARN] VOICE DUMP WRITE OVERFLOW: 2messages lost\n",
+                  log.take([&] {
+                      file_logger.fl_write_file(QOS_STAT, false, true);
+                      file_logger.fl_write_rtp_dump(false, true);
+                  }));
         EXPECT_TRUE(read_file(dir / "QoS_Stat.txt").ends_with("RTCP_CNAME\n" + lines));
+        EXPECT_TRUE(read_file(dir / "RTP_Streams_No_Voice.pcap").ends_with(dump));
         std::string body;
         Faults::set_watch([&body](std::string_view function, long option, long value) {
             if (function == "curl_easy_setopt" && option == CURLOPT_POSTFIELDS)

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <tuple>
+#include <set>
 
 #include "log/simple_logger.h"
 #include "records/qos_packet.h"
@@ -28,7 +28,6 @@ struct IdleClient : WebClient {
             WC_Write(&report);
         return WC_Write(&report);
     }
-    const std::string& group_name() const { return group->name; }
 };
 
 TEST(WebClient, SendsWhatIsDue)
@@ -57,33 +56,60 @@ TEST(WebClient, SendsWhatIsDue)
     EXPECT_EQ(1, sends(0));  // by size: 10240 bytes
 }
 
-TEST(WebClient, OutlivesTransmissionsThatFail)
+TEST(WebClient, SaysHowMuchItPostsWhateverFails)
 {
+    struct Row {
+        const char* what;
+        int failing;            // of the calls that set a body and its size
+        std::size_t posted[2];  // bytes, of bodies of 304 and 204
+        const char* logged;
+    };
+    static const Row rows[] = {{"nothing", 0, {304, 204}, ""},
+                               {"the first body", 1, {0, 204}, "POSTFIELDS"},
+                               {"the first size", 2, {304, 204}, "POSTFIELDSIZE"},
+                               {"the second body", 3, {304, 204}, "POSTFIELDS"},
+                               {"the second size", 4, {304, 304}, "POSTFIELDSIZE"}};
     LogCapture log;
-    std::map<long, long> options;
-    Faults::set_watch([&options](std::string_view function, long option, long value) {
-        if (function == "curl_easy_setopt")
-            options.emplace(option, value);
-    });
-    IdleClient client;
-    EXPECT_EQ("HTTP", client.group_name());
-    EXPECT_EQ(1, options[CURLOPT_HEADER]);
-    EXPECT_EQ(1, options[CURLOPT_VERBOSE]);
-    const std::string set = "[ERROR] curl_easy_setopt(CURLOPT_POSTFIELDS",
-                      refused = "[ERROR] Unable to transmitt http - curl_easy_perform failed: 7\n";
-    const std::tuple<const char*, int, std::string> rows[] = {
-        {"curl_easy_perform", 1, ""},
-        {"curl_easy_setopt", 1, set + ") failed...\n"},
-        {"curl_easy_setopt", 2, set + "IZE) failed...\n"}};
-    for (const auto& [function, n, logged] : rows) {
-        for (int i = 0; i < 6; i++) {  // each handle is idle again
-            faults.disarm();
-            faults.arm(function, n, 7);
-            EXPECT_EQ(200, client.write(200));
-            faults.clock_shift += 6;
-            client.wc_perform();
-            EXPECT_EQ(logged + refused, log.take());
+    for (const Row& row : rows) {
+        std::map<long, long> options;
+        std::set<long> bodies;  // libcurl may use any of them at any time
+        Faults::set_watch([&](std::string_view function, long option, long value) {
+            if (function != "curl_easy_setopt")
+                return;
+            options[option] = value;
+            if (option == CURLOPT_POSTFIELDS)
+                bodies.insert(value);
+        });
+        std::string said;
+        {
+            IdleClient client(config_of("log.http=3\nelastic_url=http://127.0.0.1:1/"));
+            EXPECT_EQ(1, options[CURLOPT_HEADER]);
+            EXPECT_EQ(1, options[CURLOPT_VERBOSE]);
+            faults.arm("curl_easy_setopt", row.failing, 7);
+            faults.arm("curl_easy_perform", 1, 7, true);
+            for (const std::size_t line : {300U, 200U}) {
+                EXPECT_EQ(line, client.write(line));
+                faults.clock_shift += 6;
+                client.wc_perform();
+            }
         }
+        said = log.take();
+        EXPECT_EQ(1U, bodies.size()) << row.what;
+        EXPECT_EQ(*row.logged == '\0' ? 0U : 1U,
+                  count(said, std::string("[ERROR] curl_easy_setopt(CURLOPT_") + row.logged +
+                                  ") failed...\n"))
+            << row.what;
+        std::size_t at = 0;
+        for (const std::size_t size : row.posted)
+            at = said.find("Starting http transmission of " + std::to_string(size) + " bytes", at) +
+                 1;
+        EXPECT_NE(0U, at) << row.what << said;
+        EXPECT_EQ(
+            1U, count(said, "; Bytes Sent=" + std::to_string(row.posted[0] + row.posted[1]) + "\n"))
+            << row.what << said;
+        EXPECT_EQ(2U,
+                  count(said, "[ERROR] Unable to transmitt http - curl_easy_perform failed: 7\n"));
+        EXPECT_EQ(2U, count(said, "Total idle curl handles: 5\n"));  // idle again
     }
 }
 
