@@ -17,7 +17,6 @@ import mmap
 import os
 import re
 import signal
-import subprocess
 import tempfile
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
@@ -153,12 +152,11 @@ def content(path):
 
 
 class Life:
-    """From its n-th call on the function fails. Without a log file the log goes to standard output."""
+    """The n-th call of the function fails; onwards, so do all after it, and the log is printed."""
 
-    def __init__(self, directory, function, error, n, onwards, log_file):
+    def __init__(self, directory, function, error, n, onwards):
         self.directory, self.n, self.onwards = directory, n, onwards
         self.rows = [row for row in FAILURES if (row.function, row.error) == (function, error)]
-        self.mute = function == "write" and onwards and log_file    # the log cannot be written either
         self.cuts_log = function in ("open", "write", "stat")       # with a block of it
         self.afterwards = []    # the phases that began after the last failure
         self.stat = directory / "stat"
@@ -175,7 +173,7 @@ class Life:
         self.web = Recorder()
         self.daemon = Daemon(
             directory, ["env", f"VOXSTAT_FAULTS={directory}/faults"], BUILD / "tests/faults/voxstat-faulty",
-            elastic_url=self.web.url, max_file_size_rtp=50, log__file="d" if log_file else None,
+            elastic_url=self.web.url, max_file_size_rtp=50, log__file=None if onwards else "d",
             log__default=4, log__http=4 if memory else 2, log__network=4 if memory else None)
 
     # What happens.
@@ -220,15 +218,9 @@ class Life:
         wait_for(has_arrived, what=f"in phase {phase}")
 
     def stop(self):
-        """The signal comes again now and then: the one between the look at the flag and the wait is noticed late."""
-        deaf = "Failed to register SIGTERM" in self.output()
-        for _ in range(20):
-            self.daemon.process.send_signal(signal.SIGINT if deaf else signal.SIGTERM)
-            try:
-                self.daemon.process.wait(1)
-                break
-            except subprocess.TimeoutExpired:
-                pass
+        """The signal comes again and again: one between the look at the flag and the wait is noticed late."""
+        number = signal.SIGINT if "Failed to register SIGTERM" in self.output() else signal.SIGTERM
+        wait_for(lambda: self.has_ended() or self.daemon.process.send_signal(number))
 
     # What is said, and what is lost.
 
@@ -242,7 +234,7 @@ class Life:
 
         def is_said(message):
             return re.search(r"^(\[ERROR\] )?" + re.escape(message).replace(r"\*", ".*") + "$", text, re.MULTILINE)
-        return [row for row in self.rows if self.mute or row.says is None or is_said(row.says)]
+        return [row for row in self.rows if row.says is None or is_said(row.says)]
 
     def loses_no_more(self, phases=PHASES, summaries=PHASES):
         """Whether all records and posts of so many phases are there, but for what may be lost by now."""
@@ -304,26 +296,26 @@ def header_of(kind):
 KINDS = list(dict.fromkeys((row.function, row.error) for row in FAILURES))
 
 
-def live(function, error, n, onwards, log_file):
+def live(function, error, n, onwards):
     """The calls of each function that came, and the excuses of the life."""
     with tempfile.TemporaryDirectory(prefix="voxstat.") as name:
-        life = Life(Path(name), function, error, n, onwards, log_file)
+        life = Life(Path(name), function, error, n, onwards)
         try:
             life.run()
         except Exception as reason:
-            raise AssertionError(f"{function} ({error}) #{n}{' and on' if onwards else ''}, "
-                                 f"log {'in a file' if log_file else 'printed'}:\n{life.output()}") from reason
+            call = f"{function} ({error}) #{n}{' and on' if onwards else ''}"
+            raise AssertionError(f"{call}:\n{life.output()}") from reason
         finally:
             life.daemon.kill()
             life.web.close()
         return {function: life.faults.of(function).made for function in FUNCTIONS}, life.excuses()
 
 
-def sweep(step, kinds=KINDS, onwards=False, log_file=True):
+def sweep(step, kinds=KINDS, onwards=False):
     """A life for each call of these kinds, but of the allocations only one in so many; several at a time. Returns the
     excuses in the order in which they first came."""
-    made, _ = live(*KINDS[0], NEVER, False, log_file)
-    lives = [(function, error, n, onwards, log_file) for function, error in kinds
+    made, _ = live(*KINDS[0], NEVER, onwards)
+    lives = [(function, error, n, onwards) for function, error in kinds
              for n in range(1, made[function] + 1, step if function == "allocation" else 1)]
     with ThreadPoolExecutor(8) as pool:
         return dict.fromkeys(excuse for _, excuses in pool.map(live, *zip(*lives)) for excuse in excuses)
@@ -341,8 +333,6 @@ def test_lack_of_memory():
 
 
 @pytest.mark.long
-@pytest.mark.parametrize("log_file", [True, False])
 @pytest.mark.parametrize("onwards", [False, True])
-def test_every_call(onwards, log_file):
-    sweep(1, [kind for kind in KINDS if not (onwards and kind[0] == "signal")],     # nothing would stop it
-          onwards, log_file)
+def test_every_call(onwards):
+    sweep(1, [kind for kind in KINDS if not (onwards and kind[0] == "signal")], onwards)    # nothing would stop it

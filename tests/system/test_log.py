@@ -10,17 +10,17 @@ LEVELS = ["ERROR", "WARN", "INFO", "TRACE", "DEBUG"]
 NAME = "QoS_Stat_Sessions_Summary.txt"
 FIRST = report("QOS_EOS_NEAREND", RTCP_CNAME="x") + "\nBOS_EV_SSRC=5"     # a key that is known but for its first letter
 SAID = re.findall(r"^(\w+) (\w+) +(.*(?:\n  .*)*)", expected("whole_run.log"), re.M)
-RUNS = [    # log.default, log.network and log.http, what they come to, whether it has a server, how it is ended
-    ((4, 4, 4), (4, 4, 4), True, signal.SIGTERM),
-    ((3, 0, 2), (3, 0, 2), False, signal.SIGINT),
-    ((2, 3, 0), (2, 3, 0), False, signal.SIGQUIT),
-    ((0, 5, 5), (0, 1, 1), False, signal.SIGTERM),
-    ((-1, -1, -1), (1, 1, 1), False, signal.SIGTERM),
-    ((5, None, None), (1, 1, 1), False, signal.SIGTERM),
-]
+RUNS = {    # log.default, log.network and log.http, what they come to, whether it has a server, how it is ended
+    "everything": ((4, 4, 4), (4, 4, 4), True, signal.SIGTERM),
+    "network errors only": ((3, 0, 2), (3, 0, 2), False, signal.SIGINT),
+    "web errors only": ((2, 3, 0), (2, 3, 0), False, signal.SIGQUIT),
+    "groups above the range": ((0, 5, 5), (0, 1, 1), False, signal.SIGTERM),
+    "all below the range": ((-1, -1, -1), (1, 1, 1), False, signal.SIGTERM),
+    "default above the range": ((5, None, None), (1, 1, 1), False, signal.SIGTERM),
+}
 
 
-@pytest.mark.parametrize("settings, levels, reporting, number", RUNS)
+@pytest.mark.parametrize("settings, levels, reporting, number", RUNS.values(), ids=RUNS)
 def test_whole_run(start, web, settings, levels, reporting, number):
     default, network, http = settings
     daemon = start(serial="77", elastic_url=web.url if reporting else None, log__default=default, log__network=network,

@@ -10,18 +10,22 @@ from conftest import VOXSTAT, Daemon, free_port, report, wait_for
 USAGE = "Usage: voxstat [-f <filename>]\nIf filename is missing then default voxstat.cfg is assumed.\n"
 
 
-@pytest.mark.parametrize("arguments, reason", [     # what stands before the usage text
-    ("", "Failed to open config file: voxstat.cfg\n"),
-    ("-f none", "Failed to open config file: none\n"),
-    ("-f", ""), ("good.cfg", ""), ("-F good.cfg", ""), ("-f good.cfg extra", ""),
-])
+CALLS = {   # the arguments, and what stands before the usage text
+    "no default file": ("", "Failed to open config file: voxstat.cfg\n"),
+    "no such file": ("-f none", "Failed to open config file: none\n"),
+    "no name": ("-f", ""), "no option": ("good.cfg", ""), "capital letter": ("-F good.cfg", ""),
+    "one too many": ("-f good.cfg extra", ""),
+}
+
+
+@pytest.mark.parametrize("arguments, reason", CALLS.values(), ids=CALLS)
 def test_usage(tmp_path, arguments, reason):
     (tmp_path / "good.cfg").write_text(f"qos_port = {free_port()}\nqos_stat_dir = {tmp_path}/stat\n")
     end = subprocess.run([VOXSTAT, *arguments.split()], cwd=tmp_path, capture_output=True, text=True, timeout=60)
     assert (end.returncode, end.stdout, end.stderr) == (0, reason + USAGE, "")
 
 
-@pytest.mark.parametrize("descriptors", ["<&- >&- 2>&-", "> >(exec true)"])
+@pytest.mark.parametrize("descriptors", ["<&- >&- 2>&-", "> >(exec true)"], ids=["closed", "pipe without a reader"])
 def test_descriptors_that_lead_nowhere(start, descriptors):
     """Closed by a supervisor, or a pipe that nobody reads. This configuration is named; all others are the default."""
     daemon = start(launch=["bash", "-c", f'exec "$@" -f ./voxstat.cfg {descriptors}', "bash"], log__default=4)
