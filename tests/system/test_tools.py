@@ -128,7 +128,7 @@ def plot(tmp_path):
         if "--list" not in options and not shutil.which("gnuplot"):
             pytest.skip("no gnuplot")
         for name, text in texts.items():
-            (tmp_path / name).write_text(text)
+            (tmp_path / name).write_text(text, encoding="latin-1")
         options = options if "--list" in options else (*options, "-o", picture)
         done = run("voxstat-plot", *options, *texts, cwd=tmp_path)
         assert done.returncode == status, done.stderr
@@ -141,7 +141,7 @@ def texts(svg):
     """What is written in a picture but for plain numbers; a "!" stands before what is red. Sorted, since releases of
     gnuplot differ in what they draw first."""
     found = re.findall(r'fill="([^"]*)"[^>]*>\s*<text[^>]*>(.+?)</text>', svg)
-    return sorted("!" * (colour == "rgb(214,39,40)") + " ".join(text.split()) for colour, text in found
+    return sorted("!" * (colour == "rgb(213,94,0)") + " ".join(text.split()) for colour, text in found
                   if text.strip("0123456789. "))
 
 
@@ -181,6 +181,24 @@ def test_choices_over_several_files(plot, options, calls):
         "of its own\n")
 
 
+def test_list_shows_hostile_texts(plot):
+    """The daemon cuts and aligns bytes, so that half a character may be left; the table aligns what is seen."""
+    rows = {"Zoë 電": "Zoë 電", "\x1b[31m\x07": r"\x1b[31m\x07", "sechs äöü": r"sechs ä\xc3", "\u202eabc\u009b": r"\u202eabc\u009b"}
+    files = {f"a{number}": call(name.encode().decode("latin-1")) for number, name in enumerate(rows)}
+    table = [row[:row.index("2.1")] for row in plot("--list", **files).stdout.splitlines()[1:-1]]
+    assert sorted(map(str.strip, table)) == sorted(rows.values())
+    assert len({len(text) + text.count("電") for text in table}) == 1
+
+
+def test_reads_a_pipe():
+    """A time alone is the latest one before the last report, which does not mean a report of the far future."""
+    text = call("a1") + call("a2", seconds=60) + call("a3", seconds=86400) + call("far", seconds=10**9)
+    for options, calls in (("", "a1 a2 a3 far"), ("--from=03:00 --to=04:00:00", "a3"), ("--from=03:44", "a2 a3 far"),
+                           ("--to=03:44", "a1"), ("--from=03:44 --to=03:43:20", "a2 a3")):
+        done = run("voxstat-plot", "--list", *options.split(), "-", input=text)
+        assert [row.split()[0] for row in done.stdout.splitlines()[1:-1]] == calls.split(), options
+
+
 def test_names_unreadable_lines_and_draws_the_rest(plot):
     good = call("good", loss=1.5)
     done = plot(a=HEADERS["QoS_Stat.txt"] + good + "no stamp\n\n\n" + good[:70] + "\n" + good[:100] + "\n"
@@ -210,10 +228,18 @@ def test_picture_of_sessions(plot):
     svg = plot("--unit=ms", a=rows, b="").picture
     assert texts(svg) == sorted(expected("session_picture.txt").splitlines())
     assert re.findall(r"(\w+) +2.1 *<", svg) == "bad fine c0 c1 c2 c3".split()
-    worst = re.findall(r"<path stroke='rgb\(214, +39, +40\)' +d='([^']*)'", svg)
+    worst = re.findall(r"<path stroke='rgb\(213, +94, +0\)' +d='([^']*)'", svg)
     assert [(path.count("M"), path.count(",")) for path in worst] == [(1, 2)] + 4 * [(2, 6)]     # a gap breaks the curve
     plain = texts(plot("--loss=3.1", "--jitter=41", a=rows).picture)
     assert {"3.0 % at 03:43:40, bad near end", "Jitter, as reported", "Round trip, as reported"} < set(plain)
+
+
+def test_picture_of_many_sessions(plot):
+    """As many points as the pixels can show, and nothing squeezed by a clock that was wrong."""
+    text = "".join(call(f"c{i % 100}", seconds=i // 100, jitter=i % 5) for i in range(60000)) + call("far", seconds=10**9)
+    svg = plot(a=text + call("bad", loss=2), b=call("early", seconds=-10**8)).picture
+    assert {"97 more calls, as a range", "reports outside the time shown, see --from and --to: 2"} < set(texts(svg))
+    assert "2023-Nov-15 03:43:20 to 03:53:19" in svg and len(svg) < 2 * 10**6
 
 
 def test_picture_of_summaries(plot):

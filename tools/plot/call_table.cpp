@@ -1,53 +1,61 @@
 #include "tools/plot/call_table.h"
 
 #include <algorithm>
-#include <iomanip>
-#include <sstream>
+#include <array>
 
+#include "tools/plot/printable.h"
 #include "tools/plot/time_axis.h"
 
 namespace {
 
-std::string begin_of(const Call& call)
-{
-    const Call::Reports reports = call.reports();
-    const StatisticsLine* const first =
-        *std::min_element(reports.begin(), reports.end(),
-                          [](const auto* a, const auto* b) { return a->begin_s < b->begin_s; });
-    return date_text(first->begin_s, static_cast<double>(first->zone_offset_s));
-}
+constexpr std::array<std::size_t, 9> WIDTHS = {9, 12, 16, 22, 8, 10, 10, 7, 6};
+
+using Row = std::array<std::string, WIDTHS.size()>;
 
 std::string or_dash(const std::string& text)
 {
     return text.empty() ? "-" : text;
 }
 
+Row heading(const Caption& caption)
+{
+    const std::string unit = caption.in_ms ? "/ms" : "";
+    return {"GCID",       "TID", "Far_End_IP", "Date       Time", "Loss/%", "Jitter" + unit,
+            "RTT" + unit, "R",   "MOS"};
+}
+
+Row row_of(const Call& call)
+{
+    const Quality& quality = call.quality;
+    return {or_dash(call.gcid),
+            or_dash(call.tid),
+            or_dash(call.far_end),
+            date_text(call.begin_s, static_cast<double>(call.zone_offset_s)),
+            figure(quality.loss_percent, 1),
+            figure(quality.jitter),
+            figure(quality.round_trip),
+            figure(quality.rating, 1),
+            figure(opinion_score(quality.rating), 2)};
+}
+
 }  // namespace
 
 std::string call_table(const std::vector<Call>& calls, const Caption& caption)
 {
-    std::ostringstream table;
-    const auto columns = [&table](const auto&... texts) {
-        constexpr int WIDTHS[] = {9, 12, 16, 22, 8, 10, 10, 7, 6};
-        const int* width = WIDTHS;
-        ((table << std::setw(*width++) << texts), ...);
-    };
-    const std::string unit = caption.in_ms ? "/ms" : "";
-    columns("GCID", "TID", "Far_End_IP", "Date       Time", "Loss/%", "Jitter" + unit,
-            "RTT" + unit);
-    if (caption.in_ms)
-        table << std::setw(7) << "R" << std::setw(6) << "MOS";
-    for (const Call& call : calls) {
-        const StatisticsLine& report = call.any_report();
-        const Quality& quality = call.quality;
-        table << "\n";
-        columns(or_dash(report.gcid), or_dash(report.tid), or_dash(report.far_end), begin_of(call),
-                figure(quality.loss_percent, 1), figure(quality.jitter),
-                figure(quality.round_trip));
-        if (caption.in_ms)
-            table << std::setw(7) << figure(quality.rating, 1) << std::setw(6)
-                  << figure(opinion_score(quality.rating), 2);
+    std::vector<Row> rows = {heading(caption)};
+    for (const Call& call : calls)
+        rows.push_back(row_of(call));
+    auto widths = WIDTHS;
+    for (const Row& row : rows)
+        for (std::size_t i = 0; i < row.size(); i++)
+            widths[i] = std::max(widths[i], columns_of(row[i]) + (i > 0 ? 1 : 0));
+
+    const std::size_t columns = WIDTHS.size() - (caption.in_ms ? 0 : 2);  // no quality, then
+    std::string table;
+    for (const Row& row : rows) {
+        for (std::size_t i = 0; i < columns; i++)
+            table += right_aligned(row[i], widths[i]);
+        table += "\n";
     }
-    table << "\n" << bad_calls_text(calls, caption.thresholds, caption.unit()) << "\n";
-    return table.str();
+    return table + bad_calls_text(calls, caption.thresholds, caption.unit()) + "\n";
 }

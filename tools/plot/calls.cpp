@@ -3,40 +3,78 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <map>
+#include <tuple>
 #include <utility>
 
-Call::Reports Call::reports() const
+#include "tools/plot/printable.h"
+
+namespace {
+
+Call first_seen(const StatisticsLine& line)
 {
-    Reports all = near_end;
-    all.insert(all.end(), far_end.begin(), far_end.end());
-    return all;
+    Call call;
+    call.gcid = printable(line.gcid);
+    call.tid = printable(line.tid);
+    call.far_end = printable(line.far_end);
+    call.begin_s = line.begin_s;
+    call.end_s = std::max(line.time_s, line.end_s);
+    call.zone_offset_s = line.zone_offset_s;
+    return call;
 }
 
-const StatisticsLine& Call::any_report() const
+void keep_report(Call& call, const StatisticsLine& line, double rating)
 {
-    return near_end.empty() ? *far_end.front() : *near_end.front();
-}
-
-std::vector<Call> worst_first(const std::vector<StatisticsLine>& lines,
-                              const Thresholds& thresholds)
-{
-    std::map<std::pair<std::string, std::string>, Call> by_name;
-    for (const StatisticsLine& line : lines) {
-        Call& call = by_name[{line.gcid, line.tid}];
-        (line.near_end ? call.near_end : call.far_end).push_back(&line);
-        call.quality.take(line);
+    const Figures& figures = line.figures;
+    if (line.kind == StatisticsKind::SUMMARY) {
+        Quality quality;
+        quality.take(figures, rating);
+        call.streams.push_back(
+            {line.near_end, line.begin_s, line.end_s, printable(line.far_end), figures, quality});
+        return;
     }
-    const auto earlier = [](const auto* a, const auto* b) { return a->time_s < b->time_s; };
+    (line.near_end ? call.near_samples : call.far_samples)
+        .push_back({line.time_s, static_cast<float>(figures.loss_percent),
+                    static_cast<float>(figures.jitter), static_cast<float>(figures.round_trip),
+                    static_cast<float>(rating)});
+}
+
+}  // namespace
+
+void CallBook::take(const StatisticsLine& line, double rating)
+{
+    auto found = _by_name.find(line.call);
+    if (found == _by_name.end())
+        found = _by_name.emplace(line.call, first_seen(line)).first;
+    Call& call = found->second;
+    if (line.begin_s < call.begin_s) {
+        call.begin_s = line.begin_s;
+        call.zone_offset_s = line.zone_offset_s;
+    }
+    call.end_s = std::max({call.end_s, line.time_s, line.end_s});
+    call.quality.take(line.figures, rating);
+    if (_with_reports)
+        keep_report(call, line, rating);
+    _reports++;
+}
+
+std::vector<Call> CallBook::worst_first(const Thresholds& thresholds)
+{
+    const auto earlier = [](const Sample& a, const Sample& b) { return a.time_s < b.time_s; };
     std::vector<Call> calls;
-    for (auto& [name, call] : by_name) {
-        std::stable_sort(call.near_end.begin(), call.near_end.end(), earlier);
-        std::stable_sort(call.far_end.begin(), call.far_end.end(), earlier);
+    calls.reserve(_by_name.size());
+    for (auto& [name, call] : _by_name) {
+        std::stable_sort(call.near_samples.begin(), call.near_samples.end(), earlier);
+        std::stable_sort(call.far_samples.begin(), call.far_samples.end(), earlier);
+        std::stable_sort(call.streams.begin(), call.streams.end(), [](auto& a, auto& b) {
+            return std::tuple(!a.near_end, a.end_s) < std::tuple(!b.near_end, b.end_s);
+        });
         call.severity = call.quality.severity(thresholds);
         calls.push_back(std::move(call));
     }
-    std::stable_sort(calls.begin(), calls.end(),
-                     [](const Call& a, const Call& b) { return a.severity > b.severity; });
+    _by_name.clear();
+    std::sort(calls.begin(), calls.end(), [](const Call& a, const Call& b) {
+        return std::tie(b.severity, a.gcid, a.tid) < std::tie(a.severity, b.gcid, b.tid);
+    });
     return calls;
 }
 

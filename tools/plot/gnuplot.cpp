@@ -5,11 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+
+#include "tools/plot/printable.h"
 
 namespace {
 
@@ -78,10 +79,7 @@ bool run_gnuplot(std::string_view script)
 
 std::string gnuplot_string(std::string_view text)
 {
-    std::string shown(text);
-    std::replace_if(
-        shown.begin(), shown.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    return quoted(shown);
+    return quoted(printable(text));
 }
 
 bool is_picture_name(const std::string& file_name)
@@ -94,6 +92,6 @@ std::string gnuplot_terminal(const std::string& file_name, int width, int height
     const char* const terminal =
         file_name.ends_with(".svg") ? "svg background 'white'" : "pngcairo";
     return std::string("set terminal ") + terminal + " noenhanced font 'sans,11' size " +
-           std::to_string(width) + "," + std::to_string(height) + "\nset output " +
-           quoted(file_name) + "\n";
+           std::to_string(width) + "," + std::to_string(height) +
+           "\nset encoding utf8\nset output " + quoted(file_name) + "\n";
 }

@@ -8,7 +8,7 @@
 // started or fails.
 bool run_gnuplot(std::string_view script);
 
-// The text as a gnuplot string, quotes included; what cannot be shown is replaced.
+// The text as a gnuplot string, quotes included; what cannot be shown is escaped.
 std::string gnuplot_string(std::string_view text);
 
 // Whether the name ends as that of a picture that can be drawn: .png or .svg.

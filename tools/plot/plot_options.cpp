@@ -3,6 +3,7 @@
 #include <getopt.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,7 +19,7 @@ constexpr const char* USAGE =
 
 Draws statistics files (loss, jitter and round-trip time over time, a line for each direction of
 each call) or session-summary files (a bar for each direction of each call). Several files of one
-kind, the live one and its archives, go into one picture. Needs gnuplot.
+kind, the live one and its archives, go into one picture; "-" is standard input. Needs gnuplot.
 
   -o, --output FILE   picture to draw, .png or .svg (the first file's name with .png, in the
                       working directory)
@@ -28,8 +29,9 @@ kind, the live one and its archives, go into one picture. Needs gnuplot.
   --no-plc            the receivers do not conceal lost packets, for that estimate
 
   --call GCID         only the reports of this call
-  --from TIME         only reports of TIME or later; TIME is "2026-11-24", "2026-11-24 19:35" or
-                      "2026-11-24 19:35:20", in the time zone of the file
+  --from TIME         only reports of TIME or later; TIME is "2026-11-24", "2026-11-24 19:35",
+                      "2026-11-24 19:35:20" or, for the last such time before the last
+                      report, "19:35" or "19:35:20", in the time zone of the file
   --to TIME           only reports of TIME or earlier
 
   --loss PERCENT      a call with this loss or more is bad (1)
@@ -66,9 +68,12 @@ bool read_threshold(const char* text, double& threshold)
     return to_number(text, threshold, 0.001);
 }
 
-bool read_time(const char* text, std::optional<double>& time)
+bool read_time(const char* text, std::optional<double>& time, bool& is_clock)
 {
     time = read_day_and_time(text);
+    is_clock = !time.has_value();
+    if (is_clock)
+        time = read_time_of_day(text);
     return time.has_value();
 }
 
@@ -89,9 +94,9 @@ bool store(PlotOptions& options, int option, const char* text)
         options.gcid = std::string(text).substr(0, GCID_SIZE);
         return true;
     case 'f':
-        return read_time(text, options.from);
+        return read_time(text, options.from, options.from_is_clock);
     case 't':
-        return read_time(text, options.to);
+        return read_time(text, options.to, options.to_is_clock);
     case 'p':
         return read_threshold(text, options.thresholds.loss_percent);
     case 'j':
@@ -107,7 +112,7 @@ bool store(PlotOptions& options, int option, const char* text)
 std::string picture_for(const std::string& file)
 {
     const std::string name = file.substr(file.rfind('/') + 1);
-    return name.substr(0, name.rfind('.')) + ".png";
+    return (file == "-" ? "stdin" : name.substr(0, name.rfind('.'))) + ".png";
 }
 
 const char* name_of(int letter)
@@ -152,6 +157,23 @@ std::optional<PlotOptions> PlotOptions::parse(int argc, char** argv)
     if (options.picture.empty())
         options.picture = picture_for(options.files.front());
     return options;
+}
+
+void PlotOptions::set_last(double last_s)
+{
+    constexpr double DAY_S = 86400;
+    const auto days = [](double seconds) { return DAY_S * std::floor(seconds / DAY_S); };
+    if (from_is_clock && to_is_clock && *to < *from)
+        *to += DAY_S;
+    if (from_is_clock) {
+        const double midnight = days(last_s - *from);
+        *from += midnight;
+        if (to_is_clock)
+            *to += midnight;
+    } else if (to_is_clock) {
+        *to += days(last_s - *to);
+    }
+    from_is_clock = to_is_clock = false;
 }
 
 bool PlotOptions::chooses(const StatisticsLine& line) const

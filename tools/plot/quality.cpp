@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-void Quality::take(const StatisticsLine& line)
+void Quality::take(const Figures& figures, double a_rating)
 {
-    loss_percent = std::max(loss_percent, line.loss_percent);
-    jitter = std::max({jitter, line.jitter, line.jitter_max});
-    round_trip = std::max({round_trip, line.round_trip, line.round_trip_max});
-    rating = std::min(rating, line.rating);
+    loss_percent = std::max(loss_percent, figures.loss_percent);
+    jitter = std::max({jitter, figures.jitter, figures.jitter_max});
+    round_trip = std::max({round_trip, figures.round_trip, figures.round_trip_max});
+    rating = std::min(rating, a_rating);
 }
 
 double Quality::severity(const Thresholds& thresholds) const

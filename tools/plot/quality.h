@@ -13,7 +13,7 @@ struct Quality {
     double loss_percent = 0, jitter = 0, round_trip = 0;  // the highest
     double rating = BEST_RATING;                          // the lowest
 
-    void take(const StatisticsLine& line);
+    void take(const Figures& figures, double a_rating);
 
     // The figure that is the worst by its threshold, as a part of it: 1 and more is bad.
     double severity(const Thresholds& thresholds) const;

@@ -11,7 +11,7 @@
 struct SessionPlot::Panel {
     std::string title, unit;
     int decimals;
-    double (*value)(const StatisticsLine&);
+    double (*value)(const Sample&);
     int column;  // of the data blocks
     std::string range;
     double threshold;  // 0 if there is none
@@ -25,30 +25,72 @@ constexpr int MOST_TICS = 7;
 constexpr double LEFT = 0.075, RIGHT = 0.785;  // parts of the width
 
 // Of the worst call, if it is not bad, and of the next ones; all others are grey.
-constexpr std::array<const char*, 6> COLOURS = {PLAIN_COLOUR, "#1f77b4", "#2ca02c",
-                                                "#9467bd",    "#ff7f0e", "#17becf"};
+constexpr std::array<const char*, 6> COLOURS = {PLAIN_COLOUR, "#0072b2", "#009e73",
+                                                "#cc79a7",    "#56b4e9", "#e69f00"};
 constexpr const char* GREY = "#b8b8b8";
 constexpr const char* THRESHOLD_STYLE = " with lines lw 1 dt (3,5) lc rgb '#555555'";
 
-double loss_of(const StatisticsLine& report)
+double loss_of(const Sample& report)
 {
     return report.loss_percent;
 }
 
-double jitter_of(const StatisticsLine& report)
+double jitter_of(const Sample& report)
 {
     return report.jitter;
 }
 
-double round_trip_of(const StatisticsLine& report)
+double round_trip_of(const Sample& report)
 {
     return report.round_trip;
 }
 
-double score_of(const StatisticsLine& report)
+double score_of(const Sample& report)
 {
     return opinion_score(report.rating);
 }
+
+// What a picture can show of the reports that lie in one column of its pixels.
+class Range {
+public:
+    void take(double place, const Sample& report)
+    {
+        constexpr double (*VALUES[])(const Sample&) = {loss_of, jitter_of, round_trip_of, score_of};
+        if (_reports++ == 0)
+            _first = place;
+        _last = place;
+        for (std::size_t i = 0; i < std::size(VALUES); i++) {
+            const double value = VALUES[i](report);
+            _lowest[i] = _reports == 1 ? value : std::min(_lowest[i], value);
+            _highest[i] = _reports == 1 ? value : std::max(_highest[i], value);
+        }
+    }
+
+    bool is_empty() const { return _reports == 0; }
+
+    // Lines of time, loss, jitter, round-trip time and score.
+    void write_to(std::ostream& rows) const
+    {
+        write_row(rows, _first, _lowest);
+        if (_reports > 1)
+            write_row(rows, _last, _highest);
+    }
+
+private:
+    using Values = std::array<double, 4>;
+
+    static void write_row(std::ostream& rows, double place, const Values& values)
+    {
+        rows << place;
+        for (const double value : values)
+            rows << " " << value;
+        rows << "\n";
+    }
+
+    std::size_t _reports = 0;
+    double _first = 0, _last = 0;
+    Values _lowest{}, _highest{};
+};
 
 // From 0, with room for a text above the highest value and above the threshold.
 std::string range_for(double highest, double threshold)
@@ -60,11 +102,31 @@ std::string range_for(double highest, double threshold)
     return range.str();
 }
 
+constexpr std::size_t COLUMNS = static_cast<std::size_t>((RIGHT - LEFT) * SessionPlot::WIDTH);
+
+std::size_t column_of(const TimeAxis& axis, const Sample& sample)
+{
+    const double part =
+        (axis.place_of(sample.time_s) - axis.begin()) / std::max(axis.end() - axis.begin(), 0.001);
+    return std::min(static_cast<std::size_t>(part * COLUMNS), COLUMNS - 1);
+}
+
+double middle_of(const TimeAxis& axis, std::size_t column)
+{
+    return axis.begin() +
+           (static_cast<double>(column) + 0.5) / COLUMNS * (axis.end() - axis.begin());
+}
+
 }  // namespace
 
 SessionPlot::SessionPlot(const std::vector<Call>& calls, const Caption& caption)
-    : _calls(calls), _caption(caption), _axis(calls)
+    : _calls(calls), _caption(caption), _axis(calls, caption)
 {
+    constexpr std::size_t MANY = 50000;
+    std::size_t grey = 0;
+    for (std::size_t i = COLOURS.size(); i < calls.size(); i++)
+        grey += calls[i].near_samples.size() + calls[i].far_samples.size();
+    _many_grey = grey > MANY;
     find_longest_gap();
 }
 
@@ -73,9 +135,9 @@ void SessionPlot::find_longest_gap()
 {
     std::vector<double> gaps;
     for (const Call& call : _calls)
-        for (const Call::Reports* reports : {&call.near_end, &call.far_end})
-            for (std::size_t i = 1; i < reports->size(); i++)
-                gaps.push_back((*reports)[i]->time_s - (*reports)[i - 1]->time_s);
+        for (const auto* samples : {&call.near_samples, &call.far_samples})
+            for (std::size_t i = 1; i < samples->size(); i++)
+                gaps.push_back((*samples)[i].time_s - (*samples)[i - 1].time_s);
     if (gaps.empty())
         return;
     const auto middle = gaps.begin() + static_cast<std::ptrdiff_t>(gaps.size() / 2);
@@ -87,8 +149,8 @@ std::vector<SessionPlot::Panel> SessionPlot::panels() const
 {
     Quality worst;
     for (const Call& call : _calls)
-        for (const StatisticsLine* report : call.reports())
-            worst.take(*report);
+        worst.take({call.quality.loss_percent, call.quality.jitter, call.quality.round_trip, 0, 0},
+                   call.quality.rating);
     const Thresholds& limits = _caption.thresholds;
     const std::string unit = _caption.unit(), axis_unit = _caption.axis_unit();
     std::vector<Panel> panels = {
@@ -122,48 +184,79 @@ std::string SessionPlot::gnuplot_script() const
     return script + "unset multiplot\n";
 }
 
-// Lines of time, loss, jitter, round-trip time and score; an empty line breaks the curve.
-std::string SessionPlot::rows(const Call::Reports& reports) const
+// An empty line breaks the curve.
+std::string SessionPlot::rows(const std::vector<Sample>& samples) const
 {
     std::ostringstream text;
     text << std::fixed << std::setprecision(3);
-    double previous_s = reports.empty() ? 0 : reports.front()->time_s;
-    for (const StatisticsLine* report : reports) {
-        if (report->time_s - previous_s > _longest_gap_s)
-            text << "\n";
-        previous_s = report->time_s;
-        text << _axis.place_of(report->time_s) << " " << loss_of(*report) << " "
-             << jitter_of(*report) << " " << round_trip_of(*report) << " " << score_of(*report)
-             << "\n";
+    Range range;
+    std::size_t column = 0;
+    double previous_s = 0;
+    for (const Sample& sample : samples) {
+        if (!_axis.shows(sample.time_s))
+            continue;
+        const bool breaks = sample.time_s - previous_s > _longest_gap_s;
+        if (!range.is_empty() && (breaks || column_of(_axis, sample) != column)) {
+            range.write_to(text);
+            range = Range();
+            text << (breaks ? "\n" : "");
+        }
+        column = column_of(_axis, sample);
+        previous_s = sample.time_s;
+        range.take(_axis.place_of(sample.time_s), sample);
     }
+    if (!range.is_empty())
+        range.write_to(text);
+    return text.str();
+}
+
+// A curve for each direction of each call.
+std::string SessionPlot::grey_rows() const
+{
+    std::string text;
+    for (std::size_t i = COLOURS.size(); i < _calls.size(); i++)
+        text += rows(_calls[i].near_samples) + "\n" + rows(_calls[i].far_samples) + "\n";
+    return text;
+}
+
+// A stroke from the lowest to the highest value of all calls for each column of pixels.
+std::string SessionPlot::grey_ranges() const
+{
+    std::vector<Range> ranges(COLUMNS);
+    for (std::size_t i = COLOURS.size(); i < _calls.size(); i++)
+        for (const auto* samples : {&_calls[i].near_samples, &_calls[i].far_samples})
+            for (const Sample& sample : *samples)
+                if (_axis.shows(sample.time_s)) {
+                    const std::size_t column = column_of(_axis, sample);
+                    ranges[column].take(middle_of(_axis, column), sample);
+                }
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(3);
+    for (const Range& range : ranges)
+        if (!range.is_empty()) {
+            range.write_to(text);
+            text << "\n";
+        }
     return text.str();
 }
 
 // $near0, $far0, $near1 ... of the coloured calls, $grey of all others.
 std::string SessionPlot::data_blocks() const
 {
-    std::ostringstream blocks;
-    std::ostringstream grey;
-    for (std::size_t i = 0; i < _calls.size(); i++) {
-        const std::string near_rows = rows(_calls[i].near_end);
-        const std::string far_rows = rows(_calls[i].far_end);
-        if (i < COLOURS.size()) {
-            blocks << "$near" << i << " << EOD\n" << near_rows << "EOD\n";
-            blocks << "$far" << i << " << EOD\n" << far_rows << "EOD\n";
-        } else {
-            grey << near_rows << "\n" << far_rows << "\n";
-        }
+    std::string blocks;
+    for (std::size_t i = 0; i < std::min(_calls.size(), COLOURS.size()); i++) {
+        const std::string number = std::to_string(i);
+        blocks += "$near" + number + " << EOD\n" + rows(_calls[i].near_samples) + "EOD\n";
+        blocks += "$far" + number + " << EOD\n" + rows(_calls[i].far_samples) + "EOD\n";
     }
-    blocks << "$grey << EOD\n" << grey.str() << "EOD\n";
-    return blocks.str();
+    return blocks + "$grey << EOD\n" + (_many_grey ? grey_ranges() : grey_rows()) + "EOD\n";
 }
 
 std::string SessionPlot::titles() const
 {
     const Call& worst = _calls.front();
     const Quality& quality = worst.quality;
-    const StatisticsLine& report = worst.any_report();
-    std::string text = "worst call: " + report.gcid + "  " + report.tid + "  to " + report.far_end +
+    std::string text = "worst call: " + worst.gcid + "  " + worst.tid + "  to " + worst.far_end +
                        ", loss up to " + figure(quality.loss_percent, 1) + " %, jitter up to " +
                        figure(quality.jitter) + _caption.unit() + ", round trip up to " +
                        figure(quality.round_trip) + _caption.unit();
@@ -178,7 +271,7 @@ std::string SessionPlot::titles() const
                 " textcolor rgb '" + std::string(worst.is_bad() ? BAD_COLOUR : PLAIN_COLOUR) +
                     "'") +
            line(bad_calls_text(_calls, _caption.thresholds, _caption.unit()), 84, "") +
-           line(_caption.left_out, height() - 14, "");
+           line(_axis.with_outside_text(_caption.left_out), height() - 14, "");
 }
 
 std::string SessionPlot::diagram(const Panel& panel, int top, bool last) const
@@ -201,20 +294,27 @@ std::string SessionPlot::diagram(const Panel& panel, int top, bool last) const
     return script.str() + worst_label(panel) + "plot " + key_entries(panel) + curves(panel) + "\n";
 }
 
-// Marks the worst point of the worst call.
+// Marks the worst point of the worst call, if it is to be seen.
 std::string SessionPlot::worst_label(const Panel& panel) const
 {
     const Call& call = _calls.front();
-    const Call::Reports reports = call.reports();
-    const StatisticsLine* const worst =
-        *std::max_element(reports.begin(), reports.end(), [&panel](const auto* a, const auto* b) {
-            return panel.lowest_is_worst ? panel.value(*a) > panel.value(*b)
-                                         : panel.value(*a) < panel.value(*b);
-        });
+    const Sample* worst = nullptr;
+    bool near_end = false;
+    for (const auto* samples : {&call.near_samples, &call.far_samples})
+        for (const Sample& sample : *samples) {
+            const double more = worst == nullptr ? 1 : panel.value(sample) - panel.value(*worst);
+            if (!_axis.shows(sample.time_s) ||
+                (panel.lowest_is_worst && worst != nullptr ? more >= 0 : more <= 0))
+                continue;
+            worst = &sample;
+            near_end = samples == &call.near_samples;
+        }
+    if (worst == nullptr)
+        return "unset label 9\n";
     const double place = _axis.place_of(worst->time_s);
     const std::string text = figure(panel.value(*worst), panel.decimals) + panel.unit + " at " +
-                             _axis.moment_text(worst->time_s) + ", " + worst->gcid +
-                             (worst->near_end ? " near end" : " far end");
+                             _axis.moment_text(worst->time_s) + ", " + call.gcid +
+                             (near_end ? " near end" : " far end");
     const char* const colour = call.is_bad() ? BAD_COLOUR : PLAIN_COLOUR;
     std::ostringstream script;
     script << std::fixed << std::setprecision(3) << "set label 9 " << gnuplot_string(text)
@@ -240,13 +340,13 @@ std::string SessionPlot::key_entries(const Panel& panel) const
     std::string entries;
     const std::size_t coloured = std::min(_calls.size(), COLOURS.size());
     for (std::size_t rank = 0; rank < coloured; rank++) {
-        const StatisticsLine& report = _calls[rank].any_report();
         entries += "NaN with lines" + style_of(rank) + " title " +
-                   gnuplot_string(report.gcid + "  " + report.tid) + ", ";
+                   gnuplot_string(_calls[rank].gcid + "  " + _calls[rank].tid) + ", ";
     }
     if (_calls.size() > coloured)
         entries += std::string("NaN with lines lc rgb '") + GREY + "' title '" +
-                   std::to_string(_calls.size() - coloured) + " more calls', ";
+                   std::to_string(_calls.size() - coloured) + " more calls" +
+                   (_many_grey ? ", as a range', " : "', ");
     entries += "NaN with lines lc 'black' title 'near end', "
                "NaN with lines lc 'black' dt (12,6) title 'far end'";
     if (panel.threshold > 0)
@@ -265,9 +365,9 @@ std::string SessionPlot::curves(const Panel& panel) const
     for (std::size_t rank = std::min(_calls.size(), COLOURS.size()); rank-- > 0;) {
         const std::string look =
             columns + " with linespoints notitle pt 7 ps 0.35" + style_of(rank);
-        if (!_calls[rank].far_end.empty())
+        if (!_calls[rank].far_samples.empty())
             curves += ", $far" + std::to_string(rank) + look + " dt (12,6)";
-        if (!_calls[rank].near_end.empty())
+        if (!_calls[rank].near_samples.empty())
             curves += ", $near" + std::to_string(rank) + look;
     }
     return curves;

@@ -27,7 +27,9 @@ private:
     std::vector<Panel> panels() const;
     void find_longest_gap();
     std::string style_of(std::size_t rank) const;
-    std::string rows(const Call::Reports& reports) const;
+    std::string rows(const std::vector<Sample>& samples) const;
+    std::string grey_rows() const;
+    std::string grey_ranges() const;
     std::string data_blocks() const;
     std::string titles() const;
     std::string diagram(const Panel& panel, int top, bool last) const;
@@ -38,5 +40,6 @@ private:
     const std::vector<Call>& _calls;
     const Caption& _caption;
     TimeAxis _axis;
+    bool _many_grey;            // too many to draw each curve
     double _longest_gap_s = 0;  // a line is not drawn across a longer time without reports
 };

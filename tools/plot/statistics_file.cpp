@@ -1,43 +1,59 @@
 #include "tools/plot/statistics_file.h"
 
-StatisticsFile::StatisticsFile(std::string_view text)
+#include <utility>
+
+StatisticsFile::StatisticsFile(InputFile& input, Tell tell_unread)
+    : _input(input), _tell_unread(std::move(tell_unread))
 {
-    for (std::size_t number = 1; !text.empty(); number++) {
-        const std::size_t line_feed = text.find('\n');
-        if (line_feed == std::string_view::npos) {
-            keep_unread(number, "not complete yet");
-            return;
+}
+
+bool StatisticsFile::next(StatisticsLine& line)
+{
+    std::string_view text;
+    while (_input.next(text)) {
+        _number++;
+        if (!_input.is_cut_off() && kind_of_header(text)) {
+            if (!_kind)
+                _kind = kind_of_header(text);
+            continue;
         }
-        read_line(text.substr(0, line_feed), number);
-        text.remove_prefix(line_feed + 1);
+        const char* const reason = _input.is_cut_off() ? "not complete yet" : read_line(text, line);
+        if (reason == nullptr)
+            return true;
+        keep_unread(reason);
     }
+    tell_unread();
+    return false;
 }
 
-void StatisticsFile::read_line(std::string_view text, std::size_t number)
+// Returns the reason when the line cannot be read.
+const char* StatisticsFile::read_line(std::string_view text, StatisticsLine& line)
 {
-    if (const std::optional<StatisticsKind> header_kind = kind_of_header(text)) {
-        if (!_kind)
-            _kind = header_kind;
-        return;
-    }
     const char* reason = nullptr;
-    std::optional<StatisticsLine> line = StatisticsLine::parse(text, reason);
-    if (!line) {
-        keep_unread(number, reason);
-        return;
-    }
+    const std::optional<StatisticsLine> read = StatisticsLine::parse(text, reason);
+    if (!read)
+        return reason;
     if (!_kind)
-        _kind = line->kind;
-    if (line->kind == *_kind)
-        _lines.push_back(*std::move(line));
-    else
-        keep_unread(number, "belongs in the other kind of file");
+        _kind = read->kind;
+    if (read->kind != *_kind)
+        return "belongs in the other kind of file";
+    line = *read;
+    return nullptr;
 }
 
-void StatisticsFile::keep_unread(std::size_t number, const char* reason)
+void StatisticsFile::keep_unread(const char* reason)
 {
-    if (!_unread.empty() && _unread.back().last + 1 == number && _unread.back().reason == reason)
-        _unread.back().last = number;
-    else
-        _unread.push_back({number, number, reason});
+    if (_unread && _unread->last + 1 == _number && _unread->reason == reason) {
+        _unread->last = _number;
+        return;
+    }
+    tell_unread();
+    _unread = {_number, _number, reason};
+}
+
+void StatisticsFile::tell_unread()
+{
+    if (_unread)
+        _tell_unread(*_unread);
+    _unread.reset();
 }

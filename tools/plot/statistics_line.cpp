@@ -77,6 +77,7 @@ bool read_figures(std::string_view text, StatisticsLine& line)
     while (numbers_before_loss < 5 && next_word(ahead).find('.') == std::string_view::npos)
         numbers_before_loss++;
 
+    Figures& to = line.figures;
     double port = 0;
     double span = 0;
     double packets = 0;
@@ -84,12 +85,12 @@ bool read_figures(std::string_view text, StatisticsLine& line)
     switch (numbers_before_loss) {
     case 3:
         line.kind = StatisticsKind::SESSION;
-        return read_numbers(
-            text, {&port, &packets, &lost, &line.loss_percent, &line.jitter, &line.round_trip});
+        return read_numbers(text,
+                            {&port, &packets, &lost, &to.loss_percent, &to.jitter, &to.round_trip});
     case 4:
         line.kind = StatisticsKind::SUMMARY;
-        return read_numbers(text, {&port, &span, &packets, &lost, &line.loss_percent, &line.jitter,
-                                   &line.jitter_max, &line.round_trip, &line.round_trip_max}) &&
+        return read_numbers(text, {&port, &span, &packets, &lost, &to.loss_percent, &to.jitter,
+                                   &to.jitter_max, &to.round_trip, &to.round_trip_max}) &&
                read_packet_times(text, line);
     default:
         return false;
@@ -125,6 +126,7 @@ std::optional<StatisticsLine> StatisticsLine::parse(std::string_view text, const
     else if (!read_figures(text.substr(FAR_END.end), line))
         reason = "numbers are missing or are none";
     else {
+        line.call = text.substr(GCID.begin, TID.end - GCID.begin);
         line.gcid = text_of(text, GCID);
         line.tid = text_of(text, TID);
         line.far_end = text_of(text, FAR_END);

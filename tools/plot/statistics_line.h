@@ -2,12 +2,15 @@
 #pragma once
 
 #include <optional>
-#include <string>
 #include <string_view>
 
-#include "tools/plot/speech_quality.h"
-
 enum class StatisticsKind { SESSION, SUMMARY };
+
+struct Figures {
+    double loss_percent = 0;
+    double jitter = 0, round_trip = 0;          // averages
+    double jitter_max = 0, round_trip_max = 0;  // 0 in a session line
+};
 
 struct StatisticsLine {
     StatisticsKind kind = StatisticsKind::SESSION;
@@ -16,11 +19,10 @@ struct StatisticsLine {
     double end_s = 0;        // it, so both are the time of the report there
     long zone_offset_s = 0;  // of the zone that the line is written in
     bool near_end = false;   // of the stream: a session line says so, a summary the opposite
-    std::string gcid, tid, far_end;
-    double loss_percent = 0;
-    double jitter = 0, round_trip = 0;          // averages
-    double jitter_max = 0, round_trip_max = 0;  // 0 in a session line
-    double rating = BEST_RATING;                // for who knows the units of the above
+    Figures figures;
+
+    // Parts of the text that was parsed. The call is GCID and TID as they stand there.
+    std::string_view call, gcid, tid, far_end;
 
     // False when the report had no time stamp: then it is of 1970.
     bool is_dated() const;

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "tools/plot/gnuplot.h"
+#include "tools/plot/printable.h"
 
 namespace {
 
@@ -20,29 +21,23 @@ constexpr double LEFT = 0.295;  // part of the width
 constexpr double CHARACTER_PIXELS = 7.3;
 constexpr int FIGURES = 32, FIGURES_WITH_SCORE = 45;  // characters
 
-// Both keep their columns below each other in a font of one width.
+// All three keep their columns below each other in a font of one width.
 std::string call_columns(const std::string& gcid, const std::string& tid,
                          const std::string& direction, const std::string& far_end)
 {
-    std::ostringstream text;
-    text << std::setw(9) << gcid << std::setw(12) << tid << std::setw(10) << direction
-         << std::setw(16) << far_end;
-    return text.str();
+    return right_aligned(gcid, 9) + right_aligned(tid, 12) + right_aligned(direction, 10) +
+           right_aligned(far_end, 16);
 }
 
 std::string figure_columns(const std::string& loss, const std::string& jitter,
                            const std::string& round_trip)
 {
-    std::ostringstream text;
-    text << std::setw(8) << loss << std::setw(12) << jitter << std::setw(12) << round_trip;
-    return text.str();
+    return right_aligned(loss, 8) + right_aligned(jitter, 12) + right_aligned(round_trip, 12);
 }
 
 std::string score_columns(const std::string& rating, const std::string& score)
 {
-    std::ostringstream text;
-    text << std::setw(8) << rating << std::setw(5) << score;
-    return text.str();
+    return right_aligned(rating, 8) + right_aligned(score, 5);
 }
 
 // A pair of texts to the left and to the right of the bars, at a height in gnuplot's words.
@@ -58,7 +53,7 @@ std::string side_labels(const std::string& call, const std::string& figures,
 }  // namespace
 
 SummaryPlot::SummaryPlot(const std::vector<Call>& calls, const Caption& caption)
-    : _calls(calls), _caption(caption), _axis(calls)
+    : _calls(calls), _caption(caption), _axis(calls, caption)
 {
     choose_bars();
 }
@@ -67,10 +62,10 @@ SummaryPlot::SummaryPlot(const std::vector<Call>& calls, const Caption& caption)
 void SummaryPlot::choose_bars()
 {
     for (const Call& call : _calls) {
-        const Call::Reports reports = call.reports();
-        if (_shown == MOST_CALLS || (_shown > 0 && _bars.size() + reports.size() > MOST_BARS))
+        if (_shown == MOST_CALLS || (_shown > 0 && _bars.size() + call.streams.size() > MOST_BARS))
             break;
-        _bars.insert(_bars.end(), reports.begin(), reports.end());
+        for (const Stream& stream : call.streams)
+            _bars.push_back({&call, &stream});
         _shown++;
     }
     _bars.resize(std::min(_bars.size(), MOST_BARS));
@@ -103,8 +98,9 @@ std::string SummaryPlot::gnuplot_script() const
            << "set xlabel 'time from the first packet to the last one, " << _axis.zone_text()
            << "'\nset style fill solid 0.9 border rgb '#555555'\n"
            // Few listeners hear a loss below one per cent, all are annoyed by more than five.
-           << "set palette defined (0 '#4daf4a', 1 '#d9ef8b', 2.5 '#fdae61', 5 '#d62728')\n"
-           << "set cbrange [0:5]\nset cblabel 'loss in %, 5 and more in red'\n"
+           // From light to dark, since not everybody can tell red from green.
+           << "set palette defined (0 '#ffffe5', 1 '#fee391', 2.5 '#fe9929', 5 '#8c2d04')\n"
+           << "set cbrange [0:5]\nset cblabel 'loss in %, darkest: 5 and more'\n"
            << "set colorbox horizontal user origin screen " << right() + 0.02 << ","
            << 0.5 * BOTTOM_PIXELS / pixels << " size screen " << 0.95 - right() << ","
            << 14 / pixels << "\nplot $bars using 1:2:3:4:5:6:7 with boxxyerror fc palette\n";
@@ -117,11 +113,11 @@ std::string SummaryPlot::bar_rows() const
     std::ostringstream rows;
     rows << std::fixed << std::setprecision(3);
     for (std::size_t i = 0; i < _bars.size(); i++) {
-        const double begin = _axis.place_of(_bars[i]->begin_s);
-        const double end = _axis.place_of(_bars[i]->end_s);
+        const double begin = _axis.place_of(_bars[i].stream->begin_s);
+        const double end = _axis.place_of(_bars[i].stream->end_s);
         const auto row = static_cast<double>(i + 1);
         rows << (begin + end) / 2 << " " << row << " " << begin << " " << end << " " << row - 0.38
-             << " " << row + 0.38 << " " << _bars[i]->loss_percent << "\n";
+             << " " << row + 0.38 << " " << _bars[i].stream->figures.loss_percent << "\n";
     }
     return rows.str();
 }
@@ -143,32 +139,32 @@ std::string SummaryPlot::labels() const
                          line(counts, 54, "") +
                          line("jitter and round trip" + _caption.axis_unit() + ": average/maximum",
                               height() - 40, "") +
-                         line(_caption.left_out, height() - 16, "") +
+                         line(_axis.with_outside_text(_caption.left_out), height() - 16, "") +
                          side_labels(call_columns("GCID", "TID", "stream", "far end"), headings,
                                      "screen " + std::to_string(1 - 90 / pixels), PLAIN_COLOUR);
     for (std::size_t i = 0; i < _bars.size(); i++) {
-        const StatisticsLine& report = *_bars[i];
-        Quality quality;
-        quality.take(report);
+        const auto& [call, stream] = _bars[i];
+        const bool is_bad = stream->quality.severity(_caption.thresholds) >= 1;
         script +=
-            side_labels(call_columns(report.gcid, report.tid,
-                                     report.near_end ? "near end" : "far end", report.far_end),
-                        figures_of(report), "first " + std::to_string(i + 1),
-                        quality.severity(_caption.thresholds) < 1 ? PLAIN_COLOUR : BAD_COLOUR);
+            side_labels(call_columns(call->gcid, call->tid,
+                                     stream->near_end ? "near end" : "far end", stream->far_end),
+                        figures_of(*stream), "first " + std::to_string(i + 1),
+                        is_bad ? BAD_COLOUR : PLAIN_COLOUR);
     }
     return script;
 }
 
-std::string SummaryPlot::figures_of(const StatisticsLine& report) const
+std::string SummaryPlot::figures_of(const Stream& stream) const
 {
+    const Figures& of = stream.figures;
     const auto pair = [](double average, double maximum) {
         return figure(average) + "/" + figure(maximum);
     };
-    std::string figures =
-        figure_columns(figure(report.loss_percent, 1) + "%", pair(report.jitter, report.jitter_max),
-                       pair(report.round_trip, report.round_trip_max));
+    std::string text =
+        figure_columns(figure(of.loss_percent, 1) + "%", pair(of.jitter, of.jitter_max),
+                       pair(of.round_trip, of.round_trip_max));
     if (!_caption.in_ms)
-        return figures;
-    return figures +
-           score_columns(figure(report.rating, 1), figure(opinion_score(report.rating), 1));
+        return text;
+    const double rating = stream.quality.rating;
+    return text + score_columns(figure(rating, 1), figure(opinion_score(rating), 1));
 }

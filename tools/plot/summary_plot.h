@@ -24,15 +24,20 @@ public:
     std::string gnuplot_script() const;
 
 private:
+    struct Bar {
+        const Call* call;
+        const Stream* stream;
+    };
+
     void choose_bars();
     double right() const;
     std::string bar_rows() const;
     std::string labels() const;
-    std::string figures_of(const StatisticsLine& report) const;
+    std::string figures_of(const Stream& stream) const;
 
     const std::vector<Call>& _calls;
     const Caption& _caption;
     TimeAxis _axis;
-    Call::Reports _bars;     // top first
+    std::vector<Bar> _bars;  // top first
     std::size_t _shown = 0;  // calls
 };

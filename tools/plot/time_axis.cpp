@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <iomanip>
+#include <limits>
 #include <sstream>
 
 namespace {
@@ -32,17 +33,78 @@ std::string text_of(double place, const char* format)
     return {text, std::strftime(text, sizeof text, format, &calendar)};
 }
 
+struct Period {
+    double begin_s, end_s;
+};
+
+bool begins_earlier(const Period& a, const Period& b)
+{
+    return a.begin_s < b.begin_s;
+}
+
+bool ends_earlier(const Period& a, const Period& b)
+{
+    return a.end_s < b.end_s;
+}
+
+std::vector<Period> periods_of(const std::vector<Call>& calls)
+{
+    std::vector<Period> periods;
+    for (const Call& call : calls) {
+        for (const auto* samples : {&call.near_samples, &call.far_samples})
+            for (const Sample& sample : *samples)
+                periods.push_back({sample.time_s, sample.time_s});
+        for (const Stream& stream : call.streams)
+            periods.push_back({stream.begin_s, stream.end_s});
+    }
+    return periods;
+}
+
+// The time of all reports but the earliest and the latest hundredth, one at least of each, and
+// three times as much, a week at least, on both sides. Puts the periods into another order.
+Period usual_period(std::vector<Period>& periods)
+{
+    constexpr double LEAST_ROOM = 7 * DAY;
+    const std::size_t few = std::max<std::size_t>(1, periods.size() / 100);
+    if (periods.size() < 2 * few + 1)  // nobody can tell which of two is wrong
+        return {-std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity()};
+    const auto early = periods.begin() + static_cast<std::ptrdiff_t>(few);
+    std::nth_element(periods.begin(), early, periods.end(), begins_earlier);
+    const double begin_s = early->begin_s;
+    const auto late = periods.end() - static_cast<std::ptrdiff_t>(few) - 1;
+    std::nth_element(periods.begin(), late, periods.end(), ends_earlier);
+    const double end_s = late->end_s;
+    const double room_s = std::max(LEAST_ROOM, 3 * (end_s - begin_s));
+    return {begin_s - room_s, end_s + room_s};
+}
+
 }  // namespace
 
-TimeAxis::TimeAxis(const std::vector<Call>& calls)
-    : _zone_offset_s(static_cast<double>(calls.front().any_report().zone_offset_s)),
-      _begin(place_of(calls.front().any_report().begin_s)), _end(_begin)
+TimeAxis::TimeAxis(const std::vector<Call>& calls, const Caption& caption)
+    : _zone_offset_s(static_cast<double>(calls.front().zone_offset_s))
 {
-    for (const Call& call : calls)
-        for (const StatisticsLine* report : call.reports()) {
-            _begin = std::min(_begin, place_of(report->begin_s));
-            _end = std::max({_end, place_of(report->time_s), place_of(report->end_s)});
-        }
+    std::vector<Period> periods = periods_of(calls);
+    const Period usual = usual_period(periods);
+    const auto is_outside = [&](const Period& each) {
+        return (!caption.begin_chosen && each.begin_s < usual.begin_s) ||
+               (!caption.end_chosen && each.end_s > usual.end_s);
+    };
+    _outside = std::erase_if(periods, is_outside);
+    _begin = place_of(std::min_element(periods.begin(), periods.end(), begins_earlier)->begin_s);
+    _end = place_of(std::max_element(periods.begin(), periods.end(), ends_earlier)->end_s);
+}
+
+bool TimeAxis::shows(double time_s) const
+{
+    return _begin <= place_of(time_s) && place_of(time_s) <= _end;
+}
+
+std::string TimeAxis::with_outside_text(const std::string& text) const
+{
+    if (_outside == 0)
+        return text;
+    return text + (text.empty() ? "" : "; ") +
+           "reports outside the time shown, see --from and --to: " + std::to_string(_outside);
 }
 
 bool TimeAxis::is_one_day() const

@@ -45,6 +45,17 @@ std::optional<double> read_clock(std::string_view text)
     return (calendar.tm_hour * 60 + calendar.tm_min) * 60 + calendar.tm_sec;
 }
 
+std::optional<double> read_time_of_day(std::string_view text)
+{
+    const std::string whole(text);
+    for (const char* form : {"%H:%M", "%H:%M:%S"}) {
+        std::tm calendar{};
+        if (read_form(whole, form, calendar) == whole.size())
+            return read_clock(whole + (form[5] == '\0' ? ":00" : ""));
+    }
+    return std::nullopt;
+}
+
 std::optional<double> read_day_and_time(std::string_view text)
 {
     const std::string whole(text);

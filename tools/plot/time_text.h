@@ -18,6 +18,9 @@ std::optional<Stamp> read_stamp(std::string_view text);
 // Seconds since midnight of a text that begins like "22:13:20".
 std::optional<double> read_clock(std::string_view text);
 
+// Seconds since midnight of a time of day: "22:13" or "22:13:20".
+std::optional<double> read_time_of_day(std::string_view text);
+
 // A day, with or without a time of day: "2023-11-14", "2023-Nov-14 22:13", "2023-11-14 22:13:20".
 // Seconds since the epoch, as if the text were universal time.
 std::optional<double> read_day_and_time(std::string_view text);

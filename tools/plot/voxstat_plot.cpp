@@ -1,16 +1,22 @@
 // voxstat-plot: draws statistics and session-summary files, so that a bad call is seen at a glance.
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <exception>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tools/common/progress.h"
 #include "tools/plot/call_table.h"
 #include "tools/plot/calls.h"
 #include "tools/plot/caption.h"
-#include "tools/plot/file_bytes.h"
 #include "tools/plot/gnuplot.h"
+#include "tools/plot/input_file.h"
 #include "tools/plot/plot_options.h"
 #include "tools/plot/session_plot.h"
 #include "tools/plot/statistics_file.h"
@@ -21,7 +27,7 @@ namespace {
 // What is looked at of all files.
 struct Reports {
     std::optional<StatisticsKind> kind;
-    std::vector<StatisticsLine> lines;
+    CallBook calls;
     std::size_t undated = 0;  // left out
 };
 
@@ -30,44 +36,96 @@ const char* name_of(StatisticsKind kind)
     return kind == StatisticsKind::SESSION ? "session reports" : "end-of-session reports";
 }
 
-void report_unread(const std::string& file_name, const StatisticsFile& file)
+void tell_unread(const std::string& file_name, const UnreadLines& lines)
 {
-    for (const UnreadLines& lines : file.unread()) {
-        std::string where = file_name + ":" + std::to_string(lines.first);
-        if (lines.last != lines.first)
-            where += "-" + std::to_string(lines.last);
-        (void)std::fprintf(stderr, "%s: cannot be read: %s\n", where.c_str(), lines.reason.c_str());
-    }
+    std::string where = file_name + ":" + std::to_string(lines.first);
+    if (lines.last != lines.first)
+        where += "-" + std::to_string(lines.last);
+    (void)std::fprintf(stderr, "%s: cannot be read: %s\n", where.c_str(), lines.reason);
 }
 
-void take_file(const std::string& name, const PlotOptions& options, Reports& reports)
+void check_kind(const InputFile& input, StatisticsKind kind, Reports& reports)
 {
-    const StatisticsFile file(read_file(name));
-    report_unread(name, file);
-    if (!file.kind())
-        return;
-    if (reports.kind && *reports.kind != *file.kind())
-        throw std::runtime_error(name + " has " + name_of(*file.kind()) +
+    if (reports.kind && *reports.kind != kind)
+        throw std::runtime_error(input.name() + " has " + name_of(kind) +
                                  ", the files before it have " + name_of(*reports.kind) +
                                  "; give each kind a run of its own");
-    reports.kind = file.kind();
-    for (const StatisticsLine& line : file.lines()) {
+    reports.kind = kind;
+}
+
+void show_progress(const InputFile& input, Progress& progress)
+{
+    constexpr std::uint64_t MEGABYTE = 1000000;
+    std::string text = input.name() + ": " + std::to_string(input.bytes_read() / MEGABYTE) + " MB";
+    if (input.size() > 0)
+        text += " of " + std::to_string(input.size() / MEGABYTE) + " MB";
+    progress.show(text);
+}
+
+void take_file(InputFile& input, const PlotOptions& options, Reports& reports, Progress& progress)
+{
+    constexpr unsigned FEW = 4096;  // lines, which take no time
+    StatisticsFile file(input, [&](const UnreadLines& lines) {
+        progress.erase();
+        tell_unread(input.name(), lines);
+    });
+    StatisticsLine line;
+    for (unsigned count = 1; file.next(line); count++) {
+        if (count == 1)
+            check_kind(input, line.kind, reports);
         if (!line.is_dated())
             reports.undated++;
         else if (options.chooses(line))
-            reports.lines.push_back(line);
+            reports.calls.take(line, !options.in_ms
+                                         ? BEST_RATING
+                                         : rating(line.figures.loss_percent, line.figures.jitter,
+                                                  line.figures.round_trip, options.concealment));
+        if (count % FEW == 0 && progress.is_due())
+            show_progress(input, progress);
     }
+    if (file.kind())  // which a header without lines tells as well
+        check_kind(input, *file.kind(), reports);
 }
 
-Reports read_reports(const PlotOptions& options)
+// When the last report that the end of the file holds was written, by the clock of its zone; one
+// with a clock that is ahead does not count.
+std::optional<double> last_report_s(InputFile& input)
 {
-    Reports reports;
+    constexpr double DAY_S = 86400;
+    const std::string tail = input.tail();
+    std::optional<double> last;
+    std::size_t end = tail.size();
+    while (!last && end > 0) {
+        const std::size_t begin = tail.rfind('\n', end - 1) + 1;
+        const char* reason = nullptr;
+        const auto line =
+            StatisticsLine::parse(std::string_view(tail).substr(begin, end - begin), reason);
+        if (line && line->is_dated() &&
+            line->time_s < static_cast<double>(std::time(nullptr)) + DAY_S)
+            last = line->time_s + static_cast<double>(line->zone_offset_s);
+        end = begin == 0 ? 0 : begin - 1;
+    }
+    return last;
+}
+
+void set_last(std::vector<InputFile>& inputs, PlotOptions& options)
+{
+    std::optional<double> last;
+    for (InputFile& input : inputs)
+        last = std::max(last, last_report_s(input));
+    options.set_last(last.value_or(static_cast<double>(std::time(nullptr))));
+}
+
+Reports read_reports(PlotOptions& options, Progress& progress)
+{
+    std::vector<InputFile> inputs;
     for (const std::string& name : options.files)
-        take_file(name, options, reports);
-    if (options.in_ms)
-        for (StatisticsLine& line : reports.lines)
-            line.rating =
-                rating(line.loss_percent, line.jitter, line.round_trip, options.concealment);
+        inputs.emplace_back(name);
+    if (options.needs_last())
+        set_last(inputs, options);
+    Reports reports = {.kind = {}, .calls = CallBook(!options.list)};
+    for (InputFile& input : inputs)
+        take_file(input, options, reports, progress);
     return reports;
 }
 
@@ -75,15 +133,19 @@ Caption caption_for(const PlotOptions& options, const Reports& reports)
 {
     constexpr std::size_t MOST_CHARACTERS = 50;
     const std::string& path = options.files.front();
-    std::string title = path.substr(path.rfind('/') + 1);
+    std::string title = path == "-" ? "standard input" : path.substr(path.rfind('/') + 1);
     if (title.size() > MOST_CHARACTERS) {
         title.erase(MOST_CHARACTERS);
         title += "...";
     }
     if (options.files.size() > 1)
         title += " + " + std::to_string(options.files.size() - 1);
-    Caption caption = {
-        .title = title, .left_out = {}, .thresholds = options.thresholds, .in_ms = options.in_ms};
+    Caption caption = {.title = title,
+                       .left_out = {},
+                       .begin_chosen = options.from.has_value(),
+                       .end_chosen = options.to.has_value(),
+                       .thresholds = options.thresholds,
+                       .in_ms = options.in_ms};
     if (reports.undated > 0)
         caption.left_out =
             "reports without a time stamp, left out: " + std::to_string(reports.undated);
@@ -97,37 +159,48 @@ std::string script_of(const Plot& plot, const std::string& picture)
     return gnuplot_terminal(picture, Plot::WIDTH, plot.height()) + plot.gnuplot_script();
 }
 
-bool draw(const PlotOptions& options, const Reports& reports, const std::vector<Call>& calls,
+bool draw(const PlotOptions& options, StatisticsKind kind, const std::vector<Call>& calls,
           const Caption& caption)
 {
     create_file(options.picture);
-    const bool drawn = run_gnuplot(*reports.kind == StatisticsKind::SESSION
-                                       ? script_of(SessionPlot(calls, caption), options.picture)
-                                       : script_of(SummaryPlot(calls, caption), options.picture));
-    if (!drawn) {
-        (void)std::remove(options.picture.c_str());  // it is empty or not whole
-        return false;
-    }
-    std::printf("%s: %s: %zu, calls: %zu\n", options.picture.c_str(), name_of(*reports.kind),
-                reports.lines.size(), calls.size());
-    return true;
+    if (run_gnuplot(kind == StatisticsKind::SESSION
+                        ? script_of(SessionPlot(calls, caption), options.picture)
+                        : script_of(SummaryPlot(calls, caption), options.picture)))
+        return true;
+    (void)std::remove(options.picture.c_str());  // it is empty or not whole
+    return false;
 }
 
-bool run(const PlotOptions& options)
+bool print(const std::string& text)
 {
-    const Reports reports = read_reports(options);
+    if (std::fputs(text.c_str(), stdout) != EOF && std::fflush(stdout) == 0)
+        return true;
+    throw std::runtime_error(std::string("standard output: ") + std::strerror(errno));
+}
+
+bool run(PlotOptions options)
+{
+    Progress progress;
+    Reports reports = read_reports(options, progress);
     const Caption caption = caption_for(options, reports);
+    const std::size_t count = reports.calls.reports();
+    const std::vector<Call> calls = reports.calls.worst_first(options.thresholds);
+    if (!options.list && !calls.empty() && progress.is_due())
+        progress.show("drawing");
+    const bool drawn =
+        !options.list && !calls.empty() && draw(options, *reports.kind, calls, caption);
+    progress.erase();
     if (!caption.left_out.empty())
         (void)std::fprintf(stderr, "voxstat-plot: %s\n", caption.left_out.c_str());
-    if (reports.lines.empty()) {
+    if (calls.empty()) {
         (void)std::fputs("voxstat-plot: no such reports in these files\n", stderr);
         return false;
     }
-    const std::vector<Call> calls = worst_first(reports.lines, options.thresholds);
-    if (!options.list)
-        return draw(options, reports, calls, caption);
-    std::fputs(call_table(calls, caption).c_str(), stdout);
-    return true;
+    if (options.list)
+        return print(call_table(calls, caption));
+    return drawn &&
+           print(options.picture + ": " + name_of(*reports.kind) + ": " + std::to_string(count) +
+                 ", calls: " + std::to_string(calls.size()) + "\n");
 }
 
 }  // namespace

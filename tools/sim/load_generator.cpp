@@ -5,8 +5,8 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "tools/common/progress.h"
 #include "tools/sim/pacer.h"
-#include "tools/sim/progress.h"
 #include "tools/sim/report_text.h"
 #include "tools/sim/voice_record.h"
 
@@ -89,7 +89,7 @@ bool LoadGenerator::run()
 void LoadGenerator::send_all()
 {
     constexpr std::uint64_t NANOSECONDS = 1000000000;
-    Progress progress("datagrams");
+    Progress progress;
     const Pacer pacer;
     std::uint32_t done = 0;
     while (done < _options.count) {
@@ -98,7 +98,9 @@ void LoadGenerator::send_all()
         const std::uint32_t datagrams = std::min(_options.burst, _options.count - done);
         send_burst(done, datagrams);
         done += datagrams;
-        progress.show(done, _options.count);
+        if (progress.is_due())
+            progress.show(std::to_string(done) + " of " + std::to_string(_options.count) +
+                          " datagrams");
     }
 }
 

@@ -3,8 +3,8 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "tools/common/progress.h"
 #include "tools/sim/pacer.h"
-#include "tools/sim/progress.h"
 
 namespace {
 
@@ -76,7 +76,7 @@ void TelephonyUnit::play()
     };
     _start = std::chrono::system_clock::now() - _duration +
              std::chrono::duration_cast<SimTime>(to_real(_duration));
-    Progress progress("simulated seconds");
+    Progress progress;
     const Pacer pacer;
     for (SimTime now = SimTime::zero(); now <= _duration; now += TICK) {
         pacer.wait_until(to_real(now));
@@ -84,8 +84,9 @@ void TelephonyUnit::play()
             send_silence(call, now);
             send_reports(call, now);
         }
-        progress.show(static_cast<std::uint64_t>(now / std::chrono::seconds(1)),
-                      _options.duration_s);
+        if (progress.is_due())
+            progress.show(std::to_string(now / std::chrono::seconds(1)) + " of " +
+                          std::to_string(_options.duration_s) + " simulated seconds");
     }
 }
 
