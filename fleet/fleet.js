@@ -20,7 +20,8 @@ let clock;              // what the store's clock is ahead of the browser's coun
 const now = () => clock + performance.now() / 1000;
 let down = [];          // the shards that do not answer
 let expected = {};      // the rows of the expected units by their serial numbers
-let asked = -Infinity;  // when the page was last refreshed
+let rounds = 0;         // how often the page was refreshed
+let finished = -Infinity;   // when the last round was complete; none is while one goes on
 let unreachable = "";   // why the store does not answer
 
 const hex = text => [...new TextEncoder().encode(text)].map(byte => byte.toString(16).padStart(2, "0")).join("");
@@ -147,7 +148,7 @@ function showExpected(rows) {
     showTable("missing", [UNIT, ...NAMES], lost, "This page shows these units again when their shard answers.");
 }
 
-function showSilent(rows, total, {from, to}) {
+function showSilent(rows, {from, to}) {
     const known = rows.filter(row => !isMissing(row)).map(row => ({...row, state:
         [row.silent && (row.last_heard ? `silent for ${age(to - row.last_heard)}` : "silent"),
             !row.expected && "not expected"].filter(Boolean).join(", ")}));
@@ -218,65 +219,70 @@ function showTrend(rows, before, time) {
         from.length ? figure(column, mean(from, column), form) : "–")]));
 }
 
-function showCall({to}) {
+// What to ask for the chosen call, and how to draw it.
+function callQuery({to}, opened) {
     const [id, since, until] = chosen("call").split("_"), [sn, gcid, tid] = id.split(".");
     const period = {from: Number(since), to: Math.max(to, Number(until) + 1)};      // it may have gone on
-    return show("call", {...period, sn, gcid, tid}, (latest, total) => {
+    return ["call", {...period, sn, gcid, tid}, (latest, total) => {
         const reports = latest.reverse(), section = element("call");
         const begin = reports[0]?.t ?? Number(since), end = reports.at(-1)?.t ?? Number(until);
         const margin = Math.max(5, (end - begin) * 0.02);
         const ends = (column, factor) => [["near end", "--one", []], ["far end", "--two", [6, 3]]].map(
             ([label, ...style]) => [label, ...style,
                 points(reports.filter(({type}) => type === label.replace(" ", "_")), column, factor)]);
-        section.querySelector("h2").textContent =
-            `Call ${unhex(gcid) || "(none)"} of unit ${unhex(sn)}`;
         const all = key => [...new Set(reports.map(report => report[key] || "unknown"))].join(", ");
+        section.querySelector("h2").textContent = `Call ${unhex(gcid) || "(none)"} of unit ${unhex(sn)}`;
         section.querySelector("p").textContent = `TID ${unhex(tid) || "unknown"}, ${moment(begin)} to ${moment(end)}, ` +
             `${share(reports.length, total)} reports, far end ${all("far_end")}, RTCP name ${all("name")}`;
         drawCharts(section.querySelector(".charts"), charts(ends), {from: begin - margin, to: end + margin});
-    });
+        if (opened)
+            section.focus();
+    }];
 }
 
 // --- what keeps it going -------------------------------------------------------------------------
 
-async function refresh() {
-    if (clock === undefined)
+// Asks one query after another, so that the store has little to do at once and silent units show first. A new choice
+// ends the round that it meets.
+async function refresh(opened = false) {
+    if (clock === undefined || unreachable)
         return;
-    asked = performance.now() / 1000;
-    const time = chosenTime(), ms = msPerUnit(), filter = {site: hex(chosen("site")), unit: hex(chosen("unit"))};
-    const step = Math.max(1, Math.ceil((time.to - time.from) / STEPS));
-    const all = {...time, ...filter, ms}, before = {...all, from: time.from - DAY_S, to: time.to - DAY_S};
-    element("call").hidden = !chosen("call");
-    element("found").hidden = !chosen("find");
-    for (const query of ["call", "search"])
-        if (element({call: "call", search: "found"}[query]).hidden)
+    const mine = ++rounds, time = chosenTime(), step = Math.max(1, Math.ceil((time.to - time.from) / STEPS));
+    const all = {...time, site: hex(chosen("site")), unit: hex(chosen("unit")), ms: msPerUnit()};
+    const before = {...all, from: time.from - DAY_S, to: time.to - DAY_S}, find = chosen("find"), call = chosen("call");
+    finished = Infinity;
+    element("call").hidden = !call;
+    element("found").hidden = !find;
+    for (const [query, used] of [["call", call], ["search", find]])
+        if (!used)
             delete parts[query];
-    const named = show("expected", {}, showExpected);
-    if (!parts.expected.drawn)
-        await named;    // the other parts show names and sites
-    show("silent", {...all, since: time.to - HEARTBEATS_S, after: SILENT_AFTER_S},
-        (rows, total) => showSilent(rows, total, time));
-    show("worst_calls", all, showCalls);
-    show("units", all, showUnits);
-    show("sites", all, showSites);
-    show("reporting", [all, before], showTotals);
-    show("trend", [{...all, step}, {...before, step}], (rows, _, earlier) => showTrend(rows, earlier, time));
-    if (chosen("find"))
-        show("search", {...all, find: hex(chosen("find"))}, showFound);
-    if (chosen("call"))
-        await showCall(time);
+    for (const [query, parameters, draw] of [
+        ["expected", {}, showExpected],
+        ...(find ? [["search", {...all, find: hex(find)}, showFound]] : []),
+        ...(call ? [callQuery(time, opened)] : []),
+        ["silent", {...all, since: time.to - HEARTBEATS_S, after: SILENT_AFTER_S}, rows => showSilent(rows, time)],
+        ["worst_calls", all, showCalls],
+        ["units", all, showUnits],
+        ["sites", all, showSites],
+        ["reporting", [all, before], showTotals],
+        ["trend", [{...all, step}, {...before, step}], (rows, _, earlier) => showTrend(rows, earlier, time)]]) {
+        await show(query, parameters, draw);
+        if (mine !== rounds)
+            return;
+    }
+    finished = performance.now() / 1000;
 }
 
 async function poll() {
     try {
-        const [rows] = await ask("shards", {}, POLL_TIMEOUT_MS), before = down.length;
+        const [rows] = await ask("shards", {}, POLL_TIMEOUT_MS), changed = unreachable;
+        const wereDown = down.length, waited = performance.now() / 1000 - finished;
         clock = Math.max(...rows.map(row => row.now)) - performance.now() / 1000;
         down = rows.filter(row => !row.up);
-        const waited = performance.now() / 1000 - asked;
-        const due = waited > REFRESH_S || waited > RETRY_S && Object.values(parts).some(part => part.failure);
-        if (unreachable || down.length !== before || due && !document.hidden)
-            refresh();
         unreachable = "";
+        if (changed || down.length !== wereDown || !document.hidden && (waited > REFRESH_S ||
+            waited > RETRY_S && Object.values(parts).some(part => part.failure)))
+            refresh();
     } catch (error) {
         unreachable = error.message;
     }
@@ -293,14 +299,12 @@ function readAddress() {
     element("legend").textContent = legend();
 }
 
-addEventListener("hashchange", async ({oldURL, newURL}) => {
+addEventListener("hashchange", ({oldURL, newURL}) => {
     const call = url => new URLSearchParams(new URL(url).hash.slice(1)).get("call");
     const opened = chosen("call") && call(oldURL) !== call(newURL);
     readAddress();
     document.querySelectorAll("[data-query]").forEach(place => { place.ariaBusy = "true"; });
-    await refresh();
-    if (opened)
-        element("call").focus();
+    refresh(opened);
 });
 element("period").onchange = () => {
     const {from, to} = chosenTime();
@@ -320,6 +324,6 @@ element("close").onclick = () => {
     document.querySelector("tr[aria-current] a")?.focus();
     go({call: ""});
 };
-matchMedia("(prefers-color-scheme: dark)").addEventListener("change", refresh);
+matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => refresh());
 readAddress();
 poll();
