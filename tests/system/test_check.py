@@ -2,19 +2,16 @@
 import os
 import pwd
 import re
-import signal
 import socket
 import subprocess
-import time
 from pathlib import Path
 
 import pytest
 
-from conftest import BUILD, ROOT, expected, free_port, report, wait_for
+from conftest import BUILD, expected, free_port
 
 SELF = pwd.getpwuid(os.geteuid()).pw_name
 USER = "nobody" if SELF == "root" else SELF
-SUMMARY = "QoS_Stat_Sessions_Summary.txt"
 CASES = expected("findings.cfg").split("\n\n")[1:]
 
 
@@ -99,55 +96,3 @@ def test_post(write, web, row):
     result, printed = check(write(f"elastic_url = {web.url}"), "--post")
     assert (result, printed[0]) == (int(status), f"1: {finding}")
     assert [row.split()[-2:] for row in web.lines()] == [["ABC12", "Service_Packet"]] * 2
-
-
-LOSSES = [      # messages as the manual has them
-    "WARN QoS WRITE OVERFLOW: N", "WARN VOICE DUMP WRITE OVERFLOW: N", "WARN LOG FILE WRITE OVERFLOW: N",
-    "WARN WebClient OVERFLOW: N", "ERROR Unable to transmitt http - curl_easy_perform failed: N", "Failed to open PATH",
-    "DEBUG TEXT (N) on writing to file PATH", "WARN Dropped the rest of a voice datagram",
-    "WARN ignoring what follows the first N characters",
-]
-
-
-def test_live(start):
-    """A daemon that was stopped for a while, whose file somebody took away, and whose log tells of every loss."""
-    daemon = start(serial="ABC12", log__default=0, launch=["bash", "-c", 'exec "$@" >>log', "bash"])
-    config, begun, limit = daemon.directory / "voxstat.cfg", time.time(), sysctl("net/core/rmem_default")
-    os.utime(config, (0, 0))
-    status, printed = check(config, "--live", user=SELF)
-    assert (status, printed[-2:]) == (0, ["note: lost: nothing that the queues or the log tell of", "nothing to mend"])
-    daemon.process.send_signal(signal.SIGSTOP)
-    wait_for(lambda: daemon.send(report()) or daemon.sockets()[0][1] == 3, what="for drops")
-    daemon.process.send_signal(signal.SIGCONT)
-    wait_for(lambda: daemon.drained() and daemon.read("QoS_Stat.txt"), what="for the file")
-    (daemon.stat / "QoS_Stat.txt").rename(daemon.stat / "taken")
-    os.utime(config)
-    for name in (SUMMARY, f"{SUMMARY[:-4]}_2026-01-31_23-59-59.txt", f"{SUMMARY[:-4]}_other.txt"):
-        (daemon.stat / name).write_text("12345")
-        os.utime(daemon.stat / name, (1700000000, 1700000000))
-    manual = (ROOT / "packaging/voxstat.8").read_text()
-    with (daemon.directory / "log").open("a") as file:
-        for message in LOSSES:
-            assert f".It {message}" in manual
-            for age in (0, 86400):
-                moment = time.strftime("%b-%d %H:%M:%S.000", time.localtime(time.time() - age))
-                file.write(f"{moment}  [TAG] {message.replace('N', '1023').replace('PATH', '/x')}\n")
-    status, printed = check(config, "--live", user=SELF)
-    since = " ".join(printed[3].split()[-2:])
-    assert status == 2 and abs(time.mktime(time.strptime(since, "%Y-%m-%d %H:%M:%S")) - begun) < 20
-    text = "".join(" ".join(row.split()) + "\n" for row in printed)
-    for value, name in ((since, "TIME"), (daemon.process.pid, "PID"), (daemon.port, "QOS"), (daemon.port + 1, "VOICE"),
-                        (limit, "LIMIT"), (limit // 1280, "LIMIT/1280")):
-        text = re.sub(rf"\b{value}\b", name, text)
-    assert text == expected("live.txt")
-    daemon.stop()
-    assert check(config, "--live", user=SELF)[1][0] == (
-        f"1: error: no daemon listens on the ports {daemon.port} and {daemon.port + 1}; journalctl -u voxstat tells why")
-
-
-def test_live_without_log(start):
-    daemon = start(serial="ABC12", launch=["bash", "-c", 'exec "$@" >/dev/null', "bash"])
-    os.utime(daemon.directory / "voxstat.cfg", (0, 0))
-    assert check(daemon.directory / "voxstat.cfg", "--live", user=SELF)[1][-3] == (
-        f"note: the log was not read, and it may tell of more; journalctl _PID={daemon.process.pid} | grep -E "
-        "'OVERFLOW|[Ff]ailed|Dropped|ignoring what'")

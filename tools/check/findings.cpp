@@ -45,6 +45,11 @@ std::string printable(const std::string& text)
 
 }  // namespace
 
+const char* Findings::Finding::severity() const
+{
+    return NAMES[level];
+}
+
 Findings::Findings(std::string file) : _file(std::move(file)), _in_colour(colour_is_wanted()) {}
 
 void Findings::add(Level level, std::size_t line, const std::string& text)
@@ -63,7 +68,7 @@ void Findings::print()
         std::cout << _file << ':';
         if (finding.line != 0)
             std::cout << finding.line << ':';
-        std::cout << ' ' << (_in_colour ? COLOURS[finding.level] : "") << NAMES[finding.level]
+        std::cout << ' ' << (_in_colour ? COLOURS[finding.level] : "") << finding.severity()
                   << (_in_colour ? NO_COLOUR : "") << ": " << finding.text << '\n';
     }
     std::cout << std::flush;
@@ -75,4 +80,15 @@ std::string Findings::summary() const
     if (_worst == NOTE)
         return "nothing to mend";
     return counted(_count[ERROR], "error") + ", " + counted(_count[WARNING], "warning");
+}
+
+std::string Findings::headline() const
+{
+    if (_worst == NOTE)
+        return "no problems found";
+    const auto worst = std::find_if(_pending.begin(), _pending.end(), [&](const Finding& finding) {
+        return finding.level == _worst;
+    });
+    const std::size_t others = errors() + warnings() - 1;
+    return worst->text + (others == 0 ? "" : " (and " + std::to_string(others) + " more)");
 }

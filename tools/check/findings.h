@@ -9,6 +9,16 @@
 
 class Findings {
 public:
+    enum Level { NOTE, WARNING, ERROR };
+
+    struct Finding {
+        Level level;
+        std::size_t line;
+        std::string text;
+
+        const char* severity() const;  // "note", "warning" or "error"
+    };
+
     // The file that the findings are about, as it is to be named in front of each.
     explicit Findings(std::string file);
 
@@ -40,15 +50,16 @@ public:
     // "nothing to mend", or how many errors and warnings there were.
     std::string summary() const;
 
+    std::size_t errors() const { return _count[ERROR]; }
+    std::size_t warnings() const { return _count[WARNING]; }
+
+    // The first of the worst that was not printed so far, and how many more there are.
+    std::string headline() const;
+
+    // What was not printed so far.
+    const std::vector<Finding>& pending() const { return _pending; }
+
 private:
-    enum Level { NOTE, WARNING, ERROR };
-
-    struct Finding {
-        Level level;
-        std::size_t line;
-        std::string text;
-    };
-
     template <typename... Parts>
     static std::string joined(const Parts&... parts)
     {

@@ -3,66 +3,136 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <optional>
+#include <utility>
+
+#include "tools/check/line_time.h"
 
 namespace {
 
-constexpr time_t ONE_DAY = 86400;
+enum Counting { LINES, NUMBER, REFUSALS, POSTED_REPORTS };
 
-// When a line was logged: "Nov-25 03:12:05.123 ...", which names no year. 0 for other texts, such
-// as further lines of a message.
-time_t logged_at(const std::string& line)
+struct Message {
+    const char* level;  // empty: a text without time and level
+    const char* text;
+    Counting counting;
+    const char* what;  // with the next two: of a kind; null for the kind of the row before
+    const char* lost;
+    const char* remedy;
+};
+
+constexpr Message MESSAGES[] = {
+    {"WARN", "QoS WRITE OVERFLOW: ", NUMBER, "text_lines", "lines before the statistics files",
+     "the disk is too slow, or reports come too fast"},
+    {"WARN", "VOICE DUMP WRITE OVERFLOW: ", NUMBER, "voice_records",
+     "voice records before the dump", "raise max_length_per_sec_rtp"},
+    {"WARN", "LOG FILE WRITE OVERFLOW: ", NUMBER, "log_lines", "lines of the log",
+     "lower the log levels"},
+    {"", "Suppressed ", NUMBER, "journal_lines", "lines of the log in the journal",
+     "they may tell of more; lower the log levels, or set log.file"},
+    {"", " WebClient OVERFLOW", POSTED_REPORTS, "posted_reports", "reports before the posts",
+     "the server is too slow; the statistics file has them"},
+    {"WARN", "WebClient OVERFLOW: ", POSTED_REPORTS, nullptr, nullptr, nullptr},
+    {"ERROR", "Unable to transmitt http - curl_easy_perform failed: ", LINES, "batches_failed",
+     "batches on the way to the server",
+     "voxstat-check --post tells why; the statistics file has them"},
+    {"TRACE", "HTTP/", REFUSALS, "batches_refused", "batches that the server refused",
+     "voxstat-check --post tells why; the statistics file has them"},
+    {"ERROR", "Failed to open ", LINES, "blocks_unopened",
+     "blocks before a file that could not be opened", "correct its directory or owner"},
+    {"ERROR", "Failed to retrieve file size of ", LINES, nullptr, nullptr, nullptr},
+    {"ERROR", "Failed to write header to the ", LINES, nullptr, nullptr, nullptr},
+    {"DEBUG", " on writing to file ", LINES, "blocks_unwritten", "blocks that a file refused",
+     "make room on the disk"},
+    {"ERROR", " on rotation (::rename) of ", LINES, "rotations",
+     "full files that could not be renamed", "check the permissions of their directory"},
+    {"ERROR", "std::bad_alloc", LINES, "allocations", "operations that had no memory",
+     "give the machine more"},
+    {"ERROR", "Failed to allocate _http_log_string", LINES, nullptr, nullptr, nullptr},
+    {"ERROR", "Failed to allocate _log_string", LINES, "untyped_reports",
+     "reports of an unknown type", "find out who sends them"},
+    {"ERROR", "NetReceiver() recvfrom failed", LINES, "unread_datagrams",
+     "datagrams that could not be read", "errno(3) explains the number in the log"},
+    {"ERROR", "Unable to ", LINES, "components", "parts of the daemon that do not work",
+     "voxstat(8) explains the message in the log; restart the daemon"},
+    {"ERROR", " Unable to open: ", LINES, nullptr, nullptr, nullptr},
+    {"ERROR", "Failed to initialize curl handle", LINES, nullptr, nullptr, nullptr},
+    {"ERROR", "curl_easy_setopt(", LINES, nullptr, nullptr, nullptr},
+    {"WARN", "Dropped the rest of a voice datagram", LINES, "voice_datagram_ends",
+     "ends of broken voice datagrams", "find out who sends them"},
+    {"WARN", "ignoring what follows the first 1023 characters", LINES, "report_ends",
+     "ends of long reports", "find out who sends them"}};
+
+constexpr unsigned long FIRST_REFUSAL = 400;
+
+// What stands behind the text; null without it. What follows a colon may come from a report, which
+// can say anything.
+const char* behind(const std::string& message, const char* text)
 {
-    const time_t now = time(nullptr);
-    tm fields{};
-    localtime_r(&now, &fields);
-    if (strptime(line.c_str(), "%b-%d %H:%M:%S", &fields) == nullptr)
-        return 0;
-    fields.tm_isdst = -1;
-    tm last_year = fields;
-    last_year.tm_year--;
-    const time_t moment = mktime(&fields);
-    return moment > now + ONE_DAY ? mktime(&last_year) : moment;
+    const std::size_t place = message.find(text);
+    return place != std::string::npos && place <= message.find(':')
+               ? message.c_str() + place + std::strlen(text)
+               : nullptr;
+}
+
+// Of an answer's first line, which goes on with "1.1 413 TEXT".
+bool is_refusal(const char* version)
+{
+    const char* status = std::strchr(version, ' ');
+    return status != nullptr && std::strtoul(status, nullptr, 10) >= FIRST_REFUSAL;
 }
 
 }  // namespace
 
-LossLog::LossLog(time_t since)
-    : _since(since),
-      _kinds{{"QoS WRITE OVERFLOW: ", true, "lines before the statistics files",
-              "the disk is too slow, or reports come too fast"},
-             {"VOICE DUMP WRITE OVERFLOW: ", true, "voice records before the dump",
-              "raise max_length_per_sec_rtp"},
-             {"LOG FILE WRITE OVERFLOW: ", true, "lines of the log", "lower the log levels"},
-             {"WebClient OVERFLOW: ", true, "reports before the posts",
-              "the server is too slow; the statistics file has them"},
-             {"curl_easy_perform failed: ", false, "batches on the way to the server",
-              "voxstat-check --post tells why; the statistics file has them"},
-             {"] Failed to open /", false, "blocks before a file that could not be opened",
-              "correct its directory or owner"},
-             {" on writing to file ", false, "blocks that a file refused", "make room on the disk"},
-             {"Dropped the rest of a voice datagram", false, "ends of broken voice datagrams",
-              "find out who sends them"},
-             {"ignoring what follows the first 1023 characters", false, "ends of long reports",
-              "find out who sends them"}}
+LossLog::LossLog(time_t since) : _since(since)
 {
+    for (const Message& message : MESSAGES)
+        if (message.what != nullptr)
+            _kinds.push_back({message.what, message.lost, message.remedy, 0});
 }
 
-bool LossLog::add(const std::string& path)
+bool LossLog::add_file(const std::string& path)
 {
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);)
-        if (logged_at(line) >= _since)
-            add_line(line);
+        add_line(line);
     return file.eof();
 }
 
+// "Nov-25 03:12:05.123  [WARN] [0x1f2e3d] MESSAGE", or a text alone.
 void LossLog::add_line(const std::string& line)
 {
-    for (Kind& kind : _kinds) {
-        const std::size_t found = line.find(kind.text);
-        if (found == std::string::npos)
+    const std::optional<time_t> logged = log_line_time(line);
+    if (logged)
+        _is_due = *logged >= _since;  // as what follows it without a time
+    if (!_is_due)
+        return;
+    const std::size_t level = line.find('[') + 1, level_end = line.find(']', level);
+    const std::size_t thread_end = line.find("] ", level_end + 1);
+    if (!logged)
+        add_message("", line);
+    else if (thread_end != std::string::npos)
+        add_message(line.substr(level, level_end - level), line.substr(thread_end + 2));
+}
+
+void LossLog::add_message(const std::string& level, const std::string& message)
+{
+    std::size_t kinds = 0;
+    for (const Message& row : MESSAGES) {
+        kinds += row.what != nullptr ? 1 : 0;
+        const char* const rest = level == row.level ? behind(message, row.text) : nullptr;
+        if (rest == nullptr)
             continue;
-        const char* behind = line.c_str() + found + std::strlen(kind.text);
-        kind.count += kind.counts_itself ? std::strtoul(behind, nullptr, 10) : 1;
+        unsigned long& count = _kinds[kinds - 1].count;
+        const unsigned long number = std::strtoul(rest, nullptr, 10);
+        if (row.counting == NUMBER)
+            count += number;
+        else if (row.counting == LINES || (row.counting == REFUSALS && is_refusal(rest)))
+            count++;
+        else if (row.counting == POSTED_REPORTS && level.empty())  // each is printed at once ...
+            count++, _unsummed++;
+        else if (row.counting == POSTED_REPORTS)  // ... and later they are added up
+            count += number - std::exchange(_unsummed, 0);
+        return;
     }
 }

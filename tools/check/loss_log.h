@@ -8,24 +8,27 @@
 class LossLog {
 public:
     struct Kind {
-        const char* text;    // how a line of the log says it
-        bool counts_itself;  // a count follows the text
-        const char* lost;    // what was lost, to be read behind the count
+        const char* what;  // as the metrics name it
+        const char* lost;  // to be read before the count
         const char* remedy;
-        unsigned long count = 0;
+        unsigned long count;
     };
 
     // Lines that were logged earlier (seconds since the epoch) do not count.
     explicit LossLog(time_t since);
 
     // Adds the lines of this file. False when it cannot be read.
-    bool add(const std::string& path);
+    bool add_file(const std::string& path);
+
+    void add_line(const std::string& line);
 
     const std::vector<Kind>& kinds() const { return _kinds; }
 
 private:
-    void add_line(const std::string& line);
+    void add_message(const std::string& level, const std::string& message);
 
     time_t _since;
+    bool _is_due = true;          // the last line with a time was logged since then
+    unsigned long _unsummed = 0;  // overflows of the posts that no message has added up yet
     std::vector<Kind> _kinds;
 };

@@ -4,19 +4,27 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 
 #include "config/keys.h"
+#include "tools/common/numbers.h"
 
 namespace {
 
 constexpr const char* PACKAGED_FILE = "/etc/voxstat/voxstat.cfg";
-constexpr int USAGE_STATUS = 2;
+constexpr int USAGE_STATUS = 2, NAGIOS_USAGE_STATUS = 3;
 constexpr int USER = 'u', POST = 'p', LIVE = 'l', HELP = 'h', VERSION = 'V';
+constexpr long MAX_SINCE = 1000000;  // of its unit
+constexpr int FORMAT = 'F', NAGIOS = 'n', SINCE = 's', STATE = 'S';
 
 const option LONG_OPTIONS[] = {{"file", required_argument, nullptr, 'f'},
                                {"user", required_argument, nullptr, USER},
                                {"post", no_argument, nullptr, POST},
                                {"live", no_argument, nullptr, LIVE},
+                               {"format", required_argument, nullptr, FORMAT},
+                               {"nagios", no_argument, nullptr, NAGIOS},
+                               {"since", required_argument, nullptr, SINCE},
+                               {"state", required_argument, nullptr, STATE},
                                {"help", no_argument, nullptr, HELP},
                                {"version", no_argument, nullptr, VERSION},
                                {nullptr, 0, nullptr, 0}};
@@ -31,25 +39,72 @@ void print_key(const keys::Key& key)
 
 [[noreturn]] void print_help()
 {
-    std::printf("Usage: voxstat-check [-f FILE] [--user NAME] [--post] [--live]\n"
-                "\n"
-                "Finds what is wrong in a configuration of voxstat, or would go wrong with it.\n"
-                "\n"
-                "  -f FILE      the configuration; otherwise %s\n"
-                "  --user NAME  the user that the daemon runs as; otherwise voxstat if there is\n"
-                "               such a user, else you\n"
-                "  --post       posts the two service reports to elastic_url, once\n"
-                "  --live       shows the running daemon, and what it has lost\n"
-                "  --version    prints the version\n"
-                "  --help       prints this\n"
-                "\n"
-                "It ends with 0 when there is nothing to mend, 1 with warnings, 2 with errors.\n"
-                "\n"
-                "  %-24s %-26s %s\n",
-                PACKAGED_FILE, "Key", "Default", "Range (unit)");
+    std::printf(
+        "Usage: voxstat-check [-f FILE] [--user NAME] [--post]\n"
+        "                     [--live [--format FORMAT | --nagios] [--since TIME] [--state FILE]]\n"
+        "\n"
+        "Finds what is wrong in a configuration of voxstat, or would go wrong with it.\n"
+        "\n"
+        "  -f FILE      the configuration; otherwise %s\n"
+        "  --user NAME  the user that the daemon runs as; otherwise voxstat if there is\n"
+        "               such a user, else you\n"
+        "  --post       posts the two service reports to elastic_url, once\n"
+        "  --live       shows the running daemon, and what it has lost\n"
+        "  --format F   prints that as text, json or prometheus\n"
+        "  --nagios     prints one line, and exits as plugins of Nagios do\n"
+        "  --since T    counts only losses of the last 30m, 24h or 7d; otherwise all since\n"
+        "               the start\n"
+        "  --state FILE remembers there when the kernel dropped datagrams, for --since\n"
+        "  --version    prints the version\n"
+        "  --help       prints this\n"
+        "\n"
+        "It ends with 0 when there is nothing to mend, 1 with warnings, 2 with errors.\n"
+        "\n"
+        "  %-24s %-26s %s\n",
+        PACKAGED_FILE, "Key", "Default", "Range (unit)");
     for (const keys::Key& key : keys::ALL)
         print_key(key);
     std::exit(EXIT_SUCCESS);
+}
+
+[[noreturn]] void fail(const Options& options, const std::string& text)
+{
+    std::fprintf(stderr, "voxstat-check: %s; see --help\n", text.c_str());
+    std::exit(options.format == Format::NAGIOS ? NAGIOS_USAGE_STATUS : USAGE_STATUS);
+}
+
+Format to_format(const Options& options, const std::string& name)
+{
+    static const std::map<std::string, Format> formats = {
+        {"text", Format::TEXT}, {"json", Format::JSON}, {"prometheus", Format::PROMETHEUS}};
+    const auto found = formats.find(name);
+    if (found == formats.end())
+        fail(options, "unknown format \"" + name + '"');
+    return found->second;
+}
+
+// "90s", "30m", "24h" or "7d".
+long to_seconds(const Options& options, const std::string& text)
+{
+    static const std::map<char, long> units = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
+    const auto unit = units.find(text.empty() ? '\0' : text.back());
+    long number = 0;
+    if (unit == units.end() ||
+        !to_number(std::string_view(text).substr(0, text.size() - 1), number, 1L, MAX_SINCE))
+        fail(options, "--since takes a time such as 30m, 24h or 7d, not \"" + text + '"');
+    return number * unit->second;
+}
+
+void check_combination(const Options& options)
+{
+    const bool is_limited = options.since || options.state;
+    if (!options.live && (options.format != Format::TEXT || is_limited))
+        fail(options, "--format, --nagios, --since and --state need --live");
+    if (options.format == Format::PROMETHEUS && is_limited)
+        fail(options,
+             "counters for Prometheus start with the daemon; it takes no --since or --state");
+    if (options.state && !options.since)
+        fail(options, "--state needs --since");
 }
 
 }  // namespace
@@ -69,16 +124,23 @@ Options Options::read(int argc, char** argv)
             options.post = true;
         else if (given == LIVE)
             options.live = true;
+        else if (given == FORMAT)
+            options.format = to_format(options, optarg);
+        else if (given == NAGIOS)
+            options.format = Format::NAGIOS;
+        else if (given == SINCE)
+            options.since = to_seconds(options, optarg);
+        else if (given == STATE)
+            options.state = optarg;
         else if (given == HELP)
             print_help();
         else if (given == VERSION)
             std::exit(std::printf("voxstat-check %s\n", VOXSTAT_VERSION) < 0);
         else
-            std::exit(USAGE_STATUS);  // getopt has said what is wrong
+            fail(options, "unusable option");  // getopt has said which
     }
-    if (optind < argc) {
-        std::fprintf(stderr, "%s: what is \"%s\"? Try --help.\n", argv[0], argv[optind]);
-        std::exit(USAGE_STATUS);
-    }
+    if (optind < argc)
+        fail(options, std::string("unexpected argument \"") + argv[optind] + '"');
+    check_combination(options);
     return options;
 }

@@ -7,14 +7,21 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <optional>
+#include <stdexcept>
 #include <system_error>
 
 #include "tools/check/daemon_user.h"
 #include "tools/check/disk_check.h"
 #include "tools/check/findings.h"
-#include "tools/check/live_view.h"
+#include "tools/check/json_format.h"
+#include "tools/check/live_state.h"
+#include "tools/check/live_text.h"
+#include "tools/check/metrics.h"
+#include "tools/check/nagios_format.h"
 #include "tools/check/options.h"
 #include "tools/check/port_check.h"
+#include "tools/check/prometheus_format.h"
 #include "tools/check/serial_check.h"
 #include "tools/check/settings.h"
 #include "tools/check/trial_post.h"
@@ -23,7 +30,7 @@
 
 namespace {
 
-constexpr int ERROR_STATUS = 2;
+constexpr int ERROR_STATUS = 2, UNKNOWN_STATUS = 3;
 
 // As a program has them, and a text of two bytes a character.
 bool has_zero_bytes(const std::string& file)
@@ -61,11 +68,12 @@ bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& fi
     return findings.status() == 0;
 }
 
-void check(const Options& options, Findings& findings)
+// Returns the running daemon's state, if it is asked for and the configuration can be loaded.
+std::optional<LiveState> check(const Options& options, Findings& findings)
 {
     const DaemonUser user(options.user);
     if (!can_be_loaded(options.file, user, findings))
-        return;
+        return std::nullopt;
     const Settings settings(options.file, findings);
     check_values(settings, findings);
     check_url(settings, options.file, findings);
@@ -75,12 +83,44 @@ void check(const Options& options, Findings& findings)
     if (!user.can_be_asked())
         findings.note(0, "what the user ", user.name(), " may read and write was not looked at; ",
                       "sudo voxstat-check does");
-    findings.print();  // before what takes time
+    if (options.format == Format::TEXT)
+        findings.print();  // before what takes time
     if (options.post)
         post_once(settings, serial_number, findings);
-    findings.print();
-    if (options.live)
-        show_daemon(settings, options.file, findings);
+    if (!options.live)
+        return std::nullopt;
+    if (options.format == Format::TEXT)
+        findings.print();
+    return LiveState::gather(settings, options, findings);
+}
+
+void show(const Options& options, const LiveState& state, const Findings& findings)
+{
+    const std::vector<Metric> metrics = metrics_of(state, findings);
+    if (options.format == Format::NAGIOS)
+        print_nagios(findings.status(), findings.headline(), metrics);
+    else if (options.format == Format::JSON)
+        print_json(metrics, options.file, findings);
+    else if (options.format == Format::PROMETHEUS)
+        print_prometheus(metrics);
+    else
+        print_text(state);
+}
+
+// Returns the exit status.
+int run(const Options& options)
+{
+    Findings findings(options.file);
+    const std::optional<LiveState> state = check(options, findings);
+    if (state)
+        show(options, *state, findings);
+    else if (options.format != Format::TEXT)
+        throw std::runtime_error(options.file + ": " + findings.headline());
+    if (options.format == Format::TEXT) {
+        findings.print();
+        std::cout << options.file << ": " << findings.summary() << '\n';
+    }
+    return findings.status();
 }
 
 }  // namespace
@@ -88,14 +128,14 @@ void check(const Options& options, Findings& findings)
 int main(int argc, char** argv)
 {
     const Options options = Options::read(argc, argv);
-    Findings findings(options.file);
     try {
-        check(options, findings);
+        return run(options);
     } catch (const std::exception& error) {
+        if (options.format == Format::NAGIOS) {
+            print_nagios(UNKNOWN_STATUS, error.what(), {});
+            return UNKNOWN_STATUS;
+        }
         std::cerr << "voxstat-check: " << error.what() << '\n';
         return ERROR_STATUS;
     }
-    findings.print();
-    std::cout << options.file << ": " << findings.summary() << '\n';
-    return findings.status();
 }

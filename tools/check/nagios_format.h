@@ -1,0 +1,10 @@
+// One line with performance data, as Nagios and its kin take it from their plugins.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct Metric;
+
+// The status: 0 (OK), 1 (WARNING), 2 (CRITICAL) or 3 (UNKNOWN).
+void print_nagios(int status, const std::string& text, const std::vector<Metric>& metrics);
