@@ -2,13 +2,14 @@
 import csv
 import re
 import shutil
+import signal
 import socket
 import struct
 import subprocess
 import time
 
 import pytest
-from conftest import BUILD, HEADERS, ROOT, expected, free_port, line, voice_record
+from conftest import BUILD, HEADERS, ROOT, expected, free_port, line
 
 START = 1700000000      # 03:43:20 on the 15th of November 2023 in the zone of the tests
 
@@ -22,6 +23,7 @@ def run(tool, *options, **keywords):
     ("voxstat-sim", "--port=0", 'voxstat-sim: --port does not take "0"; see --help'),
     ("voxstat-sim", "--load=eos --first=4294967295 --count=2", "voxstat-sim: the numbers go up to 4294967295"),
     ("voxstat-sim", "--load=eos --calls=1", "voxstat-sim: --calls goes without --load; see --help"),
+    ("voxstat-sim", "--bad=7", "voxstat-sim: --bad 7 is more than --calls 6; see --help"),
     ("voxstat-sim", "--count=1", "voxstat-sim: --count goes with --load; see --help"),
     ("voxstat-plot", "--list -o it.png it", "voxstat-plot: --list draws no picture; see --help"),
     ("voxstat-check", "it", f'{BUILD}/tools/check/voxstat-check: what is "it"? Try --help.'),
@@ -57,12 +59,23 @@ def fields(datagram):
     return got
 
 
+def packets_of(voice):
+    """The records of voice datagrams by SSRC: when captured in microseconds, RTP sequence number and time stamp."""
+    streams = {}
+    for datagram in voice:
+        for at in range(0, len(datagram), 24 + 172):
+            size, *ends, seconds, micros, flags, sequence, stamp, ssrc = struct.unpack(">IIIHHIIHHII", datagram[at:at + 36])
+            assert (size, flags, {0xC0000207, 0xCB007105} >= set(ends[:2])) == (172, 0x8000, True)
+            streams.setdefault(str(ssrc), []).append((seconds * 10**6 + micros, sequence, stamp))
+    return streams
+
+
 def test_sim_plays_calls():
-    """Three calls in 45 seconds, from second 5 i to 35 + 5 i; the second is bad, the first silent for 4 seconds."""
+    """Three calls in 45 seconds, from second 5 i to 35 + 5 i; the second is bad, the first silent for an interval."""
     said, reports, voice = sim("--calls=3", "--duration=45", "--interval=10", "--speed=30")
     told = re.fullmatch(
         rf"45 simulated seconds of 3 calls in (\S+) s, to 127.0.0.1 ports \d+ and \d+:\n +{len(reports) - 6} session "
-        r"reports\n +6 end-of-session reports\n +80 voice datagrams with 400 voice records\n"
+        rf"reports\n +6 end-of-session reports\n +{len(voice)} voice datagrams with 998 voice records\n"
         rf" +{sum(map(len, reports + voice))} bytes\n", said)
     assert float(told[1]) >= 1.5
     start = fields(reports[0])["TIME_STAMP"] - 10 * 10**6
@@ -71,17 +84,46 @@ def test_sim_plays_calls():
             for report in reports]
     text = "".join(" ".join(f"{key}={value}" for key, value in row.items()) + "\n" for row in rows)
     assert text == expected("calls.txt")
-    unit, far_end = ("192.0.2.7", 16384), ("203.0.113.5", 5004)
-    for source, target, datagrams in ((unit, far_end, voice[::2]), (far_end, unit, voice[1::2])):
-        packets = b"".join(datagrams)
-        sequence, stamp, ssrc = struct.unpack(">HII", packets[26:36])
-        assert packets == b"".join(voice_record(
-            struct.pack(">HHII", 0x8000, (sequence + i) % 2**16, (stamp + 160 * i) % 2**32, ssrc) + 160 * b"\xff",
-            None, source, target, *divmod(start + 20000 * i, 10**6)) for i in range(200))
-        assert f"SSRC={ssrc} " in text
-    said, reports, _ = sim("--duration=20", "--speed=10000", "--seed=2")
-    assert f"SSRC={ssrc}\n".encode() not in b"".join(reports)
+    said, other, _ = sim("--duration=20", "--speed=10000", "--seed=2")
+    assert f"SSRC={rows[0]['SSRC']}\n".encode() not in b"".join(other)
     assert re.match(r"20 simulated seconds of 6 calls .*:\n +24 session", said)
+
+
+def test_sim_sends_what_it_reports():
+    """The records show the loss and the jitter (RFC 3550, mean) that the report of their interval states, good or bad."""
+    jitters = []
+    for options in ("--calls=1", "--calls=3 --seed=5"):
+        _, reports, voice = sim(*options.split(), "--duration=60", "--speed=100")
+        streams = packets_of(voice)
+        assert len(streams) == 2
+        for ssrc, packets in streams.items():
+            report, = [row for row in map(fields, reports) if row["SSRC"] == ssrc and row["TYPE"].count("_") == 1
+                       and 0 < row["TIME_STAMP"] - packets[0][0] <= 5 * 10**6]
+            first, jitter, total = packets[0], 0, 0
+            for one, two in zip(packets, packets[1:]):
+                sent = ((two[2] - one[2] + 2**31) % 2**32 - 2**31) / 8
+                jitter += (abs((two[0] - one[0]) / 1000 - sent) - jitter) / 16
+                total += jitter
+            numbers = {(packet[1] - first[1]) % 2**16 for packet in packets}
+            assert len(packets) == len(numbers) == 250 - int(report["LOST_SINCE_LAST_REPORT"]) and max(numbers) == 249
+            assert {(packet[2] - first[2]) % 2**32 for packet in packets} == {160 * number for number in numbers}
+            assert abs(total / len(packets) - int(report["JITTER_AVG"])) < 0.5
+            jitters.append(int(report["JITTER_AVG"]))
+    assert min(jitters) < 20 < 50 < max(jitters)
+
+
+@pytest.mark.parametrize("options, said", [
+    ("--interval=1 --speed=4", r"stopped after \d of 300 simulated seconds of 6 calls in .*\n +\d session reports\n"),
+    ("--load=eos --rate=1 --burst=5", "load=eos first=1 count=1000 sent=5 "),
+])
+def test_sim_says_what_it_did_when_stopped(options, said):
+    with socket.socket(type=socket.SOCK_DGRAM) as reader:
+        reader.bind(("127.0.0.1", 0))
+        with subprocess.Popen([BUILD / "tools/voxstat-sim", f"--port={reader.getsockname()[1]}", *options.split()],
+                              stdout=subprocess.PIPE, text=True) as stopped:
+            reader.recv(2000)
+            stopped.send_signal(signal.SIGINT)
+            assert re.match(said, stopped.communicate(timeout=10)[0]) and stopped.returncode == 1
 
 
 def test_sim_sends_load():

@@ -1,5 +1,7 @@
 #include "tools/sim/call.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr std::uint32_t FAR_END_NETWORK = 0xCB007100;  // 203.0.113.0
@@ -36,9 +38,12 @@ Call::Reports Call::due_reports(SimTime now, WallTime start)
 {
     Reports due;
     for (std::size_t i = 0; i < _streams.size(); i++)
-        for (; _next_report[i] <= std::min(now, _plan.end); _next_report[i] += _plan.interval)
+        for (; _next_report[i] <= std::min(now, _plan.end); _next_report[i] += _plan.interval) {
             due.session.push_back(
                 _streams[i].session_report(_next_report[i], _plan.interval, start));
+            if (is_silent(_next_report[i] - _plan.interval, _next_report[i]))
+                _streams[i].record_packets(_next_report[i], _plan.interval, start);
+        }
     if (now >= _plan.end && !_ended) {
         _ended = true;
         for (const MediaStream& stream : _streams)
@@ -46,4 +51,9 @@ Call::Reports Call::due_reports(SimTime now, WallTime start)
                 stream.end_of_session_report(_plan.begin, _plan.end, start));
     }
     return due;
+}
+
+bool Call::is_silent(SimTime begin, SimTime end) const
+{
+    return _plan.silent_at && begin <= *_plan.silent_at && *_plan.silent_at < end;
 }

@@ -3,8 +3,8 @@
 // Neither copied nor moved: its streams point to its identity.
 #pragma once
 
-#include <algorithm>
 #include <array>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -15,9 +15,9 @@
 struct CallPlan {
     unsigned number;  // from 0, tells the calls apart
     SimTime begin, end;
-    SimTime interval;  // between the reports of a direction
-    SimTime silence;   // how long, from the begin on, the streams carry no voice
-    Trouble trouble;   // of the near end; the far end has half of it
+    SimTime interval;                  // between the reports of a direction
+    std::optional<SimTime> silent_at;  // the reported interval around it is without voice
+    Trouble trouble;                   // of the near end; the far end has half of it
 };
 
 class Call {
@@ -30,16 +30,15 @@ public:
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
 
-    // The reports that have become due. The wall time is that of the run's start.
+    // The reports that have become due. Of an interval without voice the streams have records then.
+    // The wall time is that of the run's start.
     Reports due_reports(SimTime now, WallTime start);
 
-    bool is_silent(SimTime now) const
-    {
-        return now >= _plan.begin && now < std::min(_plan.begin + _plan.silence, _plan.end);
-    }
     std::array<MediaStream, 2>& streams() { return _streams; }
 
 private:
+    bool is_silent(SimTime begin, SimTime end) const;
+
     CallPlan _plan;
     CallIdentity _identity;
     std::array<MediaStream, 2> _streams;  // near end, far end

@@ -83,18 +83,21 @@ bool LoadGenerator::run()
     const Pacer stopwatch;
     send_all();
     print_summary(stopwatch.seconds_passed());
-    return _sender.counts().lost() == 0;
+    return _sender.counts().datagrams == _options.count;
 }
 
 void LoadGenerator::send_all()
 {
     constexpr std::uint64_t NANOSECONDS = 1000000000;
+    constexpr std::uint64_t BURSTS_TO_LOOK_AFTER = 256;  // for a signal; unpaced, each look costs
     Progress progress;
     const Pacer pacer;
     std::uint32_t done = 0;
-    while (done < _options.count) {
-        if (_options.rate != 0)
-            pacer.wait_until(std::chrono::nanoseconds(done * NANOSECONDS / _options.rate));
+    const std::uint64_t look_every = _options.rate != 0 ? 1 : BURSTS_TO_LOOK_AFTER;
+    for (std::uint64_t bursts = 0; done < _options.count; bursts++) {
+        const std::uint64_t due_ns = _options.rate != 0 ? done * NANOSECONDS / _options.rate : 0;
+        if (bursts % look_every == 0 && !pacer.wait_until(std::chrono::nanoseconds(due_ns)))
+            return;
         const std::uint32_t datagrams = std::min(_options.burst, _options.count - done);
         send_burst(done, datagrams);
         done += datagrams;

@@ -12,7 +12,8 @@ public:
     // Throws std::system_error when there is no socket to be had.
     explicit LoadGenerator(const SimOptions& options);
 
-    // Sends everything and prints what was sent as key=value words. True when all was sent.
+    // Sends everything and prints what was sent as key=value words, also when a signal stops it.
+    // True when all was sent.
     bool run();
 
 private:

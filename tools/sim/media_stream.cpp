@@ -2,19 +2,35 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
+#include <utility>
 
-#include "tools/sim/voice_record.h"
+#include "tools/sim/arrivals.h"
 
 namespace {
 
 constexpr std::uint32_t UNIT_ADDRESS = 0xC0000207;  // 192.0.2.7
 constexpr std::uint32_t SAMPLES_PER_PACKET = 160;
-constexpr char PCMU_SILENCE = '\xFF';
 
 std::string dotted(std::uint32_t address)
 {
     return std::to_string(address >> 24) + "." + std::to_string((address >> 16) & 0xFF) + "." +
            std::to_string((address >> 8) & 0xFF) + "." + std::to_string(address & 0xFF);
+}
+
+// A packet of a line where nobody speaks: one period of a quiet hum of 50 Hz. So near to silence
+// the PCMU codes count the steps from 0 down, from 255 for positive samples and from 127 for
+// negative.
+std::string hum()
+{
+    constexpr double STEPS = 15;
+    std::string sound;
+    for (std::uint32_t i = 0; i < SAMPLES_PER_PACKET; i++) {
+        const long level =
+            std::lround(STEPS * std::sin(2 * std::numbers::pi * i / SAMPLES_PER_PACKET));
+        sound += static_cast<char>(level >= 0 ? 255 - level : 127 + level);
+    }
+    return sound;
 }
 
 double percent(long part, long whole)
@@ -54,6 +70,8 @@ std::string MediaStream::session_report(SimTime now, SimTime interval, WallTime 
     const long jitter = std::lround(sample.jitter_ms);
     const long round_trip = std::lround(sample.round_trip_ms);
     _lost += lost;
+    _last_lost = lost;
+    _last_jitter_ms = jitter;
     _jitter.add(jitter);
     _round_trip.add(round_trip);
 
@@ -91,24 +109,47 @@ std::string MediaStream::end_of_session_report(SimTime begin, SimTime end, WallT
     return std::string(report.text());
 }
 
-void MediaStream::append_silent_packet(std::string& datagram, WallTime captured)
+void MediaStream::record_packets(SimTime now, SimTime interval, WallTime start)
 {
-    static const std::string silence(SAMPLES_PER_PACKET, PCMU_SILENCE);
+    const auto packets = static_cast<std::size_t>(interval / PACKET_TIME);
+    for (const Arrival& each :
+         arrivals_with(packets, static_cast<std::size_t>(_last_lost),
+                       static_cast<double>(_last_jitter_ms), PACKET_TIME, _ssrc)) {
+        VoiceRecord record = voice_record();
+        record.captured = start + (now - interval) + each.time;
+        record.sequence = static_cast<std::uint16_t>(_sequence + each.packet);
+        record.timestamp =
+            _timestamp + SAMPLES_PER_PACKET * static_cast<std::uint32_t>(each.packet);
+        _records.push_back(record);
+    }
+    _sequence = static_cast<std::uint16_t>(_sequence + packets);
+    _timestamp += SAMPLES_PER_PACKET * static_cast<std::uint32_t>(packets);
+}
 
-    VoiceRecord record = {.source_address = UNIT_ADDRESS,
-                          .destination_address = _call->far_end_address,
-                          .source_port = _call->unit_port,
-                          .destination_port = _call->far_end_port,
-                          .captured = captured,
-                          .sequence = _sequence++,
-                          .timestamp = _timestamp,
-                          .ssrc = _ssrc};
-    _timestamp += SAMPLES_PER_PACKET;
+std::string MediaStream::next_voice_datagram(std::size_t records)
+{
+    static const std::string sound = hum();
+    std::string datagram;
+    for (; records > 0 && !_records.empty(); records--) {
+        _records.front().append_to(datagram, sound);
+        _records.pop_front();
+    }
+    return datagram;
+}
+
+VoiceRecord MediaStream::voice_record() const
+{
+    VoiceRecord record;
+    record.source_address = UNIT_ADDRESS;
+    record.destination_address = _call->far_end_address;
+    record.source_port = _call->unit_port;
+    record.destination_port = _call->far_end_port;
+    record.ssrc = _ssrc;
     if (_end == CallEnd::FAR) {  // what comes from there
         std::swap(record.source_address, record.destination_address);
         std::swap(record.source_port, record.destination_port);
     }
-    record.append_to(datagram, silence);
+    return record;
 }
 
 void MediaStream::add_identity(ReportText& report) const

@@ -2,12 +2,15 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <random>
 #include <string>
 
 #include "tools/sim/line_quality.h"
 #include "tools/sim/report_text.h"
+#include "tools/sim/voice_record.h"
 
 using SimTime = std::chrono::microseconds;  // since the start of the run
 using WallTime = std::chrono::system_clock::time_point;
@@ -36,8 +39,14 @@ public:
     // Sums up what the session reports said of the time from begin to end.
     std::string end_of_session_report(SimTime begin, SimTime end, WallTime start) const;
 
-    // Appends the stream's next packet, without voice, as a voice record.
-    void append_silent_packet(std::string& datagram, WallTime captured);
+    // Makes voice records of the packets of the interval that the last session report was of. They
+    // show the loss and the jitter that it stated.
+    void record_packets(SimTime now, SimTime interval, WallTime start);
+
+    // The next of these records that were not taken yet, so many at most; empty if there are none.
+    std::string next_voice_datagram(std::size_t records);
+
+    std::size_t records_left() const { return _records.size(); }
 
 private:
     struct Figure {
@@ -47,6 +56,7 @@ private:
         long average() const { return count == 0 ? 0 : sum / count; }
     };
 
+    VoiceRecord voice_record() const;
     void add_identity(ReportText& report) const;
 
     const CallIdentity* _call;
@@ -55,6 +65,8 @@ private:
     std::uint32_t _ssrc;
     std::uint16_t _sequence;
     std::uint32_t _timestamp;
-    long _lost = 0;
+    std::deque<VoiceRecord> _records;  // not taken yet
+    long _lost = 0, _last_lost = 0;    // the latter in the last report
+    long _last_jitter_ms = 0;
     Figure _jitter, _round_trip;
 };

@@ -1,15 +1,30 @@
 #include "tools/sim/pacer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
-void Pacer::wait_until(std::chrono::nanoseconds since_start) const
+Pacer::Pacer()
 {
-    constexpr std::chrono::nanoseconds SECOND = std::chrono::seconds(1);
-    const std::chrono::nanoseconds deadline = _start.time_since_epoch() + since_start;
-    const timespec at = {.tv_sec = deadline / SECOND,
-                         .tv_nsec = static_cast<long>((deadline % SECOND).count())};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {}
+    sigemptyset(&_stop_signals);
+    sigaddset(&_stop_signals, SIGINT);
+    sigaddset(&_stop_signals, SIGTERM);
+    (void)sigprocmask(SIG_BLOCK, &_stop_signals, nullptr);  // fails for wrong arguments only
+}
+
+bool Pacer::wait_until(std::chrono::nanoseconds since_start) const
+{
+    using std::chrono::nanoseconds;
+    constexpr nanoseconds SECOND = std::chrono::seconds(1);
+    int stopped_by = -1;
+    do {
+        const nanoseconds left = std::max<nanoseconds>(
+            _start + since_start - std::chrono::steady_clock::now(), nanoseconds(0));
+        const timespec wait = {.tv_sec = static_cast<std::time_t>(left / SECOND),
+                               .tv_nsec = static_cast<long>((left % SECOND).count())};
+        stopped_by = sigtimedwait(&_stop_signals, nullptr, &wait);
+    } while (stopped_by == -1 && errno == EINTR);  // by another signal
+    return stopped_by == -1;
 }
 
 double Pacer::seconds_passed() const

@@ -154,6 +154,11 @@ std::optional<SimOptions> SimOptions::parse(int argc, char** argv)
                            is_load ? "without" : "with");
         return std::nullopt;
     }
+    if (!is_load && options.bad > options.calls) {
+        (void)std::fprintf(stderr, "voxstat-sim: --bad %u is more than --calls %u; see --help\n",
+                           options.bad, options.calls);
+        return std::nullopt;
+    }
     if (options.count - 1 > NO_LIMIT - options.first) {
         (void)std::fputs("voxstat-sim: the numbers go up to 4294967295\n", stderr);
         return std::nullopt;

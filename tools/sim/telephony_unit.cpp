@@ -1,5 +1,6 @@
 #include "tools/sim/telephony_unit.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
@@ -9,12 +10,13 @@
 namespace {
 
 // The simulation advances by what one voice datagram holds of a stream.
-constexpr int RECORDS_PER_DATAGRAM = 5;
+constexpr std::size_t RECORDS_PER_DATAGRAM = 5;
 constexpr SimTime TICK = MediaStream::PACKET_TIME * RECORDS_PER_DATAGRAM;
 
-// Every third call is without voice for its first seconds.
+// Every third call is without voice for an interval, unless that is so long that the packets of all
+// such calls would not fit into memory.
 constexpr unsigned SILENT_CALL = 3;
-constexpr SimTime SILENCE = std::chrono::seconds(4);
+constexpr SimTime LONGEST_SILENCE = std::chrono::minutes(1);
 
 }  // namespace
 
@@ -33,7 +35,7 @@ void TelephonyUnit::plan_calls()
 
 // The calls begin in the first third of the time and end, one after the other, in the last third.
 // The bad ones lie as evenly among them as can be and are bad for half of the time that all calls
-// share.
+// share. Where a call is without voice, it is so at its begin, or when it is at its worst.
 CallPlan TelephonyUnit::plan_call(unsigned number)
 {
     const SimTime third = _duration / 3;
@@ -41,13 +43,19 @@ CallPlan TelephonyUnit::plan_call(unsigned number)
                      .begin = third * number / _options.calls,
                      .end = third * 2 + third * (number + 1) / _options.calls,
                      .interval = std::chrono::seconds(_options.interval_s),
-                     .silence = number % SILENT_CALL == 0 ? SILENCE : SimTime::zero(),
+                     .silent_at = {},
                      .trouble = {}};
+    SimTime silent_at = plan.begin + plan.interval / 2;
     if (is_bad(number)) {
-        const double duration_s = std::chrono::duration<double>(_duration).count();
-        plan.trouble = {
-            .begin_s = duration_s * 5 / 12, .end_s = duration_s * 8 / 12, .severity = 1};
+        const SimTime begin = _duration * 5 / 12;
+        const SimTime end = _duration * 8 / 12;
+        plan.trouble = {.begin_s = std::chrono::duration<double>(begin).count(),
+                        .end_s = std::chrono::duration<double>(end).count(),
+                        .severity = 1};
+        silent_at = (begin + end) / 2;
     }
+    if (number % SILENT_CALL == 0 && plan.interval <= LONGEST_SILENCE)
+        plan.silent_at = silent_at;
     return plan;
 }
 
@@ -63,12 +71,13 @@ bool TelephonyUnit::is_bad(unsigned number) const
 bool TelephonyUnit::run()
 {
     const Pacer stopwatch;
-    play();
-    print_summary(stopwatch.seconds_passed());
-    return _report_sender.counts().lost() + _voice_sender.counts().lost() == 0;
+    const SimTime played = play();
+    print_summary(played, stopwatch.seconds_passed());
+    return played == _duration &&
+           _report_sender.counts().lost() + _voice_sender.counts().lost() == 0;
 }
 
-void TelephonyUnit::play()
+SimTime TelephonyUnit::play()
 {
     const auto to_real = [this](SimTime time) {
         return std::chrono::nanoseconds(static_cast<std::int64_t>(
@@ -78,16 +87,27 @@ void TelephonyUnit::play()
              std::chrono::duration_cast<SimTime>(to_real(_duration));
     Progress progress;
     const Pacer pacer;
-    for (SimTime now = SimTime::zero(); now <= _duration; now += TICK) {
-        pacer.wait_until(to_real(now));
+    // Records follow their report, maybe the last one.
+    for (SimTime now = SimTime::zero(); now <= _duration || has_records_left(); now += TICK) {
+        if (!pacer.wait_until(to_real(now)))
+            return now;
         for (Call& call : _calls) {
-            send_silence(call, now);
             send_reports(call, now);
+            send_records(call);
         }
         if (progress.is_due())
             progress.show(std::to_string(now / std::chrono::seconds(1)) + " of " +
                           std::to_string(_options.duration_s) + " simulated seconds");
     }
+    return _duration;
+}
+
+bool TelephonyUnit::has_records_left()
+{
+    return std::any_of(_calls.begin(), _calls.end(), [](Call& call) {
+        return std::any_of(call.streams().begin(), call.streams().end(),
+                           [](const MediaStream& stream) { return stream.records_left() > 0; });
+    });
 }
 
 void TelephonyUnit::send_reports(Call& call, SimTime now)
@@ -101,23 +121,24 @@ void TelephonyUnit::send_reports(Call& call, SimTime now)
     _end_of_session_reports += due.end_of_session.size();
 }
 
-void TelephonyUnit::send_silence(Call& call, SimTime now)
+void TelephonyUnit::send_records(Call& call)
 {
-    if (!call.is_silent(now))
-        return;
     for (MediaStream& stream : call.streams()) {
-        std::string datagram;
-        for (int i = 0; i < RECORDS_PER_DATAGRAM; i++)
-            stream.append_silent_packet(datagram, _start + now + i * MediaStream::PACKET_TIME);
-        _voice_sender.send(datagram);
-        _voice_records += RECORDS_PER_DATAGRAM;
+        const std::size_t left = stream.records_left();
+        if (left == 0)
+            continue;
+        _voice_sender.send(stream.next_voice_datagram(RECORDS_PER_DATAGRAM));
+        _voice_records += left - stream.records_left();
     }
 }
 
-void TelephonyUnit::print_summary(double seconds) const
+void TelephonyUnit::print_summary(SimTime played, double seconds) const
 {
     SendCounts counts = _report_sender.counts();
     counts += _voice_sender.counts();
+    if (played != _duration)
+        std::printf("stopped after %lld of ",
+                    static_cast<long long>(played / std::chrono::seconds(1)));
     std::printf("%u simulated seconds of %u calls in %.1f s, to 127.0.0.1 ports %u and %u:\n",
                 _options.duration_s, _options.calls, seconds, unsigned{_options.port},
                 unsigned{_options.voice_port()});

@@ -15,17 +15,18 @@ public:
     // Plans the calls. Throws std::system_error when there is no socket to be had.
     explicit TelephonyUnit(const SimOptions& options);
 
-    // Plays them and prints what was sent. True when all was sent.
+    // Plays them and prints what was sent, also when a signal stops it. True when all was sent.
     bool run();
 
 private:
     void plan_calls();
     CallPlan plan_call(unsigned number);
     bool is_bad(unsigned number) const;
-    void play();
+    SimTime play();  // returns how far it came
+    bool has_records_left();
     void send_reports(Call& call, SimTime now);
-    void send_silence(Call& call, SimTime now);
-    void print_summary(double seconds) const;
+    void send_records(Call& call);
+    void print_summary(SimTime played, double seconds) const;
 
     SimOptions _options;
     SimTime _duration;

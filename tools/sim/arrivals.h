@@ -1,0 +1,18 @@
+// When the packets of a stream arrive whose receiver measures a given loss and jitter.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+struct Arrival {
+    std::size_t packet;              // from 0, in the order of sending
+    std::chrono::microseconds time;  // since the first packet was sent
+};
+
+// In the order of arrival. The first and the last packet always arrive, in these places: without
+// them nobody could tell how many were sent. The jitter is the mean of what RFC 3550 computes at
+// each packet. The same seed gives the same arrivals.
+std::vector<Arrival> arrivals_with(std::size_t packets, std::size_t lost, double jitter_ms,
+                                   std::chrono::microseconds packet_time, std::uint32_t seed);
