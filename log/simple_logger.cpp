@@ -93,13 +93,13 @@ std::string SimpleLogger::dbg_level_2_str(DbgLevel level)
 
 std::string dbg_format_line(DbgLevel level, LogPieces pieces) noexcept
 {
-    Utils::Stamp stamp;
     char thread_id[sizeof " [0xFFFFFF] "];
     std::snprintf(
         thread_id, sizeof thread_id, " [0x%x] ",
         static_cast<unsigned>(static_cast<std::uintptr_t>(pthread_self()) & THREAD_ID_MASK));
     std::string line;
     try {
+        Utils::Stamp stamp;
         line.append(Utils::t_stamp(stamp)).append(" ");
         line.append(SimpleLogger::dbg_level_2_str(level)).append(thread_id);
         for (const std::string_view piece : pieces)
