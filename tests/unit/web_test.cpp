@@ -61,14 +61,14 @@ TEST(WebClient, SaysHowMuchItPostsWhateverFails)
     struct Row {
         const char* what;
         int failing;            // of the calls that set a body and its size
-        std::size_t posted[2];  // bytes, of bodies of 304 and 204
+        std::size_t posted[2];  // bytes, of bodies of 204 and 504
         const char* logged;
     };
-    static const Row rows[] = {{"nothing", 0, {304, 204}, ""},
-                               {"the first body", 1, {0, 204}, "POSTFIELDS"},
-                               {"the first size", 2, {304, 204}, "POSTFIELDSIZE"},
-                               {"the second body", 3, {304, 204}, "POSTFIELDS"},
-                               {"the second size", 4, {304, 304}, "POSTFIELDSIZE"}};
+    static const Row rows[] = {{"nothing", 0, {204, 504}, ""},
+                               {"the first body", 1, {0, 504}, "POSTFIELDS"},
+                               {"the first size", 2, {204, 504}, "POSTFIELDSIZE"},
+                               {"the second body", 3, {204, 504}, "POSTFIELDS"},
+                               {"the second size", 4, {204, 204}, "POSTFIELDSIZE"}};
     LogCapture log;
     for (const Row& row : rows) {
         std::map<long, long> options;
@@ -87,7 +87,7 @@ TEST(WebClient, SaysHowMuchItPostsWhateverFails)
             EXPECT_EQ(1, options[CURLOPT_VERBOSE]);
             faults.arm("curl_easy_setopt", row.failing, 7);
             faults.arm("curl_easy_perform", 1, 7, true);
-            for (const std::size_t line : {300U, 200U}) {
+            for (const std::size_t line : {200U, 500U}) {
                 EXPECT_EQ(line, client.write(line));
                 faults.clock_shift += 6;
                 client.wc_perform();
