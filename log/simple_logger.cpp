@@ -25,6 +25,8 @@ SimpleLogger* SimpleLogger::getInstance()
 SimpleLogger::~SimpleLogger()
 {
     dbg_stop();
+    _groups.clear();
+    _default_group = nullptr;
 }
 
 int SimpleLogger::register_dbg_group(DebugGroup* group)

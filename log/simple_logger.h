@@ -88,7 +88,8 @@ private:
     void dbg_report_overflow();
     std::string dbg_take_block(bool flush_all);
 
-    std::vector<DebugGroup*> _groups;  // not owned; they live until the process ends
+    // The list lives until the process ends, as the groups do, or they would count as leaks.
+    std::vector<DebugGroup*>& _groups = *new std::vector<DebugGroup*>;
     // The first of them. The writers of log and files use no other, and already run while the main
     // thread registers the rest, so they must not look at the list.
     const DebugGroup* _default_group = nullptr;
