@@ -52,11 +52,8 @@ class Machine:
     def __init__(self, root):
         self.root = root
         release = re.search("^VERSION_CODENAME=(.*)", Path("/etc/os-release").read_text(), re.M)[1]
-        targets = run("apt-get", "indextargets", "--format", "$(CODENAME) $(COMPONENT) $(REPO_URI)", "Identifier: Packages")
-        mirror = re.search(f"^{release} main (.*)", targets, re.M)[1]
-        proxy = run("bash", "-c", 'eval "$(apt-config shell p Acquire::http::Proxy)"; printf %s "$p"')
-        run("debootstrap", "--variant=minbase", "--include=systemd,libcurl4", release, root, mirror,
-            env={**os.environ, **({"http_proxy": proxy} if proxy else {})})
+        run(ROOT / "scripts/debian-root", release, run("dpkg", "--print-architecture").strip(), root, "--variant=minbase",
+            "--include=systemd,libcurl4")
 
     def boot(self):
         self.log = self.root.with_suffix(".log")
@@ -105,8 +102,8 @@ class Machine:
 
 @pytest.fixture(scope="module")
 def machine(tmp_path_factory):
-    if os.geteuid() != 0 or not all(map(shutil.which, ("systemd-nspawn", "debootstrap"))):
-        pytest.skip("booting a root needs root, systemd-nspawn and debootstrap")
+    if os.geteuid() != 0 or not shutil.which("systemd-nspawn"):
+        pytest.skip("booting a root needs root and systemd-nspawn")
     machine = Machine(tmp_path_factory.mktemp("machine") / "root")
     machine.boot()
     if machine.nspawn.poll() is not None:
