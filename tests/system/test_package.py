@@ -2,10 +2,12 @@
 import re
 import shutil
 import subprocess
+import sys
+from pathlib import Path
 
 import pytest
 
-from conftest import ROOT, report
+from conftest import ROOT, VOXSTAT
 
 UNIT = ROOT / "packaging/voxstat.service"
 
@@ -19,12 +21,28 @@ def test_unit():
     assert int(re.search(r"^TimeoutStopSec=(\d+)", UNIT.read_text(), re.M)[1]) > 60     # the main loop's wait
 
 
-@pytest.mark.long
-def test_package(start, tmp_path):
-    built = subprocess.run([ROOT / "scripts/package"], capture_output=True, text=True)     # lintian has its say there
+def package(*options):
+    """Builds the packages, which lintian must find nothing wrong with; returns the daemon's."""
+    built = subprocess.run([ROOT / "scripts/package", *options], capture_output=True, text=True)
     assert built.returncode == 0, built.stdout + built.stderr
-    subprocess.run(["dpkg-deb", "--extract", ROOT / built.stdout.splitlines()[-1], tmp_path / "root"], check=True)
-    daemon = start(program=tmp_path / "root/usr/sbin/voxstat")
-    daemon.send(report())
-    daemon.stop()
-    assert daemon.text().count("\n") == 2
+    return ROOT / built.stdout.splitlines()[-1]
+
+
+@pytest.mark.long
+@pytest.mark.parametrize("arch, emulator", [(None, None), ("arm64", "qemu-aarch64"), ("armhf", "qemu-arm")])
+def test_package(tmp_path, arch, emulator):
+    """The packaged daemon writes what the one of this build writes."""
+    if emulator and not shutil.which(emulator):
+        pytest.skip(f"no {emulator}")
+    deb, root, program = package(*("--arch", arch) if arch else ()), tmp_path / "root", tmp_path / "packaged"
+    if emulator:    # below the libraries that it depends on
+        libraries = re.findall(r"lib[a-z0-9.+-]+", subprocess.check_output(["dpkg-deb", "-f", deb, "Depends"], text=True))
+        release = re.search("^VERSION_CODENAME=(.*)", Path("/etc/os-release").read_text(), re.M)[1]
+        subprocess.run([ROOT / "scripts/debian-root", release, arch, root, "--variant=extract",
+                        "--include=" + ",".join(libraries)], check=True)
+    subprocess.run(["dpkg-deb", "--extract", deb, root], check=True)
+    settings = re.findall(r"^\w.*", (root / "etc/voxstat/voxstat.cfg").read_text(), re.M)
+    assert [row.split()[0] for row in settings] == ["qos_stat_dir"]     # which the comparison sets to directories of its own
+    program.write_text(f"#!/bin/sh\nexec {f'{emulator} -L {root}' if emulator else ''} {root}/usr/sbin/voxstat \"$@\"\n")
+    program.chmod(0o755)
+    subprocess.run([sys.executable, ROOT / "scripts/compare_builds.py", tmp_path, VOXSTAT, program], check=True)
