@@ -37,7 +37,8 @@ function drawChart(place, title, curves, range, {from, to}) {
                 tooltip: {callbacks: {title: items => moment(items[0].parsed.x)}}}}});
 }
 
-const timeLabel = (seconds, span) => localTime(seconds).slice(span > DAY_S ? 5 : 11, span < 420 ? 19 : 16).replace("T", " ");
+const timeLabel = (seconds, span) =>
+    localTime(seconds).slice(span > 86400 ? 5 : 11, span < 420 ? 19 : 16).replace("T", " ");
 
 const points = (rows, column, factor = 1, later = 0) =>
     rows.map(row => ({x: row.t + later, y: row[column] * factor}));

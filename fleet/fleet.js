@@ -25,7 +25,8 @@ let finished = -Infinity;   // when the last round was complete; none is while o
 let unreachable = "";   // why the store does not answer
 
 const hex = text => [...new TextEncoder().encode(text)].map(byte => byte.toString(16).padStart(2, "0")).join("");
-const unhex = digits => new TextDecoder().decode(Uint8Array.from(digits.match(/../g) ?? [], pair => parseInt(pair, 16)));
+const unhex = digits =>
+    new TextDecoder().decode(Uint8Array.from(digits.match(/../g) ?? [], pair => parseInt(pair, 16)));
 const age = seconds => seconds < 120 ? `${Math.max(0, Math.round(seconds))} s`
     : seconds < 7200 ? `${Math.round(seconds / 60)} min` : `${number(seconds / 3600)} h`;
 
@@ -111,8 +112,8 @@ function showState() {
 const toUnit = ({unit}) => address({unit, call: ""});
 const toSite = ({site}) => site && address({site, unit: "", call: ""});
 const toCall = row => row.id && address({call: [row.id, row.since, row.until].join("_")});
-const withUnit = row => ({...row, unit_name: expected[row.unit]?.unit_name ?? "(not expected)",
-    site: expected[row.unit]?.site ?? ""});
+const withUnit = row => ({...row, ...expected[row.unit] ??
+    {unit_name: Object.keys(expected).length ? "(not expected)" : "", site: ""}});
 const atTime = since => Object.assign(value => value ? moment(value) : `none since ${moment(since)}`, {time: true});
 const UNIT = ["unit", "Unit", null, toUnit], NAMES = [["unit_name", "Name"], ["site", "Site", null, toSite]];
 const RTCP_NAME = ["rtcp_name", "RTCP name"], CALL = ["call", "Call", null, toCall], TID = ["terminal", "TID"];
@@ -143,21 +144,20 @@ function showExpected(rows) {
         .map(row => [row.unit, `${row.unit} ${row.unit_name}`]));
     const lost = rows.filter(isMissing), section = element("missing");
     section.hidden = !down.length;
-    section.querySelector("h2").textContent = `No answer from ${down.map(({nodes}) => nodes.join(" and ")).join(", ")}: ` +
-        `${number(lost.length)} expected units are missing from this page`;
-    showTable("missing", [UNIT, ...NAMES], lost, "This page shows these units again when their shard answers.");
+    section.querySelector("h2").textContent =
+        `No answer from ${down.flatMap(({nodes}) => nodes).join(", ")}. Missing units: ${number(lost.length)}`;
+    showTable("missing", [UNIT, ...NAMES], lost, "The page shows no data of these units until their shard answers.");
 }
 
 function showSilent(rows, {from, to}) {
     const known = rows.filter(row => !isMissing(row)).map(row => ({...row, state:
         [row.silent && (row.last_heard ? `silent for ${age(to - row.last_heard)}` : "silent"),
             !row.expected && "not expected"].filter(Boolean).join(", ")}));
-    const silent = known.filter(row => row.silent).length;
-    countIn("silent", "Silent units: ", silent);
+    countIn("silent", "Silent units: ", known.filter(row => row.silent).length);
     showTable("silent", [UNIT, ["state", "State"], ...NAMES,
         ["last_heartbeat", "Last heartbeat", atTime(to - HEARTBEATS_S)], ["last_report", "Last report", atTime(from)]],
-    known, `Nothing received for more than ${SILENT_AFTER_S / 60} minutes. ` +
-        `${number(known.filter(row => !row.expected).length)} units are not expected (not in units.csv).`);
+    known, `A unit is silent when nothing arrived for more than ${SILENT_AFTER_S / 60} minutes. ` +
+        `Units that are not expected (not in units.csv): ${number(known.filter(row => !row.expected).length)}.`);
 }
 
 // The heading of a query's part, with a count in it.
@@ -169,10 +169,9 @@ function countIn(query, title, count, form = value => value ? number(value) : "n
 function showCalls(rows) {
     const bad = rows.filter(({severity}) => severity >= 1).length;
     countIn("worst_calls", "Worst calls: ", bad, count => count < 100 ? `${count} bad` : "100 or more bad");
-    showTable("calls", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME,
-        ["loss_mean", "Loss (%)", percent], ["reports", "Reports", number], LAST], rows.map(withUnit),
-    "Worst calls first. What counts is the worst report of a call: its loss, jitter or round-trip time, " +
-        "each divided by the value from which it is bad.");
+    showTable("calls", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME, ["loss_mean", "Loss (%)", percent],
+        TRAFFIC[1], LAST], rows.map(withUnit), "Worst calls first. What counts is the worst report of a call: its " +
+        "loss, jitter or round-trip time, each divided by the value from which it is bad.");
 }
 
 function showUnits(rows, total) {
@@ -180,16 +179,17 @@ function showUnits(rows, total) {
         LAST], rows.map(withUnit), `Lowest mean MOS first, ${share(rows.length, total)} units.`);
 }
 
-const showSites = rows => showTable("sites", [NAMES[1], ...means(), ["units", "Units", number], ...TRAFFIC], rows, "Lowest mean MOS first. Units that are not expected have no site.");
+const showSites = rows => showTable("sites", [NAMES[1], ...means(), ["units", "Units", number], ...TRAFFIC], rows,
+    "Lowest mean MOS first. Units that are not expected have no site.");
 
 function showFound(rows) {
     const text = chosen("find"), has = value => value.toLowerCase().includes(text.toLowerCase());
     const units = Object.values(expected).filter(row => has(row.unit) || has(row.unit_name) || has(row.site));
     element("found").querySelector("h2").textContent =
-        `Found “${text}” in ${number(units.length)} units and ${number(rows.length)} calls`;
-    showTable("found", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME,
-        ["reports", "Reports", number], LAST], [...units.map(unit => ({...unit, call: "", terminal: "", rtcp_name: ""})),
-        ...rows.map(withUnit)], "Calls of the chosen time, site and unit; the latest first.");
+        `Search for “${text}”. Units: ${number(units.length)}, calls: ${number(rows.length)}`;
+    showTable("found", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME, TRAFFIC[1], LAST],
+        [...units.map(unit => ({...unit, call: "", terminal: "", rtcp_name: ""})), ...rows.map(withUnit)],
+        "Calls of the chosen time, site and unit, the latest first.");
 }
 
 function showTiles(id, tiles) {
@@ -232,8 +232,9 @@ function callQuery({to}, opened) {
                 points(reports.filter(({type}) => type === label.replace(" ", "_")), column, factor)]);
         const all = key => [...new Set(reports.map(report => report[key] || "unknown"))].join(", ");
         section.querySelector("h2").textContent = `Call ${unhex(gcid) || "(none)"} of unit ${unhex(sn)}`;
-        section.querySelector("p").textContent = `TID ${unhex(tid) || "unknown"}, ${moment(begin)} to ${moment(end)}, ` +
-            `${share(reports.length, total)} reports, far end ${all("far_end")}, RTCP name ${all("name")}`;
+        section.querySelector("p").textContent = [`${moment(begin)} to ${moment(end)}`,
+            `${share(reports.length, total)} reports`, `TID ${unhex(tid) || "unknown"}`, `far end ${all("far_end")}`,
+            `RTCP name ${all("name")}`].join(", ");
         drawCharts(section.querySelector(".charts"), charts(ends), {from: begin - margin, to: end + margin});
         if (opened)
             section.focus();
@@ -294,7 +295,7 @@ function readAddress() {
     for (const id of ["period", "find", "scale"])
         element(id).value = chosen(id);
     for (const id of ["from", "to"])
-        element(id).value = Number(chosen(id)) ? localTime(Number(chosen(id))) : "";
+        element(id).value = /^\d{1,10}$/.test(chosen(id)) ? localTime(Number(chosen(id))) : "";
     document.querySelectorAll(".chosen").forEach(label => { label.hidden = chosen("period") !== "chosen"; });
     element("legend").textContent = legend();
 }
@@ -307,9 +308,8 @@ addEventListener("hashchange", ({oldURL, newURL}) => {
     refresh(opened);
 });
 element("period").onchange = () => {
-    const {from, to} = chosenTime();
-    const fixed = element("period").value === "chosen";
-    go({period: element("period").value, from: fixed ? from : "", to: fixed ? to : ""});
+    const period = element("period").value;
+    go({period, ...(period === "chosen" ? chosenTime() : {from: "", to: ""})});
 };
 for (const id of ["site", "unit", "find", "scale"])
     element(id).onchange = () => go({[id]: element(id).value, ...(id === "site" ? {unit: ""} : {})});

@@ -12,7 +12,7 @@ const delayUnit = () => msPerUnit() ? "ms" : "as reported";
 const number = (value, digits = 1) => Number(value).toLocaleString(undefined, {maximumFractionDigits: digits});
 const percent = value => number(value, 2);
 const delay = value => number(scaled(value));
-const opinion = value => msPerUnit() ? percent(value) : "–";
+const opinion = value => msPerUnit() ? value.toFixed(2) : "–";
 const localTime = seconds => new Date((seconds - new Date(seconds * 1000).getTimezoneOffset() * 60) * 1000)
     .toISOString().slice(0, 19);
 const zone = seconds => new Intl.DateTimeFormat("en", {timeZoneName: "short"})
@@ -50,7 +50,8 @@ const legend = () => `Fair: from ${LIMITS.loss[0]} % loss, ${LIMITS.jitter[0]} m
 const tables = {};      // of each: its order, and whether it shows all rows
 
 function showTable(id, columns, rows, caption) {
-    const place = document.querySelector(`[data-table=${id}]`), table = tables[id] ??= {}, focused = document.activeElement;
+    const place = document.querySelector(`[data-table=${id}]`), table = tables[id] ??= {};
+    const focused = document.activeElement;
     const again = change => {
         Object.assign(table, change);
         showTable(id, columns, rows, caption);
