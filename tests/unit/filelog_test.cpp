@@ -119,8 +119,9 @@ TEST(FileLogger, DropsAndCountsBeyondItsCaps)
         };
         for (int i = 0; i < row.blocks; i++)
             offer(1024);
-        for (const std::size_t size : {row.last, 200UL, 200UL, 200UL})
-            offer(size);
+        offer(row.last);
+        for (int i = 0; i < 3; i++)
+            offer(200);
         EXPECT_EQ(row.taken, taken) << row.what;
         write_step(idle.logger, row.file, true);
         EXPECT_EQ(taken == 0 ? ""
