@@ -38,29 +38,18 @@ function chosenTime() {
 
 // The rows of a query's answer, and how many there are without its limit.
 async function ask(query, parameters, timeout = QUERY_TIMEOUT_MS) {
-    let answer, text;
+    // from the origin: the page's own address may have a password in it
+    const url = `${location.origin}/query/${query}?${new URLSearchParams(parameters)}`;
+    const text = await (await fetch(url, {signal: AbortSignal.timeout(timeout)})).text();
     try {
-        // from the origin: the page's own address may have a password in it
-        answer = await fetch(`${location.origin}/query/${query}?${new URLSearchParams(parameters)}`,
-            {signal: AbortSignal.timeout(timeout)});
-        text = await answer.text();
-    } catch (error) {
-        throw new Error(error.name === "TimeoutError" ? `No answer within ${timeout / 1000} s.`
-            : `The gateway does not answer (${error.message}).`);
+        const {data, rows_before_limit_at_least: total = data.length} = JSON.parse(text);
+        return [data, total];
+    } catch {   // the gateway's own page, or what the engine says
+        throw new Error(/<title>(.*?)<\/title>/.exec(text)?.[1] ?? text.replace(/\s+/g, " ").slice(-300));
     }
-    if (answer.ok) {
-        try {
-            const {data, rows_before_limit_at_least: total = data.length} = JSON.parse(text);
-            return [data, total];
-        } catch {
-            throw new Error(text.slice(-1000));     // the engine failed on the way
-        }
-    }
-    if (text.startsWith("<"))   // the gateway's own page
-        text = answer.status === 429 ? "Too many queries from this address."
-            : "No engine answers the gateway.";
-    throw new Error(`${answer.status} ${text.replace(/\s+/g, " ")}`);
 }
+
+const reasonOf = ({name, message}) => name === "TimeoutError" ? "No answer in time." : message;
 
 // Of each query: how often it was asked, when its part of the page was drawn, and why it failed if it did.
 const parts = {};
@@ -78,7 +67,7 @@ async function show(query, parameters, draw) {
             part.drawn = now();
         }
     } catch (error) {
-        failure = error.message;
+        failure = reasonOf(error);
     }
     if (turn !== part.asked)
         return;
@@ -198,16 +187,14 @@ function showTiles(id, tiles) {
 }
 
 function showTotals([today], _, [before]) {
-    showTiles("totals", [[`units heard, ${number(today.expected)} expected`, number(today.units), number(before.units)],
-        ["calls", number(today.calls), number(before.calls)],
-        ["reports", number(today.reports), number(before.reports)]]);
+    const titles = {units: `units heard, ${number(today.expected)} expected`, calls: "calls", reports: "reports"};
+    showTiles("totals", Object.keys(titles).map(key => [titles[key], number(today[key]), number(before[key])]));
 }
 
 function showTrend(rows, before, time) {
-    const {unit_name: name, site} = expected[chosen("unit")] ?? {};
-    document.querySelector("[data-query=trend] h2").textContent = (chosen("unit")
-        ? `Unit ${chosen("unit")} ${name ?? ""} ${site ? `(${site})` : ""}` : chosen("site")
-            ? `Site ${chosen("site")}` : "The whole fleet") + " over time";
+    const unit = chosen("unit"), site = chosen("site"), {unit_name: name} = withUnit({unit});
+    document.querySelector("[data-query=trend] h2").textContent =
+        (unit ? `Unit ${unit} ${name}` : site ? `Site ${site}` : "The whole fleet") + " over time";
     const curves = (column, factor) => [["mean", "--one", [], points(rows, `${column}_mean`, factor)],
         ...(column === "mos" ? [] : [["95th percentile", "--two", [4, 4], points(rows, `${column}_p95`, factor)]]),
         ["one day before", "--dim", [1, 3], points(before, `${column}_mean`, factor, DAY_S)]];
@@ -285,7 +272,7 @@ async function poll() {
             waited > RETRY_S && Object.values(parts).some(part => part.failure)))
             refresh();
     } catch (error) {
-        unreachable = error.message;
+        unreachable = reasonOf(error);
     }
     showState();
     setTimeout(poll, POLL_MS);
@@ -319,7 +306,6 @@ element("choice").onsubmit = event => {
     event.preventDefault();
     refresh();
 };
-element("reset").onclick = () => go(DEFAULTS);
 element("close").onclick = () => {
     document.querySelector("tr[aria-current] a")?.focus();
     go({call: ""});
