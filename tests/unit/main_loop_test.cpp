@@ -108,20 +108,21 @@ TEST(MainLoop, HandsOnWhatComes)
     EXPECT_EQ(-1, min_loss_packet(nullptr));
 }
 
-TEST(MainLoop, ItsThreadsHaveTheirNamesAndPauses)
+TEST(MainLoop, ItsThreadsHaveTheirNames)
 {
     const TempDir dir;
     ConfigFile config = config_of("elastic_url=http://127.0.0.1:1/\nqos_stat_dir=" + dir.path);
     std::mutex mutex;
-    std::set<std::string> pauses, expected = {"QoS_SimpleLogge 100000", "QoS_FileLogger 100000"};
-    for (const char* const worker : {"0", "1", "2", "3", "4"})
-        expected.insert(std::string("QoS_Web_") + worker + " 100000");
-    Faults::set_watch([&](std::string_view function, long pause, long /*unused*/) {
+    std::set<std::string> names;
+    const std::set<std::string> expected = {"QoS_SimpleLogge", "QoS_FileLogger", "QoS_Web_0",
+                                            "QoS_Web_1",       "QoS_Web_2",      "QoS_Web_3",
+                                            "QoS_Web_4"};
+    Faults::set_watch([&](std::string_view function, long /*unused*/, long /*unused*/) {
         std::array<char, 16> name{};
         pthread_getname_np(pthread_self(), name.data(), name.size());
         const std::lock_guard lock(mutex);
         if (function == "usleep" && std::string_view(name.data()).starts_with("QoS_"))
-            pauses.insert(name.data() + (" " + std::to_string(pause)));
+            names.insert(name.data());
         if (function == "poll")
             MainLoop::stop();
     });
@@ -130,7 +131,7 @@ TEST(MainLoop, ItsThreadsHaveTheirNamesAndPauses)
     MainLoop loop(&config);
     EXPECT_TRUE(eventually([&] {
         const std::lock_guard lock(mutex);
-        return pauses == expected;
+        return names == expected;
     }));
     loop.start();
     DBG->dbg_stop();
