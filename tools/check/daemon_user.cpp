@@ -26,21 +26,21 @@ const passwd* find_user(const std::optional<std::string>& name)
 }  // namespace
 
 // Takes over the effective identity only, so that root can have its own back.
-class DaemonUser::Being {
+class DaemonUser::Impersonation {
 public:
-    explicit Being(const DaemonUser& user) : _changed(geteuid() == 0 && user._uid != 0)
+    explicit Impersonation(const DaemonUser& user) : _changed(geteuid() == 0 && user._uid != 0)
     {
         if (_changed && (initgroups(user._name.c_str(), user._gid) != 0 ||
                          setegid(user._gid) != 0 || seteuid(user._uid) != 0))
             throw std::runtime_error("cannot act as the user " + user._name);
     }
-    ~Being()
+    ~Impersonation()
     {
         if (_changed && (seteuid(0) != 0 || setegid(0) != 0))
             std::abort();  // a mixture of two users would give wrong findings
     }
-    Being(const Being&) = delete;
-    Being& operator=(const Being&) = delete;
+    Impersonation(const Impersonation&) = delete;
+    Impersonation& operator=(const Impersonation&) = delete;
 
 private:
     bool _changed;
@@ -65,13 +65,13 @@ int DaemonUser::access(const std::string& path, int mode) const
 {
     if (!can_be_asked())
         return 0;
-    const Being being(*this);
+    const Impersonation acting(*this);
     return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0 ? 0 : errno;
 }
 
 int DaemonUser::bind_udp(unsigned short port) const
 {
-    const Being being(*this);
+    const Impersonation acting(*this);
     const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     if (sock < 0)
         return errno;

@@ -25,7 +25,7 @@ public:
     int bind_udp(unsigned short port) const;
 
 private:
-    class Being;  // as long as one lives, this process acts as the user
+    class Impersonation;  // as long as one lives, this process acts as the user
 
     std::string _name;
     uid_t _uid;
