@@ -75,9 +75,9 @@ ConfigLines::ConfigLines(const std::string& path, Findings& findings)
 void ConfigLines::look_at(std::string line)
 {
     if (_number == 1 && line.starts_with(BYTE_ORDER_MARK)) {
-        _findings.error(1, "a byte order mark stands before the first line, whose key the daemon ",
-                        R"(does not know for that; remove it: sed -i '1s/^\xEF\xBB\xBF//' )",
-                        _path);
+        _findings.error(
+            1, "the file starts with a byte order mark, so the daemon does not know the key of ",
+            R"(the first line; remove it: sed -i '1s/^\xEF\xBB\xBF//' )", _path);
         return;
     }
     if (line.ends_with('\r') && _first_return == 0)
@@ -98,11 +98,11 @@ void ConfigLines::look_at(std::string line)
     if (known == nullptr && !value.empty())
         find_unknown(key);
     else if (known == nullptr)
-        _findings.warning(_number, "the line is no \"key = value\" and is ignored; delete it, or ",
+        _findings.warning(_number, "the line is not \"key = value\" and is ignored; delete it, or ",
                           "put a '#' in front");
     else if (value.empty())
         _findings.error(_number, "no \"= VALUE\" follows ", key,
-                        ", so the line is ignored and the default counts; write \"", key,
+                        ", so the line is ignored and the default is used; write \"", key,
                         " = VALUE\", or delete the line");
     else
         look_at_value(*known, value, cut);
@@ -113,7 +113,7 @@ void ConfigLines::look_at_value(const keys::Key& key, const std::string& value, 
     std::size_t& line = _keys[key.name];
     if (line != 0)
         _findings.warning(_number, key.name, " stands in line ", line,
-                          " too, and this later line counts; delete one of them");
+                          " too, and this later line is used; delete one of them");
     line = _number;
     if (cut)
         _findings.warning(_number, "a '#' starts a comment, so the value of ", key.name,
@@ -131,13 +131,15 @@ void ConfigLines::find_unknown(const std::string& key)
     const keys::Key* nearest = nearest_key(key);
     if (nearest == nullptr)
         _findings.warning(_number, '"', key,
-                          "\" is no key of the daemon, and the line is ignored; ",
+                          "\" is not a key of the daemon, and the line is ignored; ",
                           "voxstat-check --help lists the keys");
     else if (in_lower_case(key) == nearest->name)
-        _findings.error(_number, '"', key, "\" is ignored, since upper and lower case count in a ",
-                        "key; write \"", nearest->name, '"');
+        _findings.error(_number, '"', key,
+                        "\" is ignored, because keys are case-sensitive; write \"", nearest->name,
+                        '"');
     else
-        _findings.error(_number, '"', key, "\" is no key of the daemon, and the line is ignored; ",
+        _findings.error(_number, '"', key,
+                        "\" is not a key of the daemon, and the line is ignored; ",
                         "did you mean \"", nearest->name, "\"?");
 }
 

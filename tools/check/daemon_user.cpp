@@ -69,6 +69,15 @@ int DaemonUser::access(const std::string& path, int mode) const
     return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0 ? 0 : errno;
 }
 
+std::string DaemonUser::closed_directory(const std::string& path) const
+{
+    for (std::size_t end = path.find('/', 1); end != std::string::npos;
+         end = path.find('/', end + 1))
+        if (const std::string directory = path.substr(0, end); access(directory, X_OK) == EACCES)
+            return directory;
+    return "";
+}
+
 int DaemonUser::bind_udp(unsigned short port) const
 {
     const Impersonation acting(*this);

@@ -21,7 +21,12 @@ public:
     // for access(2).
     int access(const std::string& path, int mode) const;
 
-    // The same for opening a UDP port on all local IPv4 addresses; the port is closed again.
+    // The first directory on the way to an absolute path that the user may not enter; empty if
+    // there is none.
+    std::string closed_directory(const std::string& path) const;
+
+    // The same as access() for opening a UDP port on all local IPv4 addresses; the port is closed
+    // again.
     int bind_udp(unsigned short port) const;
 
 private:

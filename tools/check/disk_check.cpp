@@ -11,19 +11,20 @@
 #include <initializer_list>
 #include <map>
 #include <string_view>
+#include <system_error>
 
 #include "config/limits.h"
 #include "tools/check/daemon_user.h"
 #include "tools/check/findings.h"
+#include "tools/check/mount_view.h"
 #include "tools/check/output_file.h"
+#include "tools/check/service.h"
 #include "tools/check/settings.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* PACKAGE_USER = "voxstat";
-constexpr const char* PACKAGE_DIRECTORY = "/var/lib/voxstat/";
 constexpr std::uint64_t MIB = 1048576;
 
 std::string parent_of(const std::string& directory)  // which ends in a slash
@@ -36,17 +37,17 @@ void find_missing(const OutputFile& file, const DaemonUser& user, Findings& find
 {
     const std::string parent = parent_of(file.directory);
     const std::string remedy =
-        "; make it: install -d -o " + user.name() + " -m 750 " + file.directory;
+        "; create it: install -d -o " + user.name() + " -m 750 " + file.directory;
     std::error_code ignored;
     if (!fs::is_directory(parent, ignored))
-        findings.error(file.line, file.directory, " is missing and cannot be made, since ", parent,
-                       " is missing too", remedy);
+        findings.error(file.line, file.directory, " is missing and cannot be created, because ",
+                       parent, " is missing too", remedy);
     else if (user.access(parent, W_OK | X_OK) != 0)
-        findings.error(file.line, file.directory, " is missing and cannot be made by the user ",
+        findings.error(file.line, file.directory, " is missing and cannot be created by the user ",
                        user.name(), remedy);
     else
-        findings.warning(file.line, file.directory, " is missing; the daemon would make it with ",
-                         "mode 0744, so that nobody else could enter", remedy);
+        findings.warning(file.line, file.directory, " is missing; the daemon would create it with ",
+                         "mode 0744, so that no other user could enter", remedy);
 }
 
 bool is_below(const std::string& directory, std::initializer_list<std::string_view> places)
@@ -55,47 +56,86 @@ bool is_below(const std::string& directory, std::initializer_list<std::string_vi
                        [&](std::string_view place) { return directory.starts_with(place); });
 }
 
-// The packaged service sees most of the machine read-only or not at all; only from inside can one
-// look whether its unit allows the directory.
-void find_confined(const OutputFile& file, const DaemonUser& user, Findings& findings)
+const char* home_remedy(const std::string& directory)
 {
-    const std::string& directory = file.directory;
-    if (user.name() != PACKAGE_USER || !directory.starts_with('/') ||
-        directory.starts_with(PACKAGE_DIRECTORY) ||
-        directory == std::string(limits::LOG_DIRECTORY) + '/')
-        return;
-    if (is_below(directory, {"/tmp/", "/var/tmp/"}))
-        findings.warning(file.line, "the packaged service has a /tmp and a /var/tmp of its own, ",
-                         "which vanish when it stops; write a directory elsewhere");
-    else if (geteuid() == 0)
-        findings.note(file.line, "the packaged service may write to ", directory,
-                      " only if its unit allows it; systemctl edit voxstat, [Service] ",
-                      "ReadWritePaths=", directory,
-                      is_below(directory, {"/home/", "/root/"}) ? " and ProtectHome=no" : "");
+    return is_below(directory, {"/home/", "/root/", "/run/user/"}) ? " and ProtectHome=no" : "";
 }
 
-void check_directory(const OutputFile& file, const DaemonUser& user, Findings& findings)
+// A directory that systemd itself would refuse, or remove.
+void find_unusable(const OutputFile& file, const Service& service, Findings& findings)
 {
-    find_confined(file, user, findings);
+    const fs::path directory = file.directory.substr(0, file.directory.size() - 1);
+    std::error_code ignored;
+    if (service.unit.is_state_directory(directory) && fs::is_symlink(directory, ignored))
+        findings.error(file.line, directory.string(), " is a symbolic link, with which systemd ",
+                       "does not start the service (238/STATE_DIRECTORY); remove it, make a ",
+                       "directory, and mount --bind ",
+                       fs::read_symlink(directory, ignored).string(), ' ', directory.string());
+    if (is_below(file.directory, {"/tmp/", "/var/tmp/"}) && service.unit.has_private_tmp())
+        findings.warning(file.line, "the packaged service has a /tmp and a /var/tmp of its own, ",
+                         "which are deleted when it stops; write a directory elsewhere");
+}
+
+void find_denied(const OutputFile& file, const DaemonUser& user, int error, Findings& findings)
+{
+    const std::string& directory = file.directory;
+    const std::string closed = user.closed_directory(directory);
+    if (error == ENOTDIR)
+        findings.error(file.line, directory, " is not a directory; write another");
+    else if (error == EROFS)
+        findings.error(file.line, directory, " is on a read-only file system; remount it with ",
+                       "mount -o remount,rw, or write another directory");
+    else if (!closed.empty() && closed + '/' != directory)
+        findings.error(file.line, directory, " cannot be reached by the user ", user.name(),
+                       ", who may not enter ", closed, "; chmod a+x ", closed,
+                       ", or write a directory elsewhere");
+    else if (directory == std::string(limits::LOG_DIRECTORY) + '/')
+        findings.error(file.line, directory, " cannot be written by the user ", user.name(), ": ",
+                       std::strerror(error), "; chgrp ", user.name(), ' ', directory,
+                       " && chmod g+rwx ", directory, ", or delete log.file");
+    else
+        findings.error(file.line, directory, " cannot be written by the user ", user.name(), ": ",
+                       std::strerror(error), "; chown ", user.name(), ' ', directory,
+                       " && chmod 750 ", directory,
+                       " if it is for the daemon alone, otherwise write another directory");
+}
+
+// Judges as the daemon does: in_view tells that this process sees the files as the running one.
+void check_directory(const OutputFile& file, const DaemonUser& user, const Service& service,
+                     bool in_view, Findings& findings)
+{
+    find_unusable(file, service, findings);
     struct stat info {};
-    if (stat(file.directory.c_str(), &info) != 0 && errno == ENOENT) {
+    const ServiceUnit::Access allowed = service.unit.access(file.directory);
+    const bool hidden = allowed == ServiceUnit::Access::HIDDEN;
+    if (stat(file.directory.c_str(), &info) != 0 && errno == ENOENT && !hidden) {
         find_missing(file, user, findings);
         return;
     }
     const int error = user.access(file.directory, W_OK | X_OK);
-    if (error == EROFS)
-        findings.error(file.line, file.directory,
-                       " is read-only; under systemd allow it: systemctl ",
-                       "edit voxstat, [Service] ReadWritePaths=", file.directory);
-    else if (error == ENOTDIR)
-        findings.error(file.line, file.directory, " is no directory; write another");
-    else if (const std::string parent = parent_of(file.directory); user.access(parent, X_OK) != 0)
-        findings.error(file.line, file.directory, " cannot be reached by the user ", user.name(),
-                       ", who may not enter ", parent, "; write a directory elsewhere");
-    else if (error != 0)
-        findings.error(file.line, file.directory, " cannot be written by the user ", user.name(),
-                       ": ", std::strerror(error), "; chown ", user.name(), ' ', file.directory,
-                       " if it is for the daemon alone, otherwise write another directory");
+    if (allowed != ServiceUnit::Access::WRITABLE && (error != 0 || !in_view))
+        findings.error(file.line, "the unit does not let the service ",
+                       hidden ? "see " : "write to ", file.directory,
+                       "; systemctl edit voxstat, [Service] ReadWritePaths=", file.directory,
+                       home_remedy(file.directory), ", and restart it");
+    else if (error != 0 && (in_view || !service.unit.is_state_directory(file.directory)))
+        find_denied(file, user, error, findings);
+    else if (error == 0 && user.access(file.directory, R_OK) != 0)
+        findings.warning(file.line, file.directory, " cannot be listed by the user ", user.name(),
+                         ", so the daemon deletes no archives; chmod u+r ", file.directory);
+}
+
+// Lines of two daemons would mix, and each would rename the file under the other.
+void find_other_writer(const OutputFile& file, const Service& service, Findings& findings)
+{
+    for (const Process& process : Process::all()) {
+        if (!process.is_daemon() || !service.daemon || process.id() == service.daemon->id())
+            continue;
+        const std::vector<std::string> open = process.open_files();
+        if (std::find(open.begin(), open.end(), file.path()) != open.end())
+            findings.error(file.line, "another daemon, process ", process.id(), ", writes ",
+                           file.path(), " too; give each daemon a directory of its own");
+    }
 }
 
 // A file that somebody else has made, by a trial run as root for example, is as bad as none.
@@ -118,26 +158,34 @@ struct Need {
 void check_space(const Need& need, Findings& findings)
 {
     struct statvfs space {};
-    if (statvfs(need.first->directory.c_str(), &space) != 0)
+    const OutputFile& file = *need.first;
+    if (statvfs(file.directory.c_str(), &space) != 0)
         return;
     const std::uint64_t free = std::uint64_t{space.f_bavail} * space.f_frsize;
-    if (free < need.bytes)
-        findings.warning(need.first->line, "there are ", free / MIB, " MiB free at ",
-                         need.first->directory, ", and the files may grow by ", need.bytes / MIB,
+    if (free == 0 || (space.f_files > 0 && space.f_favail == 0))
+        findings.error(file.line, "there is no space left at ", file.directory, ", and the daemon ",
+                       "loses every block; make room on this disk");
+    else if (free < need.bytes)
+        findings.warning(file.line, "there are ", free / MIB, " MiB free at ", file.directory,
+                         ", and the files may grow by ", need.bytes / MIB,
                          " MiB; a full disk loses data without a message: make room, or lower ",
                          "max_archived_files_rtp");
 }
 
 }  // namespace
 
-void check_disks(const Settings& settings, const DaemonUser& user, Findings& findings)
+void check_disks(const Settings& settings, const DaemonUser& user, const Service& service,
+                 Findings& findings)
 {
     const std::vector<OutputFile> files = output_files(settings);
+    for (const OutputFile& file : files)
+        find_other_writer(file, service, findings);
+    const MountView view(service.daemon);
     std::string checked;
     std::map<dev_t, Need> needs;
     for (const OutputFile& file : files) {
         if (file.directory != checked)
-            check_directory(file, user, findings);
+            check_directory(file, user, service, view.entered(), findings);
         checked = file.directory;
         check_file(file, user, findings);
         struct stat info {};

@@ -4,5 +4,7 @@
 class DaemonUser;
 class Findings;
 class Settings;
+struct Service;
 
-void check_disks(const Settings& settings, const DaemonUser& user, Findings& findings);
+void check_disks(const Settings& settings, const DaemonUser& user, const Service& service,
+                 Findings& findings);

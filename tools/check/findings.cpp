@@ -78,7 +78,7 @@ void Findings::print()
 std::string Findings::summary() const
 {
     if (_worst == NOTE)
-        return "nothing to mend";
+        return "no problems found";
     return counted(_count[ERROR], "error") + ", " + counted(_count[WARNING], "warning");
 }
 

@@ -47,7 +47,7 @@ public:
     // 0 when there was nothing but notes so far, 1 with warnings, 2 with errors.
     int status() const { return static_cast<int>(_worst); }
 
-    // "nothing to mend", or how many errors and warnings there were.
+    // "no problems found", or how many errors and warnings there were.
     std::string summary() const;
 
     std::size_t errors() const { return _count[ERROR]; }

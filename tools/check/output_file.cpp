@@ -1,17 +1,15 @@
 #include "tools/check/output_file.h"
 
 #include <filesystem>
-#include <string_view>
 #include <system_error>
 
 #include "config/limits.h"
+#include "files/archive_name.h"
 #include "tools/check/settings.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr std::size_t STAMP_LENGTH = sizeof "_2026-01-31_23-59-59" - 1;
 
 std::uint64_t size_of(const std::string& path)
 {
@@ -27,13 +25,8 @@ std::vector<std::string> OutputFile::archives() const
     std::vector<std::string> paths;
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
-        const std::string file = entry.path().filename();
-        if (file.size() < name.size() + STAMP_LENGTH + extension.size() ||
-            !file.starts_with(name) || !file.ends_with(extension))
-            continue;
-        const std::string_view stamp(file.data() + name.size(),
-                                     file.size() - name.size() - extension.size());
-        if (stamp.find_first_not_of("0123456789-_") == std::string_view::npos)
+        if (entry.symlink_status(error).type() == fs::file_type::regular &&
+            is_archive_name(entry.path().filename().string(), name, extension))
             paths.push_back(entry.path());
     }
     return paths;

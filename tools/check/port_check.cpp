@@ -6,37 +6,46 @@
 
 #include "tools/check/daemon_user.h"
 #include "tools/check/findings.h"
+#include "tools/check/service.h"
 #include "tools/check/settings.h"
 #include "tools/check/udp_socket.h"
 
 namespace {
 
 void find_obstacle(std::uint16_t port, int error, std::size_t line, const DaemonUser& user,
-                   Findings& findings)
+                   const Service& service, Findings& findings)
 {
     const std::optional<UdpSocket> socket = UdpSocket::at(port);
     const std::optional<Process> owner = socket ? socket->owner() : std::nullopt;
     if (owner && owner->is_daemon())  // whatever the user may do, the unit allowed it
         findings.note(line, "port ", port, " is held by the running daemon, process ", owner->id());
+    else if (error == EACCES && service.unit.may_bind_low_ports())
+        return;
     else if (error == EACCES)
         findings.error(line, "port ", port, " is not allowed for the user ", user.name(),
-                       ", and the daemon would end at once; take a port above 1023, or allow ",
+                       ", and the daemon would exit at once; take a port above 1023, or allow ",
                        "it in the unit as its comments say");
     else
         findings.error(line, "port ", port, " cannot be opened: ", std::strerror(error),
-                       owner ? " by " + owner->name() : "", ", and the daemon would end at once; ",
+                       owner ? " by " + owner->name() : "", ", and the daemon would exit at once; ",
                        "stop what \"ss -lunp\" shows there, or change qos_port");
 }
 
 }  // namespace
 
-void check_ports(const Settings& settings, const DaemonUser& user, Findings& findings)
+void check_ports(const Settings& settings, const DaemonUser& user, const Service& service,
+                 Findings& findings)
 {
     const std::size_t line = settings.line(keys::QOS_PORT);
     const auto first = static_cast<std::uint16_t>(settings.number(keys::QOS_PORT));
     for (const std::uint16_t port : {first, static_cast<std::uint16_t>(first + 1)}) {
         const int error = user.bind_udp(port);
         if (error != 0)
-            find_obstacle(port, error, line, user, findings);
+            find_obstacle(port, error, line, user, service, findings);
     }
+    const std::optional<UdpSocket> socket = UdpSocket::at(first);
+    if (service.daemon && !socket)
+        findings.warning(line, "the running daemon, process ", service.daemon->id(),
+                         ", has other ports, since ",
+                         "it was started with another configuration; systemctl restart voxstat");
 }

@@ -94,6 +94,15 @@ std::vector<std::string> Process::open_files() const
     return targets;
 }
 
+std::vector<std::string> Process::environment() const
+{
+    std::vector<std::string> found;
+    std::ifstream stream(directory(_id) + "environ");
+    for (std::string setting; std::getline(stream, setting, '\0');)
+        found.push_back(setting);
+    return found;
+}
+
 std::string Process::standard_output() const
 {
     return link_target(directory(_id) + "fd/1");

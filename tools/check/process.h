@@ -26,6 +26,9 @@ public:
     // to look.
     std::vector<std::string> open_files() const;
 
+    // Its environment, as NAME=VALUE; empty without the right to look.
+    std::vector<std::string> environment() const;
+
     // What it has as standard output; empty without the right to look.
     std::string standard_output() const;
 

@@ -6,7 +6,8 @@
 class DaemonUser;
 class Findings;
 class Settings;
+struct Service;
 
 // Returns the serial number as the daemon puts it into reports; empty without one.
 std::string check_serial_number(const Settings& settings, const DaemonUser& user,
-                                Findings& findings);
+                                const Service& service, Findings& findings);

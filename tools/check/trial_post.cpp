@@ -4,16 +4,24 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <vector>
 
 #include "app/main_loop.h"
 #include "records/json_frame.h"
 #include "tools/check/findings.h"
+#include "tools/check/service.h"
 #include "tools/check/settings.h"
 #include "web/http_handle.h"
 
 namespace {
 
 constexpr long TIMEOUT_SECONDS = 30;
+constexpr double SLOW_SECONDS = 5;         // the daemon begins a batch that often
+constexpr std::size_t BATCH_SIZE = 10240;  // bytes, as the daemon posts while a unit is busy
+constexpr const char* ENVIRONMENT[] = {"http_proxy", "https_proxy",   "HTTPS_PROXY",
+                                       "all_proxy",  "ALL_PROXY",     "no_proxy",
+                                       "NO_PROXY",   "SSL_CERT_FILE", "SSL_CERT_DIR"};
 constexpr std::size_t SHOWN_OF_ANSWER = 200;
 
 struct Remedy {
@@ -22,7 +30,7 @@ struct Remedy {
 };
 
 constexpr Remedy FAILURES[] = {
-    {CURLE_UNSUPPORTED_PROTOCOL, "begin elastic_url with http:// or https://"},
+    {CURLE_UNSUPPORTED_PROTOCOL, "start elastic_url with http:// or https://"},
     {CURLE_URL_MALFORMAT, "write elastic_url as http://HOST:PORT/PATH"},
     {CURLE_COULDNT_RESOLVE_HOST, "correct the host's name, or enter it in the DNS or /etc/hosts"},
     {CURLE_COULDNT_CONNECT, "see that the server runs, listens on this port, and that no firewall "
@@ -78,6 +86,7 @@ struct Answer {
     CURLcode code = CURLE_FAILED_INIT;
     std::array<char, CURL_ERROR_SIZE> error_text{};
     long status = 0;
+    double seconds = 0;
     std::string location;   // where it wants to send us instead
     std::string beginning;  // of the body
 };
@@ -98,11 +107,48 @@ Answer post(const std::string& url, const std::string& batch)
     (void)curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(batch.size()));
     answer.code = curl_easy_perform(easy);
     (void)curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &answer.status);
+    (void)curl_easy_getinfo(easy, CURLINFO_TOTAL_TIME, &answer.seconds);
     const char* location = nullptr;
     (void)curl_easy_getinfo(easy, CURLINFO_REDIRECT_URL, &location);
     if (location != nullptr)
         answer.location = location;
     return answer;
+}
+
+void find_arrived(double seconds, const std::string& told, std::size_t line, Findings& findings)
+{
+    if (seconds < SLOW_SECONDS)
+        findings.note(line, "the post has arrived; ", told);
+    else
+        findings.warning(line, "the post has arrived, but the answer took ", seconds,
+                         " seconds; the ",
+                         "daemon drops lines when five posts wait: make the server faster");
+}
+
+// The service has the environment of its unit, whatever this shell has.
+void use_environment(const Service& service, std::size_t line, Findings& findings)
+{
+    const std::vector<std::string> theirs =
+        service.daemon ? service.daemon->environment() : service.unit.environment();
+    if (service.daemon && theirs.empty()) {
+        findings.note(line,
+                      "the post uses this shell's environment, since you may not look at the ",
+                      "daemon's; sudo voxstat-check --post uses the daemon's");
+        return;
+    }
+    for (const char* name : ENVIRONMENT) {
+        const std::string begin = std::string(name) + '=';
+        const auto setting =
+            std::find_if(theirs.begin(), theirs.end(),
+                         [&](const std::string& text) { return text.starts_with(begin); });
+        const char* const own = std::getenv(name);
+        const std::string value = setting == theirs.end() ? "" : setting->substr(begin.size());
+        if (value != (own == nullptr ? "" : own))
+            findings.note(line, "the service has ", value.empty() ? "no " : "", name,
+                          value.empty() ? "" : " = " + value, ", other than this shell; the post ",
+                          "does as the service");
+        (void)(value.empty() ? unsetenv(name) : setenv(name, value.c_str(), 1));
+    }
 }
 
 void find(const Answer& answer, std::size_t line, Findings& findings)
@@ -115,9 +161,9 @@ void find(const Answer& answer, std::size_t line, Findings& findings)
                                                     : curl_easy_strerror(answer.code),
                        remedy_for(FAILURES, answer.code, "see libcurl-errors(3)"));
     else if (answer.status == 0)
-        findings.error(line, "nothing was posted; begin elastic_url with http:// or https://");
+        findings.error(line, "nothing was posted; start elastic_url with http:// or https://");
     else if (answer.status >= 200 && answer.status < 300)
-        findings.note(line, "the post has arrived; ", told);
+        find_arrived(answer.seconds, told, line, findings);
     else if (!answer.location.empty())
         findings.error(line, told,
                        "; the daemon does not follow, so set elastic_url = ", answer.location);
@@ -128,7 +174,8 @@ void find(const Answer& answer, std::size_t line, Findings& findings)
 
 }  // namespace
 
-void post_once(const Settings& settings, const std::string& serial_number, Findings& findings)
+void post_once(const Settings& settings, const std::string& serial_number, const Service& service,
+               Findings& findings)
 {
     const std::string url = settings.text(keys::ELASTIC_URL);
     const std::size_t line = settings.line(keys::ELASTIC_URL);
@@ -136,10 +183,15 @@ void post_once(const Settings& settings, const std::string& serial_number, Findi
         findings.warning(line, "there is nowhere to post to; set elastic_url");
         return;
     }
+    if (service.daemon || service.unit.is_installed())
+        use_environment(service, line, findings);
+    const std::string pair = service_line(min_loss_packet, serial_number) +
+                             std::string(json_frame::SEPARATOR) +
+                             service_line(max_loss_packet, serial_number);
     std::string batch(json_frame::BATCH_START);
-    batch += service_line(min_loss_packet, serial_number);
-    batch += json_frame::SEPARATOR;
-    batch += service_line(max_loss_packet, serial_number);
+    batch += pair;
+    while (batch.size() < BATCH_SIZE)
+        batch.append(json_frame::SEPARATOR).append(pair);
     batch += json_frame::BATCH_END;
     (void)curl_global_init(CURL_GLOBAL_ALL);  // if it fails, so does the post
     find(post(url, batch), line, findings);

@@ -23,11 +23,26 @@ std::string part(CURLU* address, CURLUPart which)
     return text;
 }
 
+// What keeps libcurl from finding the host in a URL; null when nothing does.
+const char* mistake_in_host(const std::string& url)
+{
+    const std::size_t scheme = url.find("://");
+    const std::size_t begin = scheme == std::string::npos ? 0 : scheme + 3;
+    const std::string authority = url.substr(begin, url.find_first_of("/?#", begin) - begin);
+    const std::size_t at = authority.rfind('@');
+    if (at != authority.find('@'))
+        return "has a '@' in its user name or password; write it as %40";
+    const std::string host = authority.substr(at == std::string::npos ? 0 : at + 1);
+    if (!host.starts_with('[') && host.find(':') != host.rfind(':'))
+        return "has an IPv6 address without brackets; write it as http://[ADDRESS]:PORT/PATH";
+    return nullptr;
+}
+
 void check_scheme(const std::string& scheme, std::size_t line, Findings& findings)
 {
     if (scheme != "http" && scheme != "https")
-        findings.error(line, "elastic_url begins with ", scheme,
-                       "://, which takes no posts; begin it with http:// or https://");
+        findings.error(line, "elastic_url starts with ", scheme,
+                       "://, which takes no posts; start it with http:// or https://");
     const char* authorities = curl_version_info(CURLVERSION_NOW)->cainfo;
     if (scheme == "https" && authorities != nullptr && access(authorities, R_OK) != 0)
         findings.error(line, "no https server is trusted, since ", authorities, " is missing; apt ",
@@ -39,10 +54,10 @@ void check_secret(const Settings& settings, const std::string& config_path, Find
     const std::size_t line = settings.line(keys::ELASTIC_URL);
     struct stat info {};
     if (settings.number(keys::LOG_HTTP) >= LEVEL_OF_DIALOGUE)
-        findings.warning(line, "the log shows the credentials of elastic_url; set log.http = 2 or ",
+        findings.warning(line, "the log shows the credentials in elastic_url; set log.http = 2 or ",
                          "less");
     if (stat(config_path.c_str(), &info) == 0 && (info.st_mode & S_IROTH) != 0)
-        findings.warning(line, "everybody can read the credentials of elastic_url; chgrp voxstat ",
+        findings.warning(line, "all users can read the credentials in elastic_url; chgrp voxstat ",
                          config_path, " && chmod 640 ", config_path);
 }
 
@@ -54,16 +69,20 @@ void check_url(const Settings& settings, const std::string& config_path, Finding
     const std::size_t line = settings.line(keys::ELASTIC_URL);
     if (url.empty())
         return;
+    if (const char* mistake = mistake_in_host(url)) {
+        findings.error(line, "elastic_url ", mistake);
+        return;
+    }
     const std::unique_ptr<CURLU, void (*)(CURLU*)> address(curl_url(), curl_url_cleanup);
     const CURLUcode result = curl_url_set(address.get(), CURLUPART_URL, url.c_str(),
                                           CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME);
     if (result != CURLUE_OK) {
-        findings.error(line, "elastic_url is no URL: ", curl_url_strerror(result),
+        findings.error(line, "elastic_url is not a URL: ", curl_url_strerror(result),
                        "; write it as http://HOST:PORT/PATH");
         return;
     }
     if (url.find("://") == std::string::npos)
-        findings.warning(line, "elastic_url has no scheme, and libcurl guesses one; begin it with ",
+        findings.warning(line, "elastic_url has no scheme, and libcurl guesses one; start it with ",
                          "http:// or https://");
     check_scheme(part(address.get(), CURLUPART_SCHEME), line, findings);
     const std::string path = part(address.get(), CURLUPART_PATH);

@@ -1,5 +1,6 @@
 #include "tools/check/value_check.h"
 
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -20,26 +21,57 @@ std::string port_text(int port)
     return kept == 0 ? "any free port" : "port " + std::to_string(kept);
 }
 
+// What a number below or above the range of a key does; null where there is no such number.
+struct Consequence {
+    const keys::Key* key;
+    const char *below, *above;
+};
+
+constexpr const char* OTHER_LEVEL = "counts as 1";
+constexpr Consequence CONSEQUENCES[] = {
+    {&keys::QOS_PORT, "makes the daemon listen on ",
+     "makes the daemon listen on "},  // and the ports
+    {&keys::MAX_BUF_TIMEOUT_RTP, "writes the dump in many small pieces", nullptr},
+    {&keys::MAX_LENGTH_PER_SEC_RTP, "drops every voice record without a message", nullptr},
+    {&keys::MAX_FILE_SIZE_RTP, "rotates the dump after every block or two", nullptr},
+    {&keys::MAX_ARCHIVED_FILES_RTP, "keeps every archive until the disk is full", nullptr},
+    {&keys::LOG_DEFAULT, OTHER_LEVEL, OTHER_LEVEL},
+    {&keys::LOG_NETWORK, OTHER_LEVEL, OTHER_LEVEL},
+    {&keys::LOG_HTTP, OTHER_LEVEL, OTHER_LEVEL},
+};
+
+constexpr const Consequence* consequence_of(std::string_view name)
+{
+    for (const Consequence& row : CONSEQUENCES)
+        if (name == row.key->name)
+            return &row;
+    return nullptr;
+}
+
+consteval bool each_range_has_a_consequence()
+{
+    for (const keys::Key& key : keys::ALL)
+        if (key.is_number() && key.kind != keys::Kind::SWITCH &&
+            (consequence_of(key.name) == nullptr || consequence_of(key.name)->below == nullptr ||
+             (key.max != INT_MAX && consequence_of(key.name)->above == nullptr)))
+            return false;
+    return true;
+}
+static_assert(each_range_has_a_consequence(), "a new key with a range takes a row above");
+
 // What a number out of range does; empty when it is within.
 std::string consequence(const keys::Key& key, int value)
 {
-    const std::string_view name = key.name;
     if ((value >= key.min && value <= key.max) || key.kind == keys::Kind::SWITCH)
         return "";
-    if (key.kind == keys::Kind::LEVEL)
-        return "counts as 1";
-    if (name == keys::QOS_PORT.name)
-        return "makes the daemon listen on " + port_text(value) + " and " + port_text(value + 1);
-    if (name == keys::MAX_LENGTH_PER_SEC_RTP.name)
-        return "drops every voice record without a message";
-    if (name == keys::MAX_BUF_TIMEOUT_RTP.name)
-        return "writes the dump in many small pieces";
-    if (name == keys::MAX_ARCHIVED_FILES_RTP.name)
-        return "keeps every archive until the disk is full";
-    if (value >= 0)
-        return "makes an archive of every block or two";
-    return "lets the dump grow to " + std::to_string(static_cast<unsigned>(value)) +
-           " bytes or without end, so it never rotates";
+    if (std::string_view(key.name) == keys::MAX_FILE_SIZE_RTP.name && value < 0)
+        return "lets the dump grow to " + std::to_string(static_cast<unsigned>(value)) +
+               " bytes or without end, so it never rotates";
+    const Consequence& row = *consequence_of(key.name);
+    const std::string text = value < key.min ? row.below : row.above;
+    return std::string_view(key.name) == keys::QOS_PORT.name
+               ? text + port_text(value) + " and " + port_text(value + 1)
+               : text;
 }
 
 // How the text of a number is read when that is not what it says; empty when it is.
@@ -48,7 +80,7 @@ std::string misreading(const std::string& text, int value)
     char* end = nullptr;
     const long number = std::strtol(text.c_str(), &end, 10);
     if (end == text.c_str())
-        return "is no number and counts as 0";
+        return "is not a number and counts as 0";
     if (*end != '\0' || number != value)
         return "is read as " + std::to_string(value);
     return "";

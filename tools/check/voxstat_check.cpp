@@ -23,6 +23,7 @@
 #include "tools/check/port_check.h"
 #include "tools/check/prometheus_format.h"
 #include "tools/check/serial_check.h"
+#include "tools/check/service.h"
 #include "tools/check/settings.h"
 #include "tools/check/trial_post.h"
 #include "tools/check/url_check.h"
@@ -45,6 +46,7 @@ bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& fi
 {
     std::error_code error;
     const auto type = std::filesystem::status(file, error).type();
+    const std::string closed = user.closed_directory(std::filesystem::absolute(file));
     if (type == std::filesystem::file_type::none)
         findings.error(0, "you cannot look at this: ", error.message(), "; sudo voxstat-check can");
     else if (type == std::filesystem::file_type::directory)
@@ -52,18 +54,19 @@ bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& fi
                        "this is a directory, and the daemon would run on its defaults; name the ",
                        "file in it");
     else if (type == std::filesystem::file_type::not_found)
-        findings.error(0, "there is no such file, and the daemon would end at once; name it with ",
+        findings.error(0, "there is no such file, and the daemon would exit at once; name it with ",
                        "-f FILE");
     else if (type != std::filesystem::file_type::regular)
-        findings.error(0, "this is no regular file; name the configuration with -f FILE");
+        findings.error(0, "this is not a regular file; name the configuration with -f FILE");
     else if (user.access(file, R_OK) != 0)
-        findings.error(0, "the user ", user.name(),
-                       " cannot read this, and the daemon would end at once; chgrp ", user.name(),
-                       ' ', file, " && chmod g+r ", file);
+        findings.error(
+            0, "the user ", user.name(), " cannot read this, and the daemon would exit at once; ",
+            closed.empty() ? "chgrp " + user.name() + ' ' + file + " && chmod g+r " + file
+                           : "chmod a+x " + closed);
     else if (access(file.c_str(), R_OK) != 0)
         findings.error(0, "you cannot read this; sudo voxstat-check can");
     else if (has_zero_bytes(file))
-        findings.error(0, "this is no plain text, and the daemon ignores what it cannot read; ",
+        findings.error(0, "this is not plain text, and the daemon ignores what it cannot read; ",
                        "save it as UTF-8, or name another file with -f FILE");
     return findings.status() == 0;
 }
@@ -77,16 +80,17 @@ std::optional<LiveState> check(const Options& options, Findings& findings)
     const Settings settings(options.file, findings);
     check_values(settings, findings);
     check_url(settings, options.file, findings);
-    check_ports(settings, user, findings);
-    check_disks(settings, user, findings);
-    const std::string serial_number = check_serial_number(settings, user, findings);
+    const Service service = Service::find(settings, user);
+    check_ports(settings, user, service, findings);
+    check_disks(settings, user, service, findings);
+    const std::string serial_number = check_serial_number(settings, user, service, findings);
     if (!user.can_be_asked())
         findings.note(0, "what the user ", user.name(), " may read and write was not looked at; ",
                       "sudo voxstat-check does");
     if (options.format == Format::TEXT)
         findings.print();  // before what takes time
     if (options.post)
-        post_once(settings, serial_number, findings);
+        post_once(settings, serial_number, service, findings);
     if (!options.live)
         return std::nullopt;
     if (options.format == Format::TEXT)

@@ -1,0 +1,25 @@
+// The file system as a running process sees it.
+//
+// The packaged service sees most of the machine read-only, some of it not at all, and a /tmp of its
+// own. While a MountView lives, this process sees the same.
+#pragma once
+
+#include <optional>
+
+#include "tools/check/process.h"
+
+class MountView {
+public:
+    // Does nothing without a process, or without the right to enter its name space.
+    explicit MountView(const std::optional<Process>& process);
+    ~MountView();
+    MountView(const MountView&) = delete;
+    MountView& operator=(const MountView&) = delete;
+
+    bool entered() const { return _entered; }
+
+private:
+    int _own = -1;        // this process's name space
+    int _directory = -1;  // and its working directory there
+    bool _entered = false;
+};
