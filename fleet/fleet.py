@@ -115,10 +115,14 @@ def parameter_map(name, kind):
     return f'map $arg_{name} $fleet_{name} {{ default "{form % ""}"; "~^{pattern}$" "{form % ("$arg_" + name)}"; }}'
 
 
+def in_arguments(sql):
+    return PARAMETER.sub(r"$fleet_\1", urllib.parse.quote_plus(sql, safe="(),*=/:{}"))
+
+
 def query_location(name, sql):
     """The statement is fixed here; nginx puts in the parameters."""
-    sql = PARAMETER.sub(r"$fleet_\1", urllib.parse.quote_plus(sql, safe="(),*=/:{}"))
-    return (f"        location = /query/{name} {{\n            set $args \"default_format=JSON&query={sql}\";\n"
+    return (f"        location = /query/{name} {{\n"
+            f"            set $args \"default_format=JSON&query={in_arguments(sql)}\";\n"
             "            limit_except GET { deny all; }\n            proxy_pass http://fleet_queries/;\n        }")
 
 
@@ -158,9 +162,10 @@ def write_passwords(gateway, serials):
 
 
 def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, engine_listen="127.0.0.1", rate=100,
-                        timeout=10):
+                        timeout=10, ms=1):
     """Everything but the passwords, in gateway/ and nodes/NAME/. keys: what gateway and nodes know each other by; the
-    last one is used, those before it still count. home: where the gateway will find its folder."""
+    last one is used, those before it still count. home: where the gateway will find its folder. ms: of the unit of
+    jitter and round-trip time, for the metrics; the page has its own."""
     gateway = directory / "gateway"
     current = len(keys), keys[-1]
     sql = queries(nodes, replicas)
@@ -174,6 +179,7 @@ def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, e
         "INGEST": servers.replace("@FAIL@", "5"), "QUERY_NODES": servers.replace("@FAIL@", "30"),
         "LISTEN": "\n".join(f"    listen {address};" for address in listen),
         "PARAMETERS": "\n".join(parameter_map(name, kind) for name, kind in parameters),
+        "METRICS": in_arguments(queries(nodes, replicas, "metrics.sql")["metrics"].replace("{ms:Float64}", str(ms))),
         "QUERIES": "\n".join(query_location(name, text) for name, text in sql.items()),
     }
 
@@ -235,23 +241,24 @@ def parse_arguments():
     parser.add_argument("--home", help="where the gateway will find DIRECTORY/gateway, if elsewhere")
     parser.add_argument("--rate", type=int, help="batches a second from one unit (100)")
     parser.add_argument("--replicas", type=int, help="nodes of each shard (1)")
+    parser.add_argument("--ms", type=float, help="for /metrics: what jitter and round-trip time are in (1)")
     parser.add_argument("--units", action="store_true", help="also load units.csv into all nodes")
     parser.add_argument("--rotate", metavar="USER", help="also make one more password for this unit")
-    parser.add_argument("--new-key", action="store_true", help="give gateway and nodes a new key; the old ones still count")
+    parser.add_argument("--new-key", action="store_true", help="give gateway and nodes a new key; old ones still count")
     parser.add_argument("--only-new-key", action="store_true", help="let the old keys no longer count")
     parser.add_argument("directory", type=Path)
-    parser.add_argument("node", nargs="*", help="NAME, ADDRESS or NAME=ADDRESS of an engine node; replicas of a shard in a row")
+    parser.add_argument("node", nargs="*", help="NAME, ADDRESS or NAME=ADDRESS; the replicas of a shard in a row")
     return parser.parse_args()
 
 
 def main():
     options = parse_arguments()
     directory, path = options.directory.resolve(), options.directory / "fleet.json"
-    state = {"nodes": [], "rate": 100, "replicas": 1, "home": None, "keys": [secrets.token_hex(16)]}
+    state = {"nodes": [], "rate": 100, "replicas": 1, "ms": 1, "home": None, "keys": [secrets.token_hex(16)]}
     if path.exists():
         state.update(json.loads(path.read_text()))
-    state.update({name: value for name, value in (("nodes", options.node), ("rate", options.rate),
-                                                  ("replicas", options.replicas), ("home", options.home)) if value})
+    state.update({name: given for name in ("rate", "replicas", "ms", "home") if (given := getattr(options, name))})
+    state["nodes"] = options.node or state["nodes"]
     if options.new_key:
         state["keys"].append(secrets.token_hex(16))
     if options.only_new_key:
@@ -259,7 +266,7 @@ def main():
     nodes, units = parse_nodes(state["nodes"], state["replicas"]), read_units(options.directory / "units.csv")
     os.umask(0o027)
     write_configuration(directory, nodes, ["443 ssl", "[::]:443 ssl"], state["keys"], state["replicas"], state["home"],
-                        "::", state["rate"])
+                        "::", state["rate"], ms=state["ms"])
     path.write_text(json.dumps(state, indent=4) + "\n")
     gateway = directory / "gateway"
     passwords = write_passwords(gateway, [serial for serial, *_ in units])

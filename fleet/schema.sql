@@ -26,7 +26,8 @@ SELECT now() AS received, message FROM fleet.incoming WHERE substring(message, 1
 -- received  when the batch came
 -- at        the report's time, or when it came if the unit's clock is off by more than a day
 -- time, ms  the report's time as it says; zone is the unit's distance from UTC in minutes
--- loss      percent; jitter and rtt are in the unit that the voice software uses
+-- loss      percent; jitter and rtt are in the unit that the voice software uses. All three are cut to
+--           what can be, 0 to 100 and 0 to 10 s in microseconds, so that no line can spoil a mean
 -- sn, name  the unit: the first five characters of its serial number, and the RTCP name
 CREATE TABLE IF NOT EXISTS fleet.reports_shard (
     received DateTime, at DateTime, time DateTime, ms UInt16, zone Int16,
@@ -69,9 +70,9 @@ SELECT
     toInt32OrZero(n[1]) AS port,
     toInt32OrZero(n[2]) AS packets,
     toInt32OrZero(n[3]) AS lost,
-    toFloat32OrZero(n[4]) AS loss,
-    toInt32OrZero(n[5]) AS jitter,
-    toInt32OrZero(n[6]) AS rtt,
+    toFloat32(greatest(0, least(100, toFloat64OrZero(n[4])))) AS loss,
+    toInt32(greatest(0, least(10000000, toInt64OrZero(n[5])))) AS jitter,
+    toInt32(greatest(0, least(10000000, toInt64OrZero(n[6])))) AS rtt,
     replaceRegexpOne(substring(words, 1, 9 + ssrc_end), '^ +', '') AS ssrc,
     replaceRegexpOne(substring(words, 11 + ssrc_end, 5), '^ +', '') AS sn,
     substring(words, 17 + ssrc_end) AS name

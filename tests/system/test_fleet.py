@@ -1,19 +1,22 @@
 """The store of many units: two engine nodes and the gateway on loopback, fed by real daemons."""
+import contextlib
 import csv
 import json
 import re
+import shutil
 import signal
 import subprocess
 import sys
 import time
+import urllib.request
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
-from conftest import BUILD, ROOT, batch, line, report, wait_for
+from conftest import BUILD, ROOT, batch, expected, line, report, wait_for
 
 sys.path.insert(0, str(ROOT / "fleet"))
-from loopback_fleet import running_fleet  # noqa: E402
+from loopback_fleet import free_port, run, running_fleet  # noqa: E402
 
 pytestmark = pytest.mark.skipif(not all(Path("/usr/sbin", name).exists() for name in ("clickhouse-server", "nginx")),
                                 reason="no clickhouse-server or no nginx")
@@ -65,6 +68,7 @@ def test_every_report_of_twenty_units(fleet, start):
                                  "100", "--seed", str(number)], stdout=subprocess.PIPE, text=True)
                for number, unit in enumerate(units)]
     odd = [{"RTCP_CNAME": name} for name in HOSTILE] + LOST
+    # a loss that cannot be is stored as 100 %
     odd.append({"PORT": 123456, "PACKETS": 2000000000, "LOST_SINCE_LAST_REPORT": -12345, "JITTER_AVG": 9999999,
                 "LOST_LOST_SINCE_LAST_REPORT_PERCENT": 12345, "SSRC": "longer123456", "TIME_STAMP_SEC": 0})
     units[0].send(*(report(**fields).encode("utf-8", "surrogateescape") for fields in odd))
@@ -72,8 +76,8 @@ def test_every_report_of_twenty_units(fleet, start):
     wait_for(lambda: all(unit.drained() for unit in units), 60, "for the last datagrams")
     dropped = sum(unit.sockets()[0][1] for unit in units)       # by the kernel of a busy machine
     assert dropped < sent / 10
-    expected = sent + len(HOSTILE) + 1 - dropped
-    wait_for(lambda: fleet.count("reports") >= expected, 60, f"for all {expected} reports")
+    total = sent + len(HOSTILE) + 1 - dropped
+    wait_for(lambda: fleet.count("reports") >= total, 60, f"for all {total} reports")
     assert fleet.count("heartbeats") == 0
     subprocess.run([BUILD / "tools/check/voxstat-check", "-f", units[9].directory / "voxstat.cfg", "--post"])
     wait_for(lambda: fleet.count("heartbeats"), 60, "for the heartbeat")
@@ -82,7 +86,8 @@ def test_every_report_of_twenty_units(fleet, start):
     for unit in units:
         unit.stop()
         rows = unit.read("QoS_Stat.txt").decode("utf-8", "surrogateescape").split("\n")[1:-1]
-        written += [row + "\n" for row in rows if "\r" not in row and "  nan " not in row]
+        written += [row.replace(" 12345.0 ", " 100.0 ") + "\n" for row in rows
+                    if "\r" not in row and "  nan " not in row]
     assert sorted(stored_lines(fleet)) == sorted(written)
     assert 0 < fleet.count("reports_shard") < fleet.count("reports")     # both shards have some
 
@@ -170,6 +175,52 @@ def test_queries(fleet):
     assert rows("trend", "reports loss_mean mos_mean", step=86400, ms=1, unit="D") == [(1, 2, 4.23)]
     assert rows("call", "t type", sn="A", gcid="3-1", tid="") == [(now, "near_end"), (now - 9, "far_end")]
     assert rows("shards", "shard total up") == [(0, 2, 1), (1, 2, 1)]
+
+
+UNITS = 'serial,name,site\nU1,one,"K""ö\\ln\nx"\nU2-long,two,Bonn\nU9,nine,Bonn\n'
+
+
+@pytest.mark.parametrize("fleet", [{"units": UNITS, "shards": 1}], indirect=True)
+def test_metrics(fleet):
+    """Prometheus reads them, with a site's name that holds all that could break them; what cannot be is cut."""
+    rows = [call("x", sn="U1", jitter=-2147483648), call("x", sn="U1", loss=1e300, rtt=2147483647),
+            call("x", sn="U2-lo", jitter=12), call("x", sn="U3", loss=-7)]
+    assert fleet.request("/ingest", "U1", body=batch(rows).encode())[0] == 200
+    wait_for(lambda: fleet.count("reports") == 4, 30, "for the rows")
+    assert fleet.nodes[0].sql("SELECT loss, jitter, rtt FROM fleet.reports ORDER BY rtt, jitter DESC, sn LIMIT 4") == (
+        "0\t12\t0\n0\t0\t0\n0\t0\t0\n100\t0\t10000000\n")
+    wait_for(lambda: fleet.request("/metrics", "monitor")[0] == 200, 30, "for the node's dictionary")
+    text = fleet.request("/metrics", "monitor")[1].decode()
+    for sample in ("units_expected 3", "units_heard 3", "units_silent 1", "units_unexpected 1", "reports 4", "calls 3",
+                   "bad_calls 1", 'site_loss_percent{site="K\\"ö\\\\ln\\nx"} 50', 'site_loss_percent{site="Bonn"} 0',
+                   'node_up{node="node0"} 1', 'node_spool_files{node="node0"} 0'):
+        assert f"\nvoxstat_fleet_{sample}\n" in text
+    free = float(re.search(r'node_free_bytes\{node="node0"\} (\S+)', text)[1])
+    assert abs(free - shutil.disk_usage(fleet.directory).free) < 1e9
+    if not shutil.which("promtool"):
+        pytest.skip("no promtool")
+    for words, given in ((["check", "metrics"], text), (["test", "rules", fleet.directory / "test.yml"], "")):
+        shutil.copy(ROOT / "fleet/alerts.yml", fleet.directory)
+        (fleet.directory / "test.yml").write_text(expected("fleet_alerts_test.yml"))
+        told = subprocess.run(["promtool", *words], input=given, capture_output=True, text=True)
+        assert told.returncode == 0, told
+    (fleet.directory / "prometheus.yml").write_text(f"""
+rule_files: [alerts.yml]
+scrape_configs:
+  - job_name: voxstat-fleet
+    scrape_interval: 1s
+    basic_auth: {{username: monitor, password: {fleet.passwords["monitor"]}}}
+    static_configs: [{{targets: ["127.0.0.1:{fleet.http}"]}}]
+""")
+    port = free_port()
+    with run(["prometheus", "--config.file=prometheus.yml", f"--storage.tsdb.path={fleet.directory}/tsdb",
+              f"--web.listen-address=127.0.0.1:{port}"], fleet.directory) as prometheus:
+        def sample():
+            with contextlib.suppress(OSError), urllib.request.urlopen(
+                    f"http://127.0.0.1:{port}/api/v1/query?query=voxstat_fleet_units_silent") as answer:
+                return json.load(answer)["data"]["result"]
+        assert wait_for(sample, 30, "for a scrape")[0]["value"][1] == "1"
+        prometheus.terminate()
 
 
 def test_a_killed_node(fleet):
