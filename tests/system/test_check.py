@@ -1,4 +1,5 @@
 """What voxstat-check finds, from mistakes typed by hand to losses of a running daemon."""
+import grp
 import os
 import pwd
 import re
@@ -8,10 +9,11 @@ from pathlib import Path
 
 import pytest
 
-from conftest import BUILD, expected, free_port
+from conftest import BUILD, expected, free_port, report, wait_for
 
 SELF = pwd.getpwuid(os.geteuid()).pw_name
 USER = "nobody" if SELF == "root" else SELF
+GROUP = grp.getgrgid(pwd.getpwnam(USER).pw_gid).gr_name
 CASES = expected("findings.cfg").split("\n\n")[1:]
 
 
@@ -19,14 +21,15 @@ def sysctl(name):
     return int(Path("/proc/sys", name).read_text())
 
 
-def check(config, *options, user=USER):
+def check(config, *options, user=USER, first=""):
     """The status, and what is printed without the path of the file. DIR is its directory, USER the user, WHY what
-    libcurl says of a URL."""
-    run = subprocess.run([BUILD / "tools/check/voxstat-check", "-f", config, "--user", user, *options],
+    libcurl says of a URL. Commands to run first see the same mounts, which end with the check."""
+    inside = ["unshare", "--mount", "sh", "-c", f'{first}; exec "$@"', "sh"] if first else []
+    run = subprocess.run([*inside, BUILD / "tools/check/voxstat-check", "-f", config, "--user", user, *options],
                          capture_output=True, text=True, timeout=60, cwd=config.parent)
     assert run.stderr == ""
     text = re.sub(rf"^{config}: ?", "", run.stdout, flags=re.M).replace(str(config.parent), "DIR")
-    text = re.sub(rf"(user|chown|chgrp|-o) {user}\b", r"\1 USER", re.sub(r"\d+ MiB", "N MiB", text))
+    text = re.sub(rf"(user|chown|-o) {user}\b|(chgrp) {GROUP}\b", lambda found: f"{found[1] or found[2]} USER", re.sub(r"\d+ MiB", "N MiB", text))
     text = re.sub("(URL: )[^;]*", r"\1WHY", text)
     return run.returncode, text.splitlines()
 
@@ -49,22 +52,34 @@ def write(tmp_path):
     return run
 
 
+COMMAND = re.compile(r"[;:] ((?:chmod|chown|chgrp|install|mkdir|sed) .*?)(?:, or | if it |$)")
+
+
 @pytest.mark.parametrize("case", CASES, ids=[case.splitlines()[0] for case in CASES])
 def test_findings(write, case):
-    rows, findings, place = case.splitlines(), [], ""
+    """Each is as expected, and gone when the command that it names has been run."""
+    rows, findings, place, mounts = case.splitlines(), [], "", ""
     config = write(*(row if row[0] == "#" else row.replace(r"\r", "\r").replace(r"\ufeff", "\ufeff") for row in rows))
     for number, row in enumerate(rows, 1):
         if row.startswith("#$"):
             subprocess.run(row[2:].replace("USER", USER), shell=True, cwd=config.parent, check=True)
+        elif row.startswith("#%"):
+            mounts = row[2:]
         elif row.startswith("#!"):
             findings.append(place + row[3:])
         else:
             place = f"{number}: "
-    status, (*found, summary) = check(config)
+    if mounts and SELF != "root":
+        pytest.skip("mounts need root")
+    status, (*found, summary) = check(config, first=mounts)
     assert [row for row in found if "/var/log/current/" not in row] == findings     # few machines have it
     text = "\n".join(found)
     assert status == (2 if "error: " in text else 1 if "warning: " in text else 0)
     assert (summary == "no problems found") == (status == 0)
+    for finding in filter(COMMAND.search, findings if SELF == "root" else ()):
+        command = COMMAND.search(finding)[1].replace("chgrp USER", f"chgrp {GROUP}").replace("USER", USER).replace("DIR", str(config.parent))
+        subprocess.run(command, shell=True, check=True)
+        assert finding not in check(config)[1]
 
 
 def test_what_keeps_the_daemon_from_starting(write):
@@ -86,6 +101,79 @@ def test_what_keeps_the_daemon_from_starting(write):
     assert check(write().parent / "stat") == (2, [
         "error: this is a directory, and the daemon would run on its defaults; name the file in it", "1 error, 0 warnings"])
     assert first(Path("/dev/null")) == "error: this is not a regular file; name the configuration with -f FILE"
+
+
+STRICT = "ProtectSystem=strict\nReadWritePaths=-/var/log/current "
+DENIED = "error: the unit does not let the service {} DIR/stat/; systemctl edit voxstat, [Service] ReadWritePaths=DIR/stat/, and restart it"
+UNITS = [   # what is odd, the unit's properties, commands before, lines of the configuration, what is found
+    ("not allowed", STRICT, "", ["qos_stat_dir = DIR/stat"], [DENIED.format("write to")]),
+    ("allowed", STRICT + "DIR/stat", "", ["qos_stat_dir = DIR/stat"], []),
+    ("allowed above, by another drop-in", STRICT + "/x DIR", "", ["qos_stat_dir = DIR/stat"], []),
+    ("its name only begins like an allowed one", STRICT + "DIR/sta", "", ["qos_stat_dir = DIR/stat"],
+     [DENIED.format("write to")]),
+    ("a link leads out", STRICT + "DIR/in", "mkdir in; ln -s ../stat in/link", ["qos_stat_dir = DIR/in/link"],
+     [DENIED.format("write to").replace("/stat", "/in/link")]),
+    ("hidden", "InaccessiblePaths=-DIR/stat", "", ["qos_stat_dir = DIR/stat"], [DENIED.format("see")]),
+    ("hidden serial number", "InaccessiblePaths=DIR/own", "mkdir -m 777 own; cp sn own", ["sn_file_path = DIR/own/sn"], [
+        "warning: DIR/own/sn cannot be read by the user USER: Permission denied, so reports without a serial number of "
+        "their own get 0; the unit hides it from the service: name a file elsewhere with sn_file_path, or systemctl "
+        "edit voxstat, [Service] ProtectHome=read-only, and restart it"]),
+    ("low port", "AmbientCapabilities=cap_net_bind_service", "", ["qos_port = 1"], []),
+    ("private /tmp", "PrivateTmp=yes", "", ["qos_stat_dir = DIR/stat"], [
+        "warning: the packaged service has a /tmp and a /var/tmp of its own, which are deleted when it stops; write a "
+        "directory elsewhere"]),
+]
+
+
+@pytest.fixture
+def unit(tmp_path, monkeypatch):
+    """unit(properties): what systemctl tells of the service from then on."""
+    def tell(properties):
+        (tmp_path / "bin").mkdir(exist_ok=True)
+        (tmp_path / "bin/systemctl").write_text(f"#!/bin/sh\ncat <<END\nUser={USER}\n{properties}\nEND\n")
+        (tmp_path / "bin/systemctl").chmod(0o755)
+        monkeypatch.setenv("PATH", f"{tmp_path}/bin", prepend=":")
+    return tell
+
+
+@pytest.mark.parametrize("_, properties, commands, lines, findings", UNITS, ids=[row[0] for row in UNITS])
+def test_unit(write, unit, _, properties, commands, lines, findings):
+    config = write(*lines)
+    subprocess.run(commands, shell=True, cwd=config.parent, check=True)
+    unit(properties.replace("DIR", str(config.parent)))
+    assert check(config)[1][:-1] == [f"1: {finding}" for finding in findings]
+
+
+@pytest.mark.skipif(SELF != "root", reason="mounts need root")
+def test_view_of_the_daemon(start):
+    """What the running daemon sees counts, not what this process sees; two daemons in one directory are found."""
+    daemon = start(serial="ABC12", launch=["unshare", "--mount", "bash", "-c", 'mkdir -p stat; mount --bind stat stat; '
+                                           'mount -o remount,bind,ro stat; exec "$@"', "bash"])
+    config = daemon.directory / "voxstat.cfg"
+    line, stat = f"{config.read_text().split('qos_stat_dir')[0].count(chr(10)) + 1}: ", str(daemon.stat).rstrip("/")
+    def found():
+        return [row for row in check(config, user=SELF)[1] if "note: port" not in row]
+    assert found() == [line + "error: DIR/stat/ is on a read-only file system; remount it with mount -o remount,rw, or "
+                       "write another directory", "1 error, 0 warnings"]
+    subprocess.run(["nsenter", "--target", str(daemon.process.pid), "--mount", "mount", "-o", "remount,bind,rw", stat],
+                   check=True)
+    assert found() == ["no problems found"]
+    daemon.send(report())
+    wait_for(lambda: daemon.read("QoS_Stat.txt"), what="for the file")
+    other = start(serial="ABC12", qos_stat_dir=daemon.stat)
+    assert (f": error: another daemon, process {daemon.process.pid}, writes {stat}/QoS_Stat.txt too; give each daemon a "
+            "directory of its own") in "\n".join(check(other.directory / "voxstat.cfg", user=SELF)[1])
+
+
+def test_post_has_the_environment_of_the_service(write, unit, web, monkeypatch):
+    proxy = f"http://127.0.0.1:{web.server_port}"
+    config = write("elastic_url = http://server.invalid/x")
+    unit(f"Environment=A=b http_proxy={proxy}")
+    assert "note: the post has arrived; the server answers 200: {}" in check(config, "--post")[1][-2]
+    assert web.requests[0][0] == "http://server.invalid/x"
+    monkeypatch.setenv("http_proxy", proxy)
+    unit("Environment=")
+    assert "code 6" in check(config, "--post")[1][-2]
 
 
 @pytest.mark.parametrize("row", expected("answers.txt").splitlines())

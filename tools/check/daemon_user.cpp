@@ -56,6 +56,12 @@ DaemonUser::DaemonUser(const std::optional<std::string>& name)
     _gid = entry->pw_gid;
 }
 
+std::string DaemonUser::group() const
+{
+    const struct group* entry = getgrgid(_gid);
+    return entry != nullptr ? entry->gr_name : std::to_string(_gid);
+}
+
 bool DaemonUser::can_be_asked() const
 {
     return geteuid() == 0 || geteuid() == _uid;

@@ -14,6 +14,9 @@ public:
 
     const std::string& name() const { return _name; }
 
+    // The name of its group, or the number of one without a name.
+    std::string group() const;
+
     // Whether this process is that user or may become it. Else it cannot tell what the user may do.
     bool can_be_asked() const;
 

@@ -91,7 +91,7 @@ void find_denied(const OutputFile& file, const DaemonUser& user, int error, Find
                        ", or write a directory elsewhere");
     else if (directory == std::string(limits::LOG_DIRECTORY) + '/')
         findings.error(file.line, directory, " cannot be written by the user ", user.name(), ": ",
-                       std::strerror(error), "; chgrp ", user.name(), ' ', directory,
+                       std::strerror(error), "; chgrp ", user.group(), ' ', directory,
                        " && chmod g+rwx ", directory, ", or delete log.file");
     else
         findings.error(file.line, directory, " cannot be written by the user ", user.name(), ": ",
@@ -122,7 +122,7 @@ void check_directory(const OutputFile& file, const DaemonUser& user, const Servi
         find_denied(file, user, error, findings);
     else if (error == 0 && user.access(file.directory, R_OK) != 0)
         findings.warning(file.line, file.directory, " cannot be listed by the user ", user.name(),
-                         ", so the daemon deletes no archives; chmod u+r ", file.directory);
+                         ", so the daemon deletes no archives; chmod a+r ", file.directory);
 }
 
 // Lines of two daemons would mix, and each would rename the file under the other.

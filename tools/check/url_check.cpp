@@ -6,6 +6,7 @@
 
 #include <memory>
 
+#include "tools/check/daemon_user.h"
 #include "tools/check/findings.h"
 #include "tools/check/settings.h"
 
@@ -49,7 +50,8 @@ void check_scheme(const std::string& scheme, std::size_t line, Findings& finding
                        "install ca-certificates");
 }
 
-void check_secret(const Settings& settings, const std::string& config_path, Findings& findings)
+void check_secret(const Settings& settings, const std::string& config_path, const DaemonUser& user,
+                  Findings& findings)
 {
     const std::size_t line = settings.line(keys::ELASTIC_URL);
     struct stat info {};
@@ -57,13 +59,14 @@ void check_secret(const Settings& settings, const std::string& config_path, Find
         findings.warning(line, "the log shows the credentials in elastic_url; set log.http = 2 or ",
                          "less");
     if (stat(config_path.c_str(), &info) == 0 && (info.st_mode & S_IROTH) != 0)
-        findings.warning(line, "all users can read the credentials in elastic_url; chgrp voxstat ",
-                         config_path, " && chmod 640 ", config_path);
+        findings.warning(line, "all users can read the credentials in elastic_url; chgrp ",
+                         user.group(), ' ', config_path, " && chmod 640 ", config_path);
 }
 
 }  // namespace
 
-void check_url(const Settings& settings, const std::string& config_path, Findings& findings)
+void check_url(const Settings& settings, const std::string& config_path, const DaemonUser& user,
+               Findings& findings)
 {
     const std::string url = settings.text(keys::ELASTIC_URL);
     const std::size_t line = settings.line(keys::ELASTIC_URL);
@@ -91,5 +94,5 @@ void check_url(const Settings& settings, const std::string& config_path, Finding
                        "put a pipeline that takes JSON over HTTP in front of the server");
     if (!part(address.get(), CURLUPART_USER).empty() ||
         !part(address.get(), CURLUPART_PASSWORD).empty())
-        check_secret(settings, config_path, findings);
+        check_secret(settings, config_path, user, findings);
 }

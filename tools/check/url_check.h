@@ -4,7 +4,9 @@
 
 #include <string>
 
+class DaemonUser;
 class Findings;
 class Settings;
 
-void check_url(const Settings& settings, const std::string& config_path, Findings& findings);
+void check_url(const Settings& settings, const std::string& config_path, const DaemonUser& user,
+               Findings& findings);

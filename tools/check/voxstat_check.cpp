@@ -61,7 +61,7 @@ bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& fi
     else if (user.access(file, R_OK) != 0)
         findings.error(
             0, "the user ", user.name(), " cannot read this, and the daemon would exit at once; ",
-            closed.empty() ? "chgrp " + user.name() + ' ' + file + " && chmod g+r " + file
+            closed.empty() ? "chgrp " + user.group() + ' ' + file + " && chmod g+r " + file
                            : "chmod a+x " + closed);
     else if (access(file.c_str(), R_OK) != 0)
         findings.error(0, "you cannot read this; sudo voxstat-check can");
@@ -79,7 +79,7 @@ std::optional<LiveState> check(const Options& options, Findings& findings)
         return std::nullopt;
     const Settings settings(options.file, findings);
     check_values(settings, findings);
-    check_url(settings, options.file, findings);
+    check_url(settings, options.file, user, findings);
     const Service service = Service::find(settings, user);
     check_ports(settings, user, service, findings);
     check_disks(settings, user, service, findings);
