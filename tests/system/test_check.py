@@ -153,8 +153,8 @@ def test_view_of_the_daemon(start):
     line, stat = f"{config.read_text().split('qos_stat_dir')[0].count(chr(10)) + 1}: ", str(daemon.stat).rstrip("/")
     def found():
         return [row for row in check(config, user=SELF)[1] if "note: port" not in row]
-    assert found() == [line + "error: DIR/stat/ is on a read-only file system; remount it with mount -o remount,rw, or "
-                       "write another directory", "1 error, 0 warnings"]
+    assert found() == [line + "error: DIR/stat/ is read-only; restart the daemon if its unit has been changed to allow "
+                       "the directory, otherwise mount -o remount,rw, or write another directory", "1 error, 0 warnings"]
     subprocess.run(["nsenter", "--target", str(daemon.process.pid), "--mount", "mount", "-o", "remount,bind,rw", stat],
                    check=True)
     assert found() == ["no problems found"]

@@ -61,19 +61,19 @@ const char* home_remedy(const std::string& directory)
     return is_below(directory, {"/home/", "/root/", "/run/user/"}) ? " and ProtectHome=no" : "";
 }
 
-// A directory that systemd itself would refuse, or remove.
-void find_unusable(const OutputFile& file, const Service& service, Findings& findings)
+// A symbolic link as state directory, with which systemd does not start the service.
+bool find_link(const OutputFile& file, const Service& service, Findings& findings)
 {
-    const fs::path directory = file.directory.substr(0, file.directory.size() - 1);
-    std::error_code ignored;
-    if (service.unit.is_state_directory(directory) && fs::is_symlink(directory, ignored))
-        findings.error(file.line, directory.string(), " is a symbolic link, with which systemd ",
-                       "does not start the service (238/STATE_DIRECTORY); remove it, make a ",
-                       "directory, and mount --bind ",
-                       fs::read_symlink(directory, ignored).string(), ' ', directory.string());
-    if (is_below(file.directory, {"/tmp/", "/var/tmp/"}) && service.unit.has_private_tmp())
-        findings.warning(file.line, "the packaged service has a /tmp and a /var/tmp of its own, ",
-                         "which are deleted when it stops; write a directory elsewhere");
+    const std::string directory = file.directory.substr(0, file.directory.size() - 1);
+    std::error_code error;
+    if (!service.unit.is_state_directory(directory) || !fs::is_symlink(directory, error))
+        return false;
+    const std::string target = fs::canonical(directory, error);
+    findings.error(file.line, directory,
+                   " is a symbolic link, with which systemd does not start the ",
+                   "service (238/STATE_DIRECTORY); rm ", directory, " && mkdir ", directory,
+                   " && mount --bind ", target, ' ', directory, ", and enter that in /etc/fstab");
+    return true;
 }
 
 void find_denied(const OutputFile& file, const DaemonUser& user, int error, Findings& findings)
@@ -83,8 +83,9 @@ void find_denied(const OutputFile& file, const DaemonUser& user, int error, Find
     if (error == ENOTDIR)
         findings.error(file.line, directory, " is not a directory; write another");
     else if (error == EROFS)
-        findings.error(file.line, directory, " is on a read-only file system; remount it with ",
-                       "mount -o remount,rw, or write another directory");
+        findings.error(file.line, directory,
+                       " is read-only; restart the daemon if its unit has been changed to allow "
+                       "the directory, otherwise mount -o remount,rw, or write another directory");
     else if (!closed.empty() && closed + '/' != directory)
         findings.error(file.line, directory, " cannot be reached by the user ", user.name(),
                        ", who may not enter ", closed, "; chmod a+x ", closed,
@@ -104,7 +105,11 @@ void find_denied(const OutputFile& file, const DaemonUser& user, int error, Find
 void check_directory(const OutputFile& file, const DaemonUser& user, const Service& service,
                      bool in_view, Findings& findings)
 {
-    find_unusable(file, service, findings);
+    if (find_link(file, service, findings))
+        return;
+    if (is_below(file.directory, {"/tmp/", "/var/tmp/"}) && service.unit.has_private_tmp())
+        findings.warning(file.line, "the packaged service has a /tmp and a /var/tmp of its own, ",
+                         "which are deleted when it stops; write a directory elsewhere");
     struct stat info {};
     const ServiceUnit::Access allowed = service.unit.access(file.directory);
     const bool hidden = allowed == ServiceUnit::Access::HIDDEN;
