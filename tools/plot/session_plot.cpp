@@ -106,15 +106,15 @@ constexpr std::size_t COLUMNS = static_cast<std::size_t>((RIGHT - LEFT) * Sessio
 
 std::size_t column_of(const TimeAxis& axis, const Sample& sample)
 {
-    const double part =
-        (axis.place_of(sample.time_s) - axis.begin()) / std::max(axis.end() - axis.begin(), 0.001);
+    const double part = (axis.place_of(sample.time_s) - axis.first_place()) /
+                        std::max(axis.last_place() - axis.first_place(), 0.001);
     return std::min(static_cast<std::size_t>(part * COLUMNS), COLUMNS - 1);
 }
 
 double middle_of(const TimeAxis& axis, std::size_t column)
 {
-    return axis.begin() +
-           (static_cast<double>(column) + 0.5) / COLUMNS * (axis.end() - axis.begin());
+    return axis.first_place() +
+           (static_cast<double>(column) + 0.5) / COLUMNS * (axis.last_place() - axis.first_place());
 }
 
 }  // namespace

@@ -165,6 +165,6 @@ std::string SummaryPlot::figures_of(const Stream& stream) const
                        pair(of.round_trip, of.round_trip_max));
     if (!_caption.in_ms)
         return text;
-    const double rating = stream.quality.rating;
-    return text + score_columns(figure(rating, 1), figure(opinion_score(rating), 1));
+    return text + score_columns(figure(stream.quality.rating, 1),
+                                figure(opinion_score(stream.quality.rating), 1));
 }

@@ -23,9 +23,9 @@ public:
 
     // A point of time as gnuplot is to draw it: its clock knows no zones.
     double place_of(double time_s) const { return time_s + _zone_offset_s; }
-    double begin() const { return _begin; }
+    double first_place() const { return _begin; }
     double middle() const { return (_begin + _end) / 2; }
-    double end() const { return _end; }
+    double last_place() const { return _end; }
 
     std::string moment_text(double time_s) const;  // "22:13:20", with its day if there are several
     std::string zone_text() const;                 // "+0000"

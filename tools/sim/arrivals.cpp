@@ -37,11 +37,12 @@ std::vector<Arrival> arrivals(const std::vector<Sent>& sent, microseconds longes
 {
     std::vector<Arrival> arrivals;
     microseconds latest(0);
-    for (const auto& [packet, delay] : sent) {
+    for (const Sent& each : sent) {
         const microseconds own =
-            packet_time * packet + std::chrono::duration_cast<microseconds>(longest_delay * delay);
+            packet_time * each.packet +
+            std::chrono::duration_cast<microseconds>(longest_delay * each.delay);
         latest = std::max(latest, own);
-        arrivals.push_back({packet, in_order ? latest : own});
+        arrivals.push_back({each.packet, in_order ? latest : own});
     }
     std::stable_sort(arrivals.begin(), arrivals.end(),
                      [](const Arrival& a, const Arrival& b) { return a.time < b.time; });
