@@ -117,13 +117,13 @@ void LossLog::add_line(const std::string& line)
 
 void LossLog::add_message(const std::string& level, const std::string& message)
 {
-    std::size_t kinds = 0;
+    std::size_t kinds_so_far = 0;
     for (const Message& row : MESSAGES) {
-        kinds += row.what != nullptr ? 1 : 0;
+        kinds_so_far += row.what != nullptr ? 1 : 0;
         const char* const rest = level == row.level ? behind(message, row.text) : nullptr;
         if (rest == nullptr)
             continue;
-        unsigned long& count = _kinds[kinds - 1].count;
+        unsigned long& count = _kinds[kinds_so_far - 1].count;
         const unsigned long number = std::strtoul(rest, nullptr, 10);
         if (row.counting == NUMBER)
             count += number;

@@ -135,18 +135,18 @@ std::string TimeAxis::span_text() const
 std::string TimeAxis::gnuplot_script(int most_tics, bool with_texts) const
 {
     const double margin = std::fmax(0.5, (_end - _begin) * MARGIN);
-    const double begin = _begin - margin;
-    const double end = _end + margin;
-    const double step = step_for(end - begin, most_tics);
+    const double left = _begin - margin;
+    const double right = _end + margin;
+    const double step = step_for(right - left, most_tics);
     std::string format = step < MINUTE ? "%H:%M:%S" : "%H:%M";
     if (step >= DAY)
         format = "%Y-%b-%d";
     else if (!is_one_day())
         format += "\\n%Y-%b-%d";
     std::ostringstream script;
-    script << std::fixed << std::setprecision(3) << "set xrange [" << begin << ":" << end
+    script << std::fixed << std::setprecision(3) << "set xrange [" << left << ":" << right
            << "]\nset xtics time format \"" << (with_texts ? format : "") << "\" "
-           << std::ceil(begin / step) * step << "," << step << "\n";
+           << std::ceil(left / step) * step << "," << step << "\n";
     return script.str();
 }
 
