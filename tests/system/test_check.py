@@ -113,6 +113,15 @@ UNITS = [   # what is odd, the unit's properties, commands before, lines of the 
      [DENIED.format("write to")]),
     ("a link leads out", STRICT + "DIR/in", "mkdir in; ln -s ../stat in/link", ["qos_stat_dir = DIR/in/link"],
      [DENIED.format("write to").replace("/stat", "/in/link")]),
+    ("missing too", STRICT, "rmdir stat", ["qos_stat_dir = DIR/stat"], [
+        "warning: DIR/stat/ is missing; the daemon would create it with mode 0744, so that no other user could enter; "
+        "create it: install -d -o USER -m 750 DIR/stat/", DENIED.format("write to")]),
+    ("only ProtectHome protects /home", "ProtectSystem=strict\nProtectHome=no", "", ["qos_stat_dir = /home"], [
+        "error: /home/ cannot be written by the user USER: Permission denied; chown USER /home/ && chmod 750 /home/ if it "
+        "is for the daemon alone, otherwise write another directory"]),
+    ("relative", STRICT, "", ["qos_stat_dir = stat"], [
+        "warning: qos_stat_dir = stat depends on the directory in which the daemon is started; write a path that begins "
+        "with '/'"]),
     ("hidden", "InaccessiblePaths=-DIR/stat", "", ["qos_stat_dir = DIR/stat"], [DENIED.format("see")]),
     ("hidden serial number", "InaccessiblePaths=DIR/own", "mkdir -m 777 own; cp sn own", ["sn_file_path = DIR/own/sn"], [
         "warning: DIR/own/sn cannot be read by the user USER: Permission denied, so reports without a serial number of "

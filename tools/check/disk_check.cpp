@@ -101,6 +101,14 @@ void find_denied(const OutputFile& file, const DaemonUser& user, int error, Find
                        " if it is for the daemon alone, otherwise write another directory");
 }
 
+void find_forbidden(const OutputFile& file, bool hidden, Findings& findings)
+{
+    findings.error(file.line, "the unit does not let the service ", hidden ? "see " : "write to ",
+                   file.directory,
+                   "; systemctl edit voxstat, [Service] ReadWritePaths=", file.directory,
+                   home_remedy(file.directory), ", and restart it");
+}
+
 // Judges as the daemon does: in_view tells that this process sees the files as the running one.
 void check_directory(const OutputFile& file, const DaemonUser& user, const Service& service,
                      bool in_view, Findings& findings)
@@ -113,16 +121,14 @@ void check_directory(const OutputFile& file, const DaemonUser& user, const Servi
     struct stat info {};
     const ServiceUnit::Access allowed = service.unit.access(file.directory);
     const bool hidden = allowed == ServiceUnit::Access::HIDDEN;
-    if (stat(file.directory.c_str(), &info) != 0 && errno == ENOENT && !hidden) {
+    const bool missing = stat(file.directory.c_str(), &info) != 0 && errno == ENOENT;
+    if (missing && !(hidden && in_view))
         find_missing(file, user, findings);
-        return;
-    }
     const int error = user.access(file.directory, W_OK | X_OK);
     if (allowed != ServiceUnit::Access::WRITABLE && (error != 0 || !in_view))
-        findings.error(file.line, "the unit does not let the service ",
-                       hidden ? "see " : "write to ", file.directory,
-                       "; systemctl edit voxstat, [Service] ReadWritePaths=", file.directory,
-                       home_remedy(file.directory), ", and restart it");
+        find_forbidden(file, hidden, findings);
+    else if (missing)
+        return;
     else if (error != 0 && (in_view || !service.unit.is_state_directory(file.directory)))
         find_denied(file, user, error, findings);
     else if (error == 0 && user.access(file.directory, R_OK) != 0)
@@ -189,6 +195,8 @@ void check_disks(const Settings& settings, const DaemonUser& user, const Service
     std::string checked;
     std::map<dev_t, Need> needs;
     for (const OutputFile& file : files) {
+        if (!file.directory.starts_with('/'))
+            continue;  // somewhere below the daemon's working directory, not this process's
         if (file.directory != checked)
             check_directory(file, user, service, view.entered(), findings);
         checked = file.directory;

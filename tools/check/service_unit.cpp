@@ -104,7 +104,7 @@ ServiceUnit::Access ServiceUnit::access(const std::string& path) const
     if (is_in(real, listed("ReadWritePaths")) || is_in(real, state_directories()))
         return Access::WRITABLE;
     if ((at_home && is("ProtectHome", {"read-only"})) || is_in(real, listed("ReadOnlyPaths")) ||
-        is("ProtectSystem", {"strict"}) ||
+        (!at_home && is("ProtectSystem", {"strict"})) ||  // ProtectHome alone decides there
         (is("ProtectSystem", {"yes", "full"}) &&
          is_in(real, std::initializer_list<const char*>{"/usr", "/boot", "/efi"})) ||
         (is("ProtectSystem", {"full"}) && is_at_or_below(real, "/etc")))
