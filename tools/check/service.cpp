@@ -1,5 +1,7 @@
 #include "tools/check/service.h"
 
+#include <cstdint>
+
 #include "tools/check/daemon_user.h"
 #include "tools/check/settings.h"
 #include "tools/check/udp_socket.h"
