@@ -5,8 +5,8 @@
 const DAY_S = 86400;
 const SILENT_AFTER_S = 600;                     // two heartbeats missed
 const HEARTBEATS_S = 7 * DAY_S;                 // how far back the page looks for a unit's last heartbeat
-const POLL_MS = 3000, POLL_TIMEOUT_MS = 6000;   // a store that does not answer is noticed within 10 s
-const QUERY_TIMEOUT_MS = 9000;
+const POLL_MS = 3000, LATE_MS = 6000;           // a store that does not answer is noticed within 10 s
+const TIMEOUT_MS = 40000;                       // a silent node makes answers late, but they come
 const REFRESH_S = 60, RETRY_S = 10;
 const STEPS = 90;                               // points of a curve over the chosen time
 const DEFAULTS = {period: "900", from: "", to: "", site: "", unit: "", find: "", call: "", scale: "1"};
@@ -21,7 +21,7 @@ const now = () => clock + performance.now() / 1000;
 let down = [];          // the shards that do not answer
 let expected = {};      // the rows of the expected units by their serial numbers
 let rounds = 0;         // how often the page was refreshed
-let finished = -Infinity;   // when the last round was complete; none is while one goes on
+let finished = -Infinity;   // when the last round was complete; Infinity while one goes on, -Infinity before it
 let unreachable = "";   // why the store does not answer
 
 const hex = text => [...new TextEncoder().encode(text)].map(byte => byte.toString(16).padStart(2, "0")).join("");
@@ -37,10 +37,10 @@ function chosenTime() {
 }
 
 // The rows of a query's answer, and how many there are without its limit.
-async function ask(query, parameters, timeout = QUERY_TIMEOUT_MS) {
+async function ask(query, parameters) {
     // from the origin: the page's own address may have a password in it
     const url = `${location.origin}/query/${query}?${new URLSearchParams(parameters)}`;
-    const text = await (await fetch(url, {signal: AbortSignal.timeout(timeout)})).text();
+    const text = await (await fetch(url, {signal: AbortSignal.timeout(TIMEOUT_MS)})).text();
     try {
         const {data, rows_before_limit_at_least: total = data.length} = JSON.parse(text);
         return [data, total];
@@ -233,9 +233,11 @@ function callQuery({to}, opened) {
 // Asks one query after another, so that the store has little to do at once and silent units show first. A new choice
 // ends the round that it meets.
 async function refresh(opened = false) {
+    const mine = ++rounds;
+    finished = -Infinity;
     if (clock === undefined || unreachable)
         return;
-    const mine = ++rounds, time = chosenTime(), step = Math.max(1, Math.ceil((time.to - time.from) / STEPS));
+    const time = chosenTime(), step = Math.max(1, Math.ceil((time.to - time.from) / STEPS));
     const all = {...time, site: hex(chosen("site")), unit: hex(chosen("unit")), ms: msPerUnit()};
     const before = {...all, from: time.from - DAY_S, to: time.to - DAY_S}, find = chosen("find"), call = chosen("call");
     finished = Infinity;
@@ -262,20 +264,26 @@ async function refresh(opened = false) {
 }
 
 async function poll() {
+    const late = setTimeout(() => showUnreachable("No answer in time."), LATE_MS);
     try {
-        const [rows] = await ask("shards", {}, POLL_TIMEOUT_MS), changed = unreachable;
-        const wereDown = down.length, waited = performance.now() / 1000 - finished;
-        clock = Math.max(...rows.map(row => row.now)) - performance.now() / 1000;
+        const [rows] = await ask("shards", {}), wereDown = down.length, uptime = performance.now() / 1000;
+        const waited = uptime - finished;
+        const failed = unreachable || Object.values(parts).some(part => part.failure);
+        clock = Math.max(...rows.map(row => row.now)) - uptime;
         down = rows.filter(row => !row.up);
-        unreachable = "";
-        if (changed || down.length !== wereDown || !document.hidden && (waited > REFRESH_S ||
-            waited > RETRY_S && Object.values(parts).some(part => part.failure)))
+        showUnreachable("");
+        if (down.length !== wereDown || !document.hidden && waited > (failed ? RETRY_S : REFRESH_S))
             refresh();
     } catch (error) {
-        unreachable = reasonOf(error);
+        showUnreachable(reasonOf(error));
     }
-    showState();
+    clearTimeout(late);
     setTimeout(poll, POLL_MS);
+}
+
+function showUnreachable(reason) {
+    unreachable = reason;
+    showState();
 }
 
 function readAddress() {

@@ -224,8 +224,10 @@ def test_old_data_says_so(store, page):
     store.faults[""] = threading.Event()        # no answer to anything
     page.shows("#error", "The store does not answer. This page shows old data.\nNo answer in time.", 10)
     page.shows("#age", " s old")
+    page.run("location.hash = '#unit=U2'")
     store.faults.pop("").set()
     wait_for(lambda: not page.find("#error").is_displayed(), 20, "for a retry")
+    page.shows("[data-query=trend] h2", "Unit U2")
     store.answers["shards"]["data"][1].update(up=0, missing=["LATE"])
     page.shows("#missing h2", "No answer from node1. Missing units: 1")
     assert page.rows("missing") == [["LATE", "=1+1", "Bonn"]]
