@@ -154,7 +154,7 @@ def test_unit(write, unit, _, properties, commands, lines, findings):
 
 
 @pytest.mark.skipif(SELF != "root", reason="mounts need root")
-def test_view_of_the_daemon(start):
+def test_view_of_the_daemon(start, unit):
     """What the running daemon sees counts, not what this process sees; two daemons in one directory are found."""
     daemon = start(serial="ABC12", launch=["unshare", "--mount", "bash", "-c", 'mkdir -p stat; mount --bind stat stat; '
                                            'mount -o remount,bind,ro stat; exec "$@"', "bash"])
@@ -170,8 +170,13 @@ def test_view_of_the_daemon(start):
     daemon.send(report())
     wait_for(lambda: daemon.read("QoS_Stat.txt"), what="for the file")
     other = start(serial="ABC12", qos_stat_dir=daemon.stat)
-    assert (f": error: another daemon, process {daemon.process.pid}, writes {stat}/QoS_Stat.txt too; give each daemon a "
-            "directory of its own") in "\n".join(check(other.directory / "voxstat.cfg", user=SELF)[1])
+    twice = (f": error: another daemon, process {daemon.process.pid}, writes {stat}/QoS_Stat.txt too; give each daemon a "
+             "directory of its own")
+    assert twice in "\n".join(check(other.directory / "voxstat.cfg", user=SELF)[1])
+    other.stop()
+    unit("MainPID=0")
+    other.directory.parent.chmod(0o755)
+    assert twice in "\n".join(check(other.directory / "voxstat.cfg")[1])
 
 
 def test_post_has_the_environment_of_the_service(write, unit, web, monkeypatch):

@@ -139,8 +139,10 @@ void check_directory(const OutputFile& file, const DaemonUser& user, const Servi
 // Lines of two daemons would mix, and each would rename the file under the other.
 void find_other_writer(const OutputFile& file, const Service& service, Findings& findings)
 {
+    if (!service.daemon && !service.unit.is_installed())
+        return;  // the one that runs may be the one that the configuration is for
     for (const Process& process : Process::all()) {
-        if (!process.is_daemon() || !service.daemon || process.id() == service.daemon->id())
+        if (!process.is_daemon() || (service.daemon && process.id() == service.daemon->id()))
             continue;
         const std::vector<std::string> open = process.open_files();
         if (std::find(open.begin(), open.end(), file.path()) != open.end())
