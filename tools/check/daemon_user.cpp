@@ -79,7 +79,7 @@ std::string DaemonUser::closed_directory(const std::string& path) const
 {
     for (std::size_t end = path.find('/', 1); end != std::string::npos;
          end = path.find('/', end + 1))
-        if (const std::string directory = path.substr(0, end); access(directory, X_OK) == EACCES)
+        if (std::string directory = path.substr(0, end); access(directory, X_OK) == EACCES)
             return directory;
     return "";
 }
