@@ -92,7 +92,7 @@ def running_fleet(directory, **options):
 class Fleet:
     """units: the text of units.csv. Without it, nobody is expected, and all units share the user "unit"."""
 
-    def __init__(self, directory, shards=2, replicas=1, rate=10000, timeout=10, units=None):
+    def __init__(self, directory, shards=2, replicas=1, rate=10000, timeout=10, units=None, connections=4000):
         self.directory = Path(directory)
         self.directory.mkdir(parents=True, exist_ok=True)
         self.nodes = [Engine(self.directory / f"node{number}") for number in range(shards * replicas)]
@@ -100,10 +100,10 @@ class Fleet:
         self.queries = queries(nodes, replicas)
         self.http, self.https = free_port(), free_port()
         self.url = f"http://127.0.0.1:{self.http}"
-        self.gateway = None
+        self.gateway, self.connections = None, connections
         self.keys = [secrets.token_hex(16)]
         write_configuration(self.directory, nodes, [f"127.0.0.1:{self.http}", f"127.0.0.1:{self.https} ssl"],
-                            self.keys, replicas, rate=rate, timeout=timeout)
+                            self.keys, replicas, rate=rate, timeout=timeout, log=self.directory)
         if units is not None:
             (self.directory / "units.csv").write_text(units)
         self.units = read_units(self.directory / "units.csv")
@@ -131,7 +131,7 @@ class Fleet:
         user = "user root;" if os.geteuid() == 0 else ""
         (place / "nginx.conf").write_text(
             f"daemon off; pid {place}/nginx.pid; error_log {place}/gateway.log; worker_processes auto; {user}\n"
-            "worker_rlimit_nofile 8192; events { worker_connections 4000; }\n"
+            f"worker_rlimit_nofile 8192; events {{ worker_connections {self.connections}; }}\n"
             f"http {{ include /etc/nginx/mime.types; {temporary} include {place}/gateway/gateway.conf; }}\n")
         path = os.environ["PATH"] + ":/usr/sbin"
         self.gateway = run([shutil.which("nginx", path=path), "-p", place, "-c", place / "nginx.conf"], place)

@@ -17,11 +17,13 @@ CREATE DATABASE IF NOT EXISTS fleet;
 CREATE TABLE IF NOT EXISTS fleet.incoming (message String) ENGINE = Null;
 CREATE TABLE IF NOT EXISTS fleet.lines_shard (received DateTime, message String) ENGINE = Null;
 
+-- A node whose disk is nearly full refuses batches before it loses them, and the gateway gives them to another.
 -- Sharded by the serial number, where it usually stands, so that a batch goes to one shard.
 CREATE TABLE IF NOT EXISTS fleet.lines AS fleet.lines_shard
 ENGINE = Distributed(fleet, fleet, lines_shard, cityHash64(substring(message, 141, 5)));
 CREATE MATERIALIZED VIEW IF NOT EXISTS fleet.accept TO fleet.lines AS
-SELECT now() AS received, message FROM fleet.incoming WHERE substring(message, 1, 1) = '{';
+SELECT now() AS received, message FROM fleet.incoming WHERE substring(message, 1, 1) = '{'
+    AND throwIf(dictGetUInt64('node', 'free_bytes', toUInt64(0)) < 500000000) = 0;
 
 -- received  when the batch came
 -- at        the report's time, or when it came if the unit's clock is off by more than a day

@@ -71,6 +71,7 @@ def local(statement):
     statement = re.sub(r"ENGINE = Distributed\(\w+, fleet, (\w+).*\)",
                        lambda table: "ENGINE = Null" if table[1] == "lines_shard" else f"ENGINE = Merge(fleet, '^{table[1]}$')",
                        statement)
+    statement = re.sub(r"AND throwIf\(dictGet.*", "", statement)
     return re.sub(r"ENGINE = Dictionary\(\w+\)", "ENGINE = Memory", statement.replace("TO fleet.lines AS", "TO fleet.lines_shard AS"))
 
 

@@ -4,19 +4,17 @@ import csv
 import json
 import re
 import shutil
-import signal
 import subprocess
 import sys
 import time
 import urllib.request
-from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
 from conftest import BUILD, ROOT, batch, expected, line, report, wait_for
 
 sys.path.insert(0, str(ROOT / "fleet"))
-from loopback_fleet import free_port, run, running_fleet  # noqa: E402
+from loopback_fleet import Fleet, free_port, run, running_fleet  # noqa: E402, F401
 
 pytestmark = pytest.mark.skipif(not all(Path("/usr/sbin", name).exists() for name in ("clickhouse-server", "nginx")),
                                 reason="no clickhouse-server or no nginx")
@@ -221,51 +219,6 @@ scrape_configs:
                 return json.load(answer)["data"]["result"]
         assert wait_for(sample, 30, "for a scrape")[0]["value"][1] == "1"
         prometheus.terminate()
-
-
-def test_a_killed_node(fleet):
-    """What was answered 200 is there after the node's restart. A delivery that the kill interrupts may be stored and
-    repeated: then the rows are the same to the second of their arrival, and the engine can sort them out."""
-    accepted = set()
-
-    def send(number):
-        rows = {f"{number}-{row}" for row in range(5)}
-        if post(fleet, *(call(row, sn=f"U{number % 6}") for row in rows)) == 200:
-            accepted.update(rows)
-
-    def delivered():
-        for path in fleet.directory.glob("node*/data/data/fleet/lines/*/broken/*.bin"):
-            path.rename(path.parents[1] / path.name)    # the old release takes them for broken when their node dies
-        return accepted <= set(names(fleet))
-
-    def once():     # again if a repeated delivery was still on its way
-        for engine in fleet.nodes:
-            for partition in set(engine.sql("SELECT toYYYYMM(at) FROM fleet.reports_shard").split()):
-                engine.sql(f"OPTIMIZE TABLE fleet.reports_shard PARTITION {partition} FINAL DEDUPLICATE")
-        return len(names(fleet)) == len(set(names(fleet)))
-
-    with ThreadPoolExecutor(6) as pool:
-        batches = [pool.submit(send, number) for number in range(600)]
-        batches[150].result()
-        fleet.nodes[1].kill()
-        batches[450].result()
-        fleet.nodes[1].start()
-    wait_for(fleet.nodes[1].ready, 60)
-    wait_for(delivered, 90, "for all rows")
-    print(f"{len(accepted)} of 3000 rows accepted, {len(names(fleet)) - len(accepted)} stored twice")
-    assert len(accepted) > 2900
-    wait_for(once, 60, "for each row to be there once")
-
-
-@pytest.mark.parametrize("fleet", [{"timeout": 2}], indirect=True)
-def test_silent_nodes_free_the_units(fleet):
-    for number, status in ((signal.SIGSTOP, 504), (signal.SIGCONT, 200)):
-        for engine in fleet.nodes:
-            engine.process.send_signal(number)
-        begin = time.monotonic()
-        assert post(fleet, call("next")) == status
-        assert time.monotonic() - begin < 10      # the time-out is 2 s here
-    wait_for(lambda: "next" in names(fleet), 40, "for the next batch")
 
 
 def test_over_tls(fleet, start):
