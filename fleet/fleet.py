@@ -248,7 +248,7 @@ def parse_arguments():
     parser.add_argument("--only-new-key", action="store_true", help="let the old keys no longer count")
     parser.add_argument("directory", type=Path)
     parser.add_argument("node", nargs="*", help="NAME, ADDRESS or NAME=ADDRESS; the replicas of a shard in a row")
-    return parser.parse_args()
+    return parser.parse_intermixed_args()
 
 
 def main():

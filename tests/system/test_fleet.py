@@ -175,6 +175,41 @@ def test_queries(fleet):
     assert rows("shards", "shard total up") == [(0, 2, 1), (1, 2, 1)]
 
 
+REFUSED = [  # units.csv, nodes, what the set-up says
+    ("", ["a<b=::1"], "neither a host name"), ("", ["fe80::1%<x>"], "neither a host name"),
+    ("", ["a=::1", "a=::2"], "the name a"), ("", ["127.0.0.1", "b=127.0.0.1"], "the address 127.0.0.1"),
+    ("", ["n.invalid"], "cannot resolve n.invalid"), ("serial,site\n", ["::1"], "does not begin"),
+    ("serial,name,site\n1 2,,\n", ["::1"], "line 2: not a serial"),
+    ("serial,name,site\n123456,,\n123457,,\n", ["::1"], "line 3: 123457 begins like 123456"),
+]
+
+
+def test_set_up(tmp_path):
+    def set_up(*words, units="", directory="kept"):
+        place = tmp_path / directory
+        place.mkdir(exist_ok=True)
+        (place / "units.csv").write_text(units or "serial,name,site\n40731,,\n40732,,\n")
+        told = subprocess.run([ROOT / "fleet/fleet.py", place, *words], capture_output=True, text=True)
+        return told.returncode, told.stdout + told.stderr
+
+    for number, (units, nodes, message) in enumerate(REFUSED):
+        status, told = set_up(*nodes, units=units, directory=str(number))
+        assert status == 1 and message in told, (units, nodes, told)
+        assert not (tmp_path / str(number) / "gateway").exists()
+    status, told = set_up("--replicas=2", "--rate=7", "a=10.0.0.1", "[fd00::2]")
+    assert status == 0 and [row.split(":")[0] for row in told.splitlines()] == [
+        f"password of {user}" for user in ("40731", "40732", "viewer", "monitor")]
+    before = {path: path.read_text() for path in tmp_path.glob("kept/**/*") if path.is_file()}
+    assert set_up() == (0, "")
+    assert before == {path: path.read_text() for path in tmp_path.glob("kept/**/*") if path.is_file()}
+    gateway = (tmp_path / "kept/gateway/gateway.conf").read_text()
+    assert "server [fd00::2]:8123 " in gateway and "rate=7r/s" in gateway
+    assert "<host>fd00::2</host>" in (tmp_path / "kept/nodes/a/engine.xml").read_text()
+    set_up("--rotate=40731", units="serial,name,site\n40731,,\n")
+    assert sorted(path.name for path in tmp_path.glob("kept/gateway/units/*")) == ["40731", "40731.2"]
+    assert not any(path.stat().st_mode & 0o007 for path in tmp_path.glob("kept/gateway/*.*") if path.is_file())
+
+
 UNITS = 'serial,name,site\nU1,one,"K""ö\\ln\nx"\nU2-long,two,Bonn\nU9,nine,Bonn\n'
 
 
@@ -183,7 +218,11 @@ def test_metrics(fleet):
     """Prometheus reads them, with a site's name that holds all that could break them; what cannot be is cut."""
     rows = [call("x", sn="U1", jitter=-2147483648), call("x", sn="U1", loss=1e300, rtt=2147483647),
             call("x", sn="U2-lo", jitter=12), call("x", sn="U3", loss=-7)]
-    assert fleet.request("/ingest", "U1", body=batch(rows).encode())[0] == 200
+    assert fleet.request("/ingest", "U2-long", body=batch(rows[2:3]).encode())[0] == 200
+    assert fleet.request("/ingest", "U1", body=batch(rows[:2] + rows[3:]).encode())[0] == 200
+    # U3 is foreign to U1; what is too wide for its column is taken for foreign, too
+    foreign = (fleet.directory / "fleet-foreign.log").read_text().splitlines()
+    assert [row.split()[2] for row in foreign] == ["U1"]
     wait_for(lambda: fleet.count("reports") == 4, 30, "for the rows")
     assert fleet.nodes[0].sql("SELECT loss, jitter, rtt FROM fleet.reports ORDER BY rtt, jitter DESC, sn LIMIT 4") == (
         "0\t12\t0\n0\t0\t0\n0\t0\t0\n100\t0\t10000000\n")
