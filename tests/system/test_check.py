@@ -52,7 +52,7 @@ def write(tmp_path):
     return run
 
 
-COMMAND = re.compile(r"[;:] ((?:chmod|chown|chgrp|install|mkdir|sed) .*?)(?:, or | if it |$)")
+COMMAND = re.compile(r"[;:] ((?:chmod|chown|chgrp|install|mkdir|sed) .*?)(?:, or | if only |$)")
 
 
 @pytest.mark.parametrize("case", CASES, ids=[case.splitlines()[0] for case in CASES])
@@ -90,16 +90,17 @@ def test_what_keeps_the_daemon_from_starting(write):
         holder.bind(("", free_port()))
         port, name = holder.getsockname()[1], Path("/proc/self/comm").read_text().strip()
         assert first(write(port=port)) == (
-            f"1: error: port {port} cannot be opened: Address already in use by {name}, and the daemon would exit at "
-            'once; stop what "ss -lunp" shows there, or change qos_port')
+            f"1: error: port {port} cannot be opened: Address already in use by {name}, so the daemon would exit "
+            'immediately; stop the program that "ss -lunp" shows, or change qos_port')
     if sysctl("net/ipv4/ip_unprivileged_port_start") > 1:
         assert first(write(port=1)) == (
-            "1: error: port 1 is not allowed for the user USER, and the daemon would exit at once; take a port above "
+            "1: error: the user USER may not open port 1, so the daemon would exit immediately; use a port above "
             "1023, or allow it in the unit as its comments say")
     assert first(write().parent / "none") == (
-        "error: there is no such file, and the daemon would exit at once; name it with -f FILE")
+        "error: the file does not exist, so the daemon would exit immediately; name the configuration with -f FILE")
     assert check(write().parent / "stat") == (2, [
-        "error: this is a directory, and the daemon would run on its defaults; name the file in it", "1 error, 0 warnings"])
+        "error: this is a directory, so the daemon would use its defaults; name the configuration with -f FILE",
+        "1 error, 0 warnings"])
     assert first(Path("/dev/null")) == "error: this is not a regular file; name the configuration with -f FILE"
 
 
@@ -114,23 +115,23 @@ UNITS = [   # what is odd, the unit's properties, commands before, lines of the 
     ("a link leads out", STRICT + "DIR/in", "mkdir in; ln -s ../stat in/link", ["qos_stat_dir = DIR/in/link"],
      [DENIED.format("write to").replace("/stat", "/in/link")]),
     ("missing too", STRICT, "rmdir stat", ["qos_stat_dir = DIR/stat"], [
-        "warning: DIR/stat/ is missing; the daemon would create it with mode 0744, so that no other user could enter; "
+        "warning: DIR/stat/ does not exist; the daemon would create it with mode 0744, so no other user could enter it; "
         "create it: install -d -o USER -m 750 DIR/stat/", DENIED.format("write to")]),
     ("only ProtectHome protects /home", "ProtectSystem=strict\nProtectHome=no", "", ["qos_stat_dir = /home"], [
-        "error: /home/ cannot be written by the user USER: Permission denied; chown USER /home/ && chmod 750 /home/ if it "
-        "is for the daemon alone, otherwise write another directory"]),
+        "error: /home/ cannot be written by the user USER: Permission denied; chown USER /home/ && chmod 750 /home/ if only "
+        "the daemon uses it, otherwise name another directory"]),
     ("relative", STRICT, "", ["qos_stat_dir = stat"], [
-        "warning: qos_stat_dir = stat depends on the directory in which the daemon is started; write a path that begins "
-        "with '/'"]),
+        "warning: qos_stat_dir = stat depends on the directory in which the daemon starts; write a path that starts with "
+        "'/'"]),
     ("hidden", "InaccessiblePaths=-DIR/stat", "", ["qos_stat_dir = DIR/stat"], [DENIED.format("see")]),
     ("hidden serial number", "InaccessiblePaths=DIR/own", "mkdir -m 777 own; cp sn own", ["sn_file_path = DIR/own/sn"], [
         "warning: DIR/own/sn cannot be read by the user USER: Permission denied, so reports without a serial number of "
-        "their own get 0; the unit hides it from the service: name a file elsewhere with sn_file_path, or systemctl "
+        "their own get 0; the unit hides it from the service; set sn_file_path to a file elsewhere, or systemctl "
         "edit voxstat, [Service] ProtectHome=read-only, and restart it"]),
     ("low port", "AmbientCapabilities=cap_net_bind_service", "", ["qos_port = 1"], []),
     ("private /tmp", "PrivateTmp=yes", "", ["qos_stat_dir = DIR/stat"], [
-        "warning: the packaged service has a /tmp and a /var/tmp of its own, which are deleted when it stops; write a "
-        "directory elsewhere"]),
+        "warning: the packaged service has a private /tmp and /var/tmp, which are deleted when it stops; name a directory "
+        "elsewhere"]),
 ]
 
 
@@ -163,15 +164,15 @@ def test_view_of_the_daemon(start, unit):
     def found():
         return [row for row in check(config, user=SELF)[1] if "note: port" not in row]
     assert found() == [line + "error: DIR/stat/ is read-only; restart the daemon if its unit has been changed to allow "
-                       "the directory, otherwise mount -o remount,rw, or write another directory", "1 error, 0 warnings"]
+                       "the directory, otherwise mount -o remount,rw, or name another directory", "1 error, 0 warnings"]
     subprocess.run(["nsenter", "--target", str(daemon.process.pid), "--mount", "mount", "-o", "remount,bind,rw", stat],
                    check=True)
     assert found() == ["no problems found"]
     daemon.send(report())
     wait_for(lambda: daemon.read("QoS_Stat.txt"), what="for the file")
     other = start(serial="ABC12", qos_stat_dir=daemon.stat)
-    twice = (f": error: another daemon, process {daemon.process.pid}, writes {stat}/QoS_Stat.txt too; give each daemon a "
-             "directory of its own")
+    twice = (f": error: another daemon, process {daemon.process.pid}, also writes {stat}/QoS_Stat.txt; give each daemon "
+             "its own directory")
     assert twice in "\n".join(check(other.directory / "voxstat.cfg", user=SELF)[1])
     other.stop()
     unit("MainPID=0")
@@ -183,7 +184,7 @@ def test_post_has_the_environment_of_the_service(write, unit, web, monkeypatch):
     proxy = f"http://127.0.0.1:{web.server_port}"
     config = write("elastic_url = http://server.invalid/x")
     unit(f"Environment=A=b http_proxy={proxy}")
-    assert "note: the post has arrived; the server answers 200: {}" in check(config, "--post")[1][-2]
+    assert "note: the post succeeded; the server answers 200: {}" in check(config, "--post")[1][-2]
     assert web.requests[0][0] == "http://server.invalid/x"
     monkeypatch.setenv("http_proxy", proxy)
     unit("Environment=")

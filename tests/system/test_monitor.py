@@ -103,7 +103,7 @@ def test_every_format(start):
     config, begun, limit = daemon.directory / "voxstat.cfg", time.time(), sysctl("net/core/rmem_default")
     os.utime(config, (0, 0))
     status, text = check(daemon)
-    assert status == 0 and "note: lost: nothing, according to the queues and the log\n" in text
+    assert status == 0 and "note: lost: nothing, according to the receive queues and the log\n" in text
     assert re.fullmatch(r"VOXSTAT OK - no problems found \|( '[^'=|]+'=\d+[csB]?)+\n", check(daemon, "--nagios")[1])
     drop_reports(daemon, 3)
     wait_for(lambda: daemon.read("QoS_Stat.txt"), what="for the file")
@@ -147,7 +147,7 @@ def test_every_format(start):
         assert (linted.returncode, linted.stderr) == (0, "")
     described = {name: label or "" for name, label in re.findall(r"^\.It Cm (voxstat_\w+)(?: Ns Brq Cm (\w+))?$", MANUAL, re.M)}
     assert described == {name: label or "" for name, label in re.findall(r"^(voxstat_\w+)(?:{(\w+)=.*)? \d+$", text, re.M)}
-    assert [*found] == re.findall(r"^\.It Cm (\w+)$", MANUAL.partition("Ss JSON")[2].partition(".Ss")[0], re.M)
+    assert [*found] == re.findall(r"^\.It Cm (\w+)$", MANUAL.partition("Sh JSON")[2].partition(".Sh")[0], re.M)
     assert KINDS == [*numbers["voxstat_lost_total"]]
 
     daemon.stop()
@@ -269,7 +269,7 @@ def test_alerts(tmp_path):
 
 
 @pytest.mark.parametrize("options, status, text", [
-    ("--nagios", 3, "VOXSTAT UNKNOWN - DIR/voxstat.cfg: there is no such file"),
+    ("--nagios", 3, "VOXSTAT UNKNOWN - DIR/voxstat.cfg: the file does not exist"),
     ("--format json", 2, ""),
     ("--nagios --since 5", 3, ""),
     ("--format prometheus --since 1h", 2, ""),

@@ -76,7 +76,8 @@ void ConfigLines::look_at(std::string line)
 {
     if (_number == 1 && line.starts_with(BYTE_ORDER_MARK)) {
         _findings.error(
-            1, "the file starts with a byte order mark, so the daemon does not know the key of ",
+            1,
+            "the file starts with a byte order mark, so the daemon does not recognise the key in ",
             R"(the first line; remove it: sed -i '1s/^\xEF\xBB\xBF//' )", _path);
         return;
     }
@@ -112,18 +113,18 @@ void ConfigLines::look_at_value(const keys::Key& key, const std::string& value, 
 {
     std::size_t& line = _keys[key.name];
     if (line != 0)
-        _findings.warning(_number, key.name, " stands in line ", line,
-                          " too, and this later line is used; delete one of them");
+        _findings.warning(_number, key.name, " is also in line ", line,
+                          ", and the daemon uses this later line; delete one of them");
     line = _number;
     if (cut)
         _findings.warning(_number, "a '#' starts a comment, so the value of ", key.name,
-                          " ends before it; write %23 for it in a URL, or do without it");
+                          " ends before it; in a URL write %23, otherwise avoid the character");
     if (key.is_number())
         return;
     _text_has_return = _text_has_return || value.ends_with('\r');
     if (value.starts_with('"') || value.starts_with('\''))
         _findings.error(_number, "the quotes become part of the value of ", key.name,
-                        "; delete them, also around a value with blanks");
+                        "; delete them, even if the value contains blanks");
 }
 
 void ConfigLines::find_unknown(const std::string& key)
@@ -151,5 +152,5 @@ void ConfigLines::find_carriage_returns()
                         "name, a path or the URL", remedy, _path);
     else if (_first_return != 0)
         _findings.warning(_first_return, "lines end in a carriage return, which becomes part of ",
-                          "any text that is set", remedy, _path);
+                          "every text value", remedy, _path);
 }

@@ -40,14 +40,15 @@ void find_missing(const OutputFile& file, const DaemonUser& user, Findings& find
         "; create it: install -d -o " + user.name() + " -m 750 " + file.directory;
     std::error_code ignored;
     if (!fs::is_directory(parent, ignored))
-        findings.error(file.line, file.directory, " is missing and cannot be created, because ",
-                       parent, " is missing too", remedy);
+        findings.error(file.line, file.directory, " does not exist and cannot be created, because ",
+                       parent, " does not exist either", remedy);
     else if (user.access(parent, W_OK | X_OK) != 0)
-        findings.error(file.line, file.directory, " is missing and cannot be created by the user ",
-                       user.name(), remedy);
+        findings.error(file.line, file.directory,
+                       " does not exist and cannot be created by the user ", user.name(), remedy);
     else
-        findings.warning(file.line, file.directory, " is missing; the daemon would create it with ",
-                         "mode 0744, so that no other user could enter", remedy);
+        findings.warning(file.line, file.directory,
+                         " does not exist; the daemon would create it with ",
+                         "mode 0744, so no other user could enter it", remedy);
 }
 
 bool is_below(const std::string& directory, std::initializer_list<std::string_view> places)
@@ -69,10 +70,10 @@ bool find_link(const OutputFile& file, const Service& service, Findings& finding
     if (!service.unit.is_state_directory(directory) || !fs::is_symlink(directory, error))
         return false;
     const std::string target = fs::canonical(directory, error);
-    findings.error(file.line, directory,
-                   " is a symbolic link, with which systemd does not start the ",
+    findings.error(file.line, directory, " is a symbolic link, so systemd does not start the ",
                    "service (238/STATE_DIRECTORY); rm ", directory, " && mkdir ", directory,
-                   " && mount --bind ", target, ' ', directory, ", and enter that in /etc/fstab");
+                   " && mount --bind ", target, ' ', directory,
+                   ", and add the mount to /etc/fstab");
     return true;
 }
 
@@ -81,15 +82,15 @@ void find_denied(const OutputFile& file, const DaemonUser& user, int error, Find
     const std::string& directory = file.directory;
     const std::string closed = user.closed_directory(directory);
     if (error == ENOTDIR)
-        findings.error(file.line, directory, " is not a directory; write another");
+        findings.error(file.line, directory, " is not a directory; name another");
     else if (error == EROFS)
         findings.error(file.line, directory,
                        " is read-only; restart the daemon if its unit has been changed to allow "
-                       "the directory, otherwise mount -o remount,rw, or write another directory");
+                       "the directory, otherwise mount -o remount,rw, or name another directory");
     else if (!closed.empty() && closed + '/' != directory)
         findings.error(file.line, directory, " cannot be reached by the user ", user.name(),
                        ", who may not enter ", closed, "; chmod a+x ", closed,
-                       ", or write a directory elsewhere");
+                       ", or name a directory elsewhere");
     else if (directory == std::string(limits::LOG_DIRECTORY) + '/')
         findings.error(file.line, directory, " cannot be written by the user ", user.name(), ": ",
                        std::strerror(error), "; chgrp ", user.group(), ' ', directory,
@@ -98,7 +99,7 @@ void find_denied(const OutputFile& file, const DaemonUser& user, int error, Find
         findings.error(file.line, directory, " cannot be written by the user ", user.name(), ": ",
                        std::strerror(error), "; chown ", user.name(), ' ', directory,
                        " && chmod 750 ", directory,
-                       " if it is for the daemon alone, otherwise write another directory");
+                       " if only the daemon uses it, otherwise name another directory");
 }
 
 void find_forbidden(const OutputFile& file, bool hidden, Findings& findings)
@@ -116,8 +117,8 @@ void check_directory(const OutputFile& file, const DaemonUser& user, const Servi
     if (find_link(file, service, findings))
         return;
     if (is_below(file.directory, {"/tmp/", "/var/tmp/"}) && service.unit.has_private_tmp())
-        findings.warning(file.line, "the packaged service has a /tmp and a /var/tmp of its own, ",
-                         "which are deleted when it stops; write a directory elsewhere");
+        findings.warning(file.line, "the packaged service has a private /tmp and /var/tmp, which ",
+                         "are deleted when it stops; name a directory elsewhere");
     struct stat info {};
     const ServiceUnit::Access allowed = service.unit.access(file.directory);
     const bool hidden = allowed == ServiceUnit::Access::HIDDEN;
@@ -146,8 +147,8 @@ void find_other_writer(const OutputFile& file, const Service& service, Findings&
             continue;
         const std::vector<std::string> open = process.open_files();
         if (std::find(open.begin(), open.end(), file.path()) != open.end())
-            findings.error(file.line, "another daemon, process ", process.id(), ", writes ",
-                           file.path(), " too; give each daemon a directory of its own");
+            findings.error(file.line, "another daemon, process ", process.id(), ", also writes ",
+                           file.path(), "; give each daemon its own directory");
     }
 }
 
@@ -176,12 +177,12 @@ void check_space(const Need& need, Findings& findings)
         return;
     const std::uint64_t free = std::uint64_t{space.f_bavail} * space.f_frsize;
     if (free == 0 || (space.f_files > 0 && space.f_favail == 0))
-        findings.error(file.line, "there is no space left at ", file.directory, ", and the daemon ",
-                       "loses every block; make room on this disk");
+        findings.error(file.line, "no space is left at ", file.directory, ", so the daemon loses ",
+                       "every block; free space on this disk");
     else if (free < need.bytes)
-        findings.warning(file.line, "there are ", free / MIB, " MiB free at ", file.directory,
-                         ", and the files may grow by ", need.bytes / MIB,
-                         " MiB; a full disk loses data without a message: make room, or lower ",
+        findings.warning(file.line, free / MIB, " MiB are free at ", file.directory,
+                         ", but the files may grow by ", need.bytes / MIB,
+                         " MiB; a full disk loses data without a message: free space, or lower ",
                          "max_archived_files_rtp");
 }
 

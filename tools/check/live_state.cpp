@@ -30,7 +30,8 @@ void add_queue(LiveState& state, const char* what, const UdpSocket& socket, cons
     state.queues.push_back({what, socket.port, socket.waiting, dropped});
     if (dropped != 0)
         findings.warning(0, "lost: ", what, " in the receive queue of port ", socket.port, ": ",
-                         dropped, " datagrams, which are in no file and in no batch; raise ",
+                         dropped,
+                         " datagrams, which are missing from the files and batches; raise ",
                          "net.core.rmem_default and restart the daemon");
 }
 
@@ -59,8 +60,8 @@ void check_open_files(const Process& daemon, const std::vector<OutputFile>& file
     }
     for (const std::string& open : daemon.open_files())
         if (directories.contains(open.substr(0, open.rfind('/') + 1)) && !paths.contains(open))
-            findings.error(0, "the daemon goes on writing to ", open, ", which somebody has moved ",
-                           "or deleted; restart it, and do not touch its live files");
+            findings.error(0, "the daemon is still writing to ", open, ", which has been moved ",
+                           "or deleted; restart it, and do not move or delete live files");
 }
 
 // The log is in files of the daemon's own, in a file that is its standard output, or in the
@@ -92,12 +93,13 @@ void find_losses(const LiveState& state, const Settings& settings, Findings& fin
     for (const LiveState::Queue& queue : state.queues)
         all += queue.dropped;
     if (!state.log_is_read)
-        findings.warning(0, "the log could not be read, and may show more losses; run this as ",
+        findings.warning(0, "the log could not be read, and may contain more losses; run this as ",
                          "root, or as a member of the groups voxstat and systemd-journal");
     else if (settings.number(keys::LOG_DEFAULT) == DBG_ERROR)
-        findings.note(0, "log.default hides what the daemon itself drops; set log.default = 1");
+        findings.note(
+            0, "at log.default = 0 the log does not contain all losses; set log.default = 1");
     if (all == 0)
-        findings.note(0, "lost: nothing, according to the queues",
+        findings.note(0, "lost: nothing, according to the receive queues",
                       state.log_is_read ? " and the log" : "");
 }
 
@@ -121,7 +123,7 @@ LiveState LiveState::gather(const Settings& settings, const Options& options, Fi
     const std::optional<Process> daemon = reports ? reports->owner() : std::nullopt;
     if (!voice || !daemon || !daemon->is_daemon()) {
         findings.error(settings.line(keys::QOS_PORT), "no daemon listens on the ports ", port,
-                       " and ", port + 1, "; journalctl -u voxstat tells why");
+                       " and ", port + 1, "; journalctl -u voxstat shows why");
         return state;
     }
     state.is_up = true;

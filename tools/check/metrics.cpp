@@ -5,27 +5,40 @@
 
 std::vector<Metric> metrics_of(const LiveState& state, const Findings& findings)
 {
-    Metric up{"voxstat_up", "1 if the daemon listens on its ports.", nullptr, {{"", state.is_up}}};
-    Metric start{"voxstat_start_time_seconds", "When the daemon started.", nullptr, {}};
+    Metric up{"voxstat_up",
+              "1 if the daemon listens on its ports, otherwise 0.",
+              nullptr,
+              {{"", state.is_up}}};
+    Metric start{
+        "voxstat_start_time_seconds", "Start time of the daemon, as Unix time.", nullptr, {}};
     Metric dropped{"voxstat_receive_queue_dropped_datagrams_total",
-                   "Datagrams that the kernel dropped because the queue was full.",
+                   "Datagrams that the kernel has dropped because the receive queue was full.",
                    "port",
                    {}};
     Metric waiting{"voxstat_receive_queue_bytes",
-                   "What waits in the queue, as the kernel counts.",
+                   "Size of the data in the receive queue, as the kernel counts it.",
                    "port",
                    {}};
-    Metric limit{"voxstat_receive_queue_limit_bytes", "What a queue can hold.", nullptr, {}};
-    Metric log{"voxstat_log_read", "1 if the log could be read.", nullptr, {}};
-    Metric lost{"voxstat_lost_total", "Losses that the log tells of.", "what", {}};
-    Metric posts{"voxstat_posts_failed_total", "Batches that failed or were refused.", nullptr, {}};
+    Metric limit{"voxstat_receive_queue_limit_bytes",
+                 "Limit of a receive queue, as the kernel counts it.",
+                 nullptr,
+                 {}};
+    Metric log{"voxstat_log_read", "1 if the log could be read, otherwise 0.", nullptr, {}};
+    Metric lost{"voxstat_lost_total", "Losses that appear in the log.", "what", {}};
+    Metric posts{"voxstat_posts_failed_total",
+                 "Batches that could not be sent or were refused.",
+                 nullptr,
+                 {}};
     Metric bytes{"voxstat_file_bytes", "Size of the live file.", "file", {}};
-    Metric last{
-        "voxstat_file_last_line_timestamp_seconds", "Time in its last line or record.", "file", {}};
-    Metric archives{"voxstat_file_archives", "Archives of the file.", "file", {}};
-    Metric free{"voxstat_filesystem_free_bytes", "What the daemon can still use.", "directory", {}};
+    Metric last{"voxstat_file_last_line_timestamp_seconds",
+                "Time in the last line or record, as Unix time.",
+                "file",
+                {}};
+    Metric archives{"voxstat_file_archives", "Number of archives of the file.", "file", {}};
+    Metric free{
+        "voxstat_filesystem_free_bytes", "Free space that the daemon can use.", "directory", {}};
     Metric problems{"voxstat_check_problems",
-                    "Errors and warnings of voxstat-check.",
+                    "Number of errors and of warnings.",
                     "severity",
                     {{"error", findings.errors()}, {"warning", findings.warnings()}}};
 

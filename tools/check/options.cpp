@@ -41,24 +41,28 @@ void print_key(const keys::Key& key)
 {
     std::printf(
         "Usage: voxstat-check [-f FILE] [--user NAME] [--post]\n"
-        "                     [--live [--format FORMAT | --nagios] [--since TIME] [--state FILE]]\n"
+        "                     [--live [--format FORMAT | --nagios] [--since PERIOD] [--state "
+        "FILE]]\n"
         "\n"
-        "Finds mistakes in a configuration of voxstat and problems with what it names.\n"
+        "Checks a configuration of voxstat and shows what its daemon has lost.\n"
         "\n"
-        "  -f FILE      configuration to check (default %s)\n"
-        "  --user NAME  user that the daemon runs as (default: voxstat if that user exists,\n"
-        "               otherwise you)\n"
-        "  --post       post a test batch to elastic_url\n"
-        "  --live       show the running daemon and what it has lost\n"
-        "  --format F   print this as text, json or prometheus\n"
-        "  --nagios     print one line, with the exit status of a Nagios plugin\n"
-        "  --since T    count only losses of the last 30m, 24h or 7d (default: since the\n"
-        "               daemon started)\n"
-        "  --state FILE remember in this file when the kernel dropped datagrams, for --since\n"
-        "  --version    print the version\n"
-        "  --help       print this text\n"
+        "  -f FILE          check this configuration (default %s)\n"
+        "  --user NAME      check the permissions of this user (default: voxstat if it exists,\n"
+        "                   otherwise you)\n"
+        "  --post           also post a test batch to elastic_url\n"
+        "  --live           also show the running daemon and what it has lost\n"
         "\n"
-        "The exit status is 0 without problems, 1 with warnings, 2 with errors.\n"
+        "With --live:\n"
+        "  --format FORMAT  print the result as text (default), json or prometheus\n"
+        "  --nagios         print one line, and use the exit statuses of a Nagios plugin\n"
+        "  --since PERIOD   count only the losses of the last PERIOD, for example 30m, 24h or 7d\n"
+        "                   (default: all since the daemon started)\n"
+        "  --state FILE     with --since: record in FILE when the kernel dropped datagrams\n"
+        "\n"
+        "  --version        print the version\n"
+        "  --help           print this text\n"
+        "\n"
+        "Exit status: 0 if there are no problems, 1 if there are warnings, 2 if there are errors.\n"
         "\n"
         "  %-24s %-26s %s\n",
         PACKAGED_FILE, "Key", "Default", "Range (unit)");
@@ -91,7 +95,7 @@ long to_seconds(const Options& options, const std::string& text)
     long number = 0;
     if (unit == units.end() ||
         !to_number(std::string_view(text).substr(0, text.size() - 1), number, 1L, MAX_SINCE))
-        fail(options, "--since takes a time such as 30m, 24h or 7d, not \"" + text + '"');
+        fail(options, "--since needs a period such as 30m, 24h or 7d, not \"" + text + '"');
     return number * unit->second;
 }
 
@@ -101,8 +105,7 @@ void check_combination(const Options& options)
     if (!options.live && (options.format != Format::TEXT || is_limited))
         fail(options, "--format, --nagios, --since and --state need --live");
     if (options.format == Format::PROMETHEUS && is_limited)
-        fail(options,
-             "counters for Prometheus start with the daemon; it takes no --since or --state");
+        fail(options, "--format prometheus does not work with --since or --state");
     if (options.state && !options.since)
         fail(options, "--state needs --since");
 }
@@ -137,7 +140,7 @@ Options Options::read(int argc, char** argv)
         else if (given == VERSION)
             std::exit(std::printf("voxstat-check %s\n", VOXSTAT_VERSION) < 0);
         else
-            fail(options, "unusable option");  // getopt has said which
+            fail(options, "invalid option");  // getopt has said which
     }
     if (optind < argc)
         fail(options, std::string("unexpected argument \"") + argv[optind] + '"');

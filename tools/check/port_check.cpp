@@ -18,17 +18,19 @@ void find_obstacle(std::uint16_t port, int error, std::size_t line, const Daemon
     const std::optional<UdpSocket> socket = UdpSocket::at(port);
     const std::optional<Process> owner = socket ? socket->owner() : std::nullopt;
     if (owner && owner->is_daemon())  // whatever the user may do, the unit allowed it
-        findings.note(line, "port ", port, " is held by the running daemon, process ", owner->id());
+        findings.note(line, "port ", port, " is in use by the running daemon, process ",
+                      owner->id());
     else if (error == EACCES && service.unit.may_bind_low_ports())
         return;
     else if (error == EACCES)
-        findings.error(line, "port ", port, " is not allowed for the user ", user.name(),
-                       ", and the daemon would exit at once; take a port above 1023, or allow ",
+        findings.error(line, "the user ", user.name(), " may not open port ", port,
+                       ", so the daemon would exit immediately; use a port above 1023, or allow ",
                        "it in the unit as its comments say");
     else
         findings.error(line, "port ", port, " cannot be opened: ", std::strerror(error),
-                       owner ? " by " + owner->name() : "", ", and the daemon would exit at once; ",
-                       "stop what \"ss -lunp\" shows there, or change qos_port");
+                       owner ? " by " + owner->name() : "",
+                       ", so the daemon would exit immediately; ",
+                       "stop the program that \"ss -lunp\" shows, or change qos_port");
 }
 
 }  // namespace
@@ -46,6 +48,6 @@ void check_ports(const Settings& settings, const DaemonUser& user, const Service
     const std::optional<UdpSocket> socket = UdpSocket::at(first);
     if (service.daemon && !socket)
         findings.warning(line, "the running daemon, process ", service.daemon->id(),
-                         ", has other ports, since ",
+                         ", uses other ports, because ",
                          "it was started with another configuration; systemctl restart voxstat");
 }

@@ -24,7 +24,7 @@ std::string remedy(const std::string& path, int error, const DaemonUser& user,
 {
     const std::string closed = user.closed_directory(path);
     if (service.unit.access(path) == ServiceUnit::Access::HIDDEN)
-        return "the unit hides it from the service: name a file elsewhere with sn_file_path, or "
+        return "the unit hides it from the service; set sn_file_path to a file elsewhere, or "
                "systemctl edit voxstat, [Service] ProtectHome=read-only, and restart it";
     if (error == ENOENT)
         return "mkdir -p " + std::filesystem::path(path).parent_path().string() +
@@ -33,7 +33,7 @@ std::string remedy(const std::string& path, int error, const DaemonUser& user,
         return "chmod a+x " + closed;
     if (error == EACCES)
         return "chmod a+r " + path;
-    return "name the file with sn_file_path";
+    return "set sn_file_path to a file";
 }
 
 // 0, or the error number of what keeps the daemon from reading the file.
@@ -66,7 +66,7 @@ std::string check_serial_number(const Settings& settings, const DaemonUser& user
     std::string serial = ConfigFile(path, ':').getStringValue("serial", "");
     if (serial.empty())
         findings.warning(line, path, " has no serial number", EFFECT,
-                         "write it as \"serial: ABC12\", with a ':' and in lower case");
+                         "write it as \"serial: ABC12\", with a ':' and the key in lower case");
     else if (serial.substr(0, SHOWN).find_first_of("\"\\\r") != std::string::npos)
         findings.error(line, path, " has a quote, a backslash or a carriage return in the first ",
                        SHOWN,
@@ -74,6 +74,6 @@ std::string check_serial_number(const Settings& settings, const DaemonUser& user
                        "write letters and digits only");
     else if (serial.find_last_not_of('\r') >= SHOWN)
         findings.warning(line, path, " has the serial number ", serial, ", of which lines show ",
-                         serial.substr(0, SHOWN), " only; write a shorter one if you can");
+                         "only ", serial.substr(0, SHOWN), "; write a shorter one if you can");
     return serial;
 }

@@ -43,11 +43,11 @@ void check_scheme(const std::string& scheme, std::size_t line, Findings& finding
 {
     if (scheme != "http" && scheme != "https")
         findings.error(line, "elastic_url starts with ", scheme,
-                       "://, which takes no posts; start it with http:// or https://");
+                       "://, which does not accept posts; start it with http:// or https://");
     const char* authorities = curl_version_info(CURLVERSION_NOW)->cainfo;
     if (scheme == "https" && authorities != nullptr && access(authorities, R_OK) != 0)
-        findings.error(line, "no https server is trusted, since ", authorities, " is missing; apt ",
-                       "install ca-certificates");
+        findings.error(line, "no HTTPS server is trusted, because ", authorities,
+                       " is missing; apt ", "install ca-certificates");
 }
 
 void check_secret(const Settings& settings, const std::string& config_path, const DaemonUser& user,
@@ -85,13 +85,13 @@ void check_url(const Settings& settings, const std::string& config_path, const D
         return;
     }
     if (url.find("://") == std::string::npos)
-        findings.warning(line, "elastic_url has no scheme, and libcurl guesses one; start it with ",
+        findings.warning(line, "elastic_url has no scheme, so libcurl guesses one; start it with ",
                          "http:// or https://");
     check_scheme(part(address.get(), CURLUPART_SCHEME), line, findings);
     const std::string path = part(address.get(), CURLUPART_PATH);
     if (path.ends_with("/_bulk") || path.ends_with("/_bulk/"))
-        findings.error(line, "elastic_url leads to a bulk interface, which refuses a JSON array; ",
-                       "put a pipeline that takes JSON over HTTP in front of the server");
+        findings.error(line, "elastic_url is a bulk interface, which refuses a JSON array; put a ",
+                       "pipeline that accepts JSON over HTTP in front of the server");
     if (!part(address.get(), CURLUPART_USER).empty() ||
         !part(address.get(), CURLUPART_PASSWORD).empty())
         check_secret(settings, config_path, user, findings);

@@ -31,10 +31,12 @@ constexpr const char* OTHER_LEVEL = "counts as 1";
 constexpr Consequence CONSEQUENCES[] = {
     {&keys::QOS_PORT, "makes the daemon listen on ",
      "makes the daemon listen on "},  // and the ports
-    {&keys::MAX_BUF_TIMEOUT_RTP, "writes the dump in many small pieces", nullptr},
-    {&keys::MAX_LENGTH_PER_SEC_RTP, "drops every voice record without a message", nullptr},
-    {&keys::MAX_FILE_SIZE_RTP, "rotates the dump after every block or two", nullptr},
-    {&keys::MAX_ARCHIVED_FILES_RTP, "keeps every archive until the disk is full", nullptr},
+    {&keys::MAX_BUF_TIMEOUT_RTP, "makes the daemon write the dump in many small pieces", nullptr},
+    {&keys::MAX_LENGTH_PER_SEC_RTP, "makes the daemon drop every voice record without a message",
+     nullptr},
+    {&keys::MAX_FILE_SIZE_RTP, "makes the daemon rotate the dump after one or two blocks", nullptr},
+    {&keys::MAX_ARCHIVED_FILES_RTP, "makes the daemon keep every archive until the disk is full",
+     nullptr},
     {&keys::LOG_DEFAULT, OTHER_LEVEL, OTHER_LEVEL},
     {&keys::LOG_NETWORK, OTHER_LEVEL, OTHER_LEVEL},
     {&keys::LOG_HTTP, OTHER_LEVEL, OTHER_LEVEL},
@@ -66,7 +68,7 @@ std::string consequence(const keys::Key& key, int value)
         return "";
     if (std::string_view(key.name) == keys::MAX_FILE_SIZE_RTP.name && value < 0)
         return "lets the dump grow to " + std::to_string(static_cast<unsigned>(value)) +
-               " bytes or without end, so it never rotates";
+               " bytes or without limit, so it never rotates";
     const Consequence& row = *consequence_of(key.name);
     const std::string text = value < key.min ? row.below : row.above;
     return std::string_view(key.name) == keys::QOS_PORT.name
@@ -112,12 +114,13 @@ void check_name(const keys::Key& key, const char* extension, const Settings& set
 {
     const std::string name = settings.text(key);
     if (name.find('/') != std::string::npos)
-        findings.error(settings.line(key), key.name, " = ", name, " holds a '/': the daemon makes ",
-                       "no directory for it, and never deletes its archives; write a name only: ",
-                       "the directory is ",
+        findings.error(settings.line(key), key.name, " = ", name,
+                       " contains a '/': the daemon does ",
+                       "not create a directory for it, and never deletes its archives; write only ",
+                       "a name: the directory is ",
                        &key == &keys::LOG_FILE ? limits::LOG_DIRECTORY : "qos_stat_dir");
     else if (name.ends_with(extension))
-        findings.warning(settings.line(key), "the file will be called ", name, extension,
+        findings.warning(settings.line(key), "the file will be named ", name, extension,
                          "; write the name without ", extension);
 }
 
@@ -126,7 +129,7 @@ void check_path(const keys::Key& key, const Settings& settings, Findings& findin
     const std::string path = settings.text(key);
     if (!path.starts_with('/'))
         findings.warning(settings.line(key), key.name, " = ", path, " depends on the directory in ",
-                         "which the daemon is started; write a path that begins with '/'");
+                         "which the daemon starts; write a path that starts with '/'");
 }
 
 }  // namespace
@@ -138,9 +141,10 @@ void check_values(const Settings& settings, Findings& findings)
             check_number(key, settings, findings);
     const int buffer = settings.number(keys::MAX_LENGTH_PER_SEC_RTP);
     if (buffer >= 0 && buffer < BLOCK_SIZE)
-        findings.warning(settings.line(keys::MAX_LENGTH_PER_SEC_RTP), "the buffer of the dump is ",
-                         "full with one record, which waits up to max_buf_timeout_rtp seconds, ",
-                         "and those behind it are dropped; write 1048576 or more");
+        findings.warning(settings.line(keys::MAX_LENGTH_PER_SEC_RTP),
+                         "one record fills the buffer ",
+                         "of the dump for up to max_buf_timeout_rtp seconds, and the daemon drops ",
+                         "all records that follow; write 1048576 or more");
 
     check_name(keys::QOS_FILE_NAME, limits::TEXT_EXTENSION, settings, findings);
     check_name(keys::QOS_FILE_NAME_EOS, limits::TEXT_EXTENSION, settings, findings);

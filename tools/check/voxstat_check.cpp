@@ -48,25 +48,27 @@ bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& fi
     const auto type = std::filesystem::status(file, error).type();
     const std::string closed = user.closed_directory(std::filesystem::absolute(file));
     if (type == std::filesystem::file_type::none)
-        findings.error(0, "you cannot look at this: ", error.message(), "; sudo voxstat-check can");
+        findings.error(0, "you cannot access this file: ", error.message(),
+                       "; run sudo voxstat-check");
     else if (type == std::filesystem::file_type::directory)
-        findings.error(0,
-                       "this is a directory, and the daemon would run on its defaults; name the ",
-                       "file in it");
+        findings.error(0, "this is a directory, so the daemon would use its defaults; name the ",
+                       "configuration with -f FILE");
     else if (type == std::filesystem::file_type::not_found)
-        findings.error(0, "there is no such file, and the daemon would exit at once; name it with ",
-                       "-f FILE");
+        findings.error(0,
+                       "the file does not exist, so the daemon would exit immediately; name the ",
+                       "configuration with -f FILE");
     else if (type != std::filesystem::file_type::regular)
         findings.error(0, "this is not a regular file; name the configuration with -f FILE");
     else if (user.access(file, R_OK) != 0)
-        findings.error(
-            0, "the user ", user.name(), " cannot read this, and the daemon would exit at once; ",
-            closed.empty() ? "chgrp " + user.group() + ' ' + file + " && chmod g+r " + file
+        findings.error(0, "the user ", user.name(),
+                       " cannot read this file, so the daemon would exit immediately; ",
+                       closed.empty()
+                           ? "chgrp " + user.group() + ' ' + file + " && chmod g+r " + file
                            : "chmod a+x " + closed);
     else if (access(file.c_str(), R_OK) != 0)
-        findings.error(0, "you cannot read this; sudo voxstat-check can");
+        findings.error(0, "you cannot read this file; run sudo voxstat-check");
     else if (has_zero_bytes(file))
-        findings.error(0, "this is not plain text, and the daemon ignores what it cannot read; ",
+        findings.error(0, "this is not a text file, and the daemon ignores what it cannot parse; ",
                        "save it as UTF-8, or name another file with -f FILE");
     return findings.status() == 0;
 }
@@ -85,8 +87,8 @@ std::optional<LiveState> check(const Options& options, Findings& findings)
     check_disks(settings, user, service, findings);
     const std::string serial_number = check_serial_number(settings, user, service, findings);
     if (!user.can_be_asked())
-        findings.note(0, "what the user ", user.name(), " may read and write was not looked at; ",
-                      "sudo voxstat-check does");
+        findings.note(0, "the permissions of the user ", user.name(), " were not checked; ",
+                      "run sudo voxstat-check");
     if (options.format == Format::TEXT)
         findings.print();  // before what takes time
     if (options.post)
