@@ -3,7 +3,7 @@
 // A line is "key <separator> value"; '#' starts a comment. There is no quoting, no escape, no
 // section and no continuation. Keys and values are byte strings, compared case-sensitively.
 //
-// All operations are fixed, those without a caller here too: other programs of the system use them.
+// The operations are public names and stay, also those that only tests and fuzz targets call.
 //
 // Filled and read on the main thread during start-up; never changed afterwards.
 #pragma once

@@ -95,7 +95,7 @@ private:
     pthread_mutex_t rtp_mutex{};  // guards rtp_buf, rtp_last_write and rtp_lost
     bool locks_ready = false;     // both locks are initialised; never changed afterwards
     std::atomic<bool> writer_running{false};
-    // Three sets by name, not an array, is fixed: the system's diagnostic tools know these names.
+    // Three sets by name, not an array: a core dump is read by these names.
     std::string stat_buf;
     time_t stat_last_write = 0;  // seconds since the epoch; 0 until the first block
     std::uint32_t stat_lost = 0;

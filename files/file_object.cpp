@@ -214,8 +214,8 @@ std::set<std::string> FileObject::fobj_list_archives() const
         DBG->Log(DBG_ERROR, {CLEANUP, "failed to open ", _directory, "; ", error_text(errno)});
         return paths;
     }
-    // d_type, not lstat(), is fixed: operators rely on it to keep files that are not to be removed
-    // as links.
+    // d_type, not lstat(): where the file system gives no types, nothing is removed. Operators are
+    // told so, and clean up such directories themselves.
     while (const dirent* entry = readdir(listing.get()))
         if (entry->d_type == DT_REG && is_archive_name(entry->d_name, _name, _extension))
             paths.insert(_directory + entry->d_name);

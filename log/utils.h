@@ -1,7 +1,6 @@
 // The time-stamp texts of the log and of the statistics lines: local time with milliseconds.
 //
-// No state; any thread. The forms that return a string are fixed: other programs of the system use
-// them.
+// No state; any thread. The forms that return a string are public names and stay without a caller.
 #pragma once
 
 #include <sys/time.h>

@@ -27,8 +27,8 @@ public:
     // of. A key that the limit cuts off, without its '=', is not looked up.
     void extract_keys(const char* text);
 
-    // 0 to 24 for a known key, 25 for any other. The case matters. Fixed as a public operation,
-    // though nothing here calls it: other programs of the system do.
+    // 0 to 24 for a known key, 25 for any other. The case matters. A public name: it stays without
+    // a caller in the daemon.
     int key_to_index(const char* key) const;
 
     // True for an end-of-session summary, near or far end.

@@ -20,7 +20,7 @@ enum HANDLE_STATE : int {
     HANDLE_BUSY = 1,      // a worker is transmitting with it
 };
 
-// The name is fixed: the system's other parts know it so.
+// The spelling is a public name and stays.
 class HttpHanle : public LoggerHelper {
 public:
     // Builds and configures the handle. A failure is reported by a message and leaves the handle
