@@ -105,12 +105,12 @@ def main():
     statistics, summaries = daemon.text(), daemon.text("QoS_Stat_Sessions_Summary.txt")
     compare(sent, ("session reports, statistics file", "session reports", statistics.count("_end ")),
             ("session reports, web server", "session reports", len(web.lines())),
-            ("end-of-session reports, summary file", "end-of-session reports", summaries.count("_end ")),
+            ("session summaries, summary file", "session summaries", summaries.count("_end ")),
             ("voice records, pcap dump", "voice records", decode(dump).count("\n")))
 
     title("The statistics file: a line for each session report")
     show_head(statistics)
-    title("The session-summary file: a line for each end-of-session report")
+    title("The session-summary file: one line per session summary")
     show_head(summaries)
     title("The pcap dump: RTP streams without voice, as tshark decodes them")
     print(decode(dump, "-c", "4"), decode(dump, "-q", "-z", "rtp,streams"), sep="", end="")

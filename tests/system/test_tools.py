@@ -20,12 +20,13 @@ def run(tool, *options, **keywords):
 
 
 @pytest.mark.parametrize("tool, options, said", [
-    ("voxstat-sim", "--port=0", 'voxstat-sim: --port does not take "0"; see --help'),
-    ("voxstat-sim", "--load=eos --first=4294967295 --count=2", "voxstat-sim: the numbers go up to 4294967295"),
-    ("voxstat-sim", "--load=eos --calls=1", "voxstat-sim: --calls goes without --load; see --help"),
+    ("voxstat-sim", "--port=0", 'voxstat-sim: invalid value "0" for --port; see --help'),
+    ("voxstat-sim", "--load=eos --first=4294967295 --count=2", 
+     "voxstat-sim: the last number is greater than 4294967295; see --help"),
+    ("voxstat-sim", "--load=eos --calls=1", "voxstat-sim: --calls cannot be combined with --load; see --help"),
     ("voxstat-sim", "--bad=7", "voxstat-sim: --bad 7 is more than --calls 6; see --help"),
-    ("voxstat-sim", "--count=1", "voxstat-sim: --count goes with --load; see --help"),
-    ("voxstat-plot", "--list -o it.png it", "voxstat-plot: --list draws no picture; see --help"),
+    ("voxstat-sim", "--count=1", "voxstat-sim: --count needs --load; see --help"),
+    ("voxstat-plot", "--list -o it.png it", "voxstat-plot: --list cannot be combined with --output; see --help"),
     ("voxstat-check", "it", 'voxstat-check: unexpected argument "it"; see --help'),
 ])
 def test_command_lines(tool, options, said):
@@ -75,7 +76,7 @@ def test_sim_plays_calls():
     said, reports, voice = sim("--calls=3", "--duration=45", "--interval=10", "--speed=30")
     told = re.fullmatch(
         rf"45 simulated seconds of 3 calls in (\S+) s, to 127.0.0.1 ports \d+ and \d+:\n +{len(reports) - 6} session "
-        rf"reports\n +6 end-of-session reports\n +{len(voice)} voice datagrams with 998 voice records\n"
+        rf"reports\n +6 session summaries\n +{len(voice)} voice datagrams with 998 voice records\n"
         rf" +{sum(map(len, reports + voice))} bytes\n", said)
     assert float(told[1]) >= 1.5
     start = fields(reports[0])["TIME_STAMP"] - 10 * 10**6
@@ -148,8 +149,8 @@ def test_sim_counts_what_is_refused():
     assert load.returncode == 1 and refused > 0 and sent + refused == 1000
     calls = run("voxstat-sim", f"--port={free_port()}", "--duration=20", "--speed=10000")
     assert calls.returncode == 1 and re.search(
-        r" ([1-9]\d*) datagrams could not be sent: \1 refused, 0 for want of buffers, 0 otherwise\n"
-        "nobody listens on one of the ports: is voxstat running, with this qos_port\\?\n$", calls.stdout)
+        r" ([1-9]\d*) datagrams could not be sent: \1 refused, 0 for lack of buffers, 0 for other reasons\n"
+        "no program listens on one of the ports: is voxstat running with this qos_port\\?\n$", calls.stdout)
 
 
 EOS = "QOS_EOS_NEAREND"
@@ -202,9 +203,9 @@ def test_list_estimates_quality(plot):
         assert [row.split() for row in rows[1:-1]] == [
             [row["call"], "2.1", "-", "2023-Nov-15", "03:43:20", f"{float(row['loss_percent']):.1f}", row["jitter_ms"],
              row["round_trip_ms"], f"{float(row['r' + kind]):.1f}", f"{float(row['mos' + kind]):.2f}"] for row in quality]
-    assert rows[-1] == "bad calls: 7 of 9 (loss 1 %, jitter 30 ms or round trip 300 ms and above)"
+    assert rows[-1] == "bad calls: 7 of 9 (thresholds: loss 1 %, jitter 30 ms, round trip 300 ms)"
     plain = plot("--list", "--loss=5.1", "--jitter=51", "--round-trip=401", a=text).stdout
-    assert plain.endswith("bad calls: 3 of 9 (loss 5.1 %, jitter 51 or round trip 401 and above)\n") and "MOS" not in plain
+    assert plain.endswith("bad calls: 3 of 9 (thresholds: loss 5.1 %, jitter 51, round trip 401)\n") and "MOS" not in plain
 
 
 @pytest.mark.parametrize("options, calls", [    # a1 lasted to 03:43:20, a2 a minute longer, a3 to the next day
@@ -216,11 +217,11 @@ def test_choices_over_several_files(plot, options, calls):
              "archive": call("a1", EOS) + call("none", EOS, -START)}
     done = plot("--list", *options, **files, status=0 if calls else 1)
     assert sorted(row.split()[0] for row in done.stdout.splitlines()[1:-1]) == calls.split()
-    assert done.stderr == "voxstat-plot: reports without a time stamp, left out: 1\n" + (
-        "" if calls else "voxstat-plot: no such reports in these files\n")
+    assert done.stderr == "voxstat-plot: reports left out for lack of a time stamp: 1\n" + (
+        "" if calls else "voxstat-plot: the files contain no matching reports\n")
     assert plot("--list", **files, other=call("a4"), status=1).stderr == (
-        "voxstat-plot: other has session reports, the files before it have end-of-session reports; give each kind a run "
-        "of its own\n")
+        "voxstat-plot: other contains session reports, but the previous files contain session summaries; run voxstat-plot "
+        "once for each kind\n")
 
 
 def test_list_shows_hostile_texts(plot):
@@ -246,10 +247,10 @@ def test_names_unreadable_lines_and_draws_the_rest(plot):
     done = plot(a=HEADERS["QoS_Stat.txt"] + good + "no stamp\n\n\n" + good[:70] + "\n" + good[:100] + "\n"
                 + good[:40] + "x" + good[41:] + call("x", EOS) + good + good[:60])
     assert done.stderr.splitlines() == [f"a:{row}" for row in (
-        "3: cannot be read: does not begin with a time stamp", "4-5: cannot be read: empty",
-        "6: cannot be read: ends too early", "7: cannot be read: numbers are missing or are none",
-        "8: cannot be read: columns are not in their places", "9: cannot be read: belongs in the other kind of file",
-        "11: cannot be read: not complete yet")]
+        "3: cannot be read: does not start with a time stamp", "4-5: cannot be read: empty",
+        "6: cannot be read: too short", "7: cannot be read: numbers are missing or invalid",
+        "8: cannot be read: columns are misplaced", "9: cannot be read: belongs to the other kind of file",
+        "11: cannot be read: incomplete")]
     assert done.stdout == "it.svg: session reports: 2, calls: 1\n"
     assert "1.5 % at 03:43:20, good near end" in done.picture
 
@@ -280,7 +281,7 @@ def test_picture_of_many_sessions(plot):
     """As many points as the pixels can show, and nothing squeezed by a clock that was wrong."""
     text = "".join(call(f"c{i % 100}", seconds=i // 100, jitter=i % 5) for i in range(60000)) + call("far", seconds=10**9)
     svg = plot(a=text + call("bad", loss=2), b=call("early", seconds=-10**8)).picture
-    assert {"97 more calls, as a range", "reports outside the time shown, see --from and --to: 2"} < set(texts(svg))
+    assert {"97 more calls, as a range", "reports outside the period shown (see --from and --to): 2"} < set(texts(svg))
     assert "2023-Nov-15 03:43:20 to 03:53:19" in svg and len(svg) < 2 * 10**6
 
 
@@ -296,6 +297,6 @@ def test_summary_of_500_calls(plot):
                    for i in range(500) for end in ("NEAR", "FAR"))
     assert struct.unpack(">I", plot(a=text, picture="it.png").picture[20:24].encode("latin-1"))[0] <= 1600
     svg = plot(a=text).picture
-    assert "the worst 40 are shown, 460 more are not" in svg
+    assert "shown: the worst 40, not shown: 460" in svg
     assert re.findall(r" (c\d+) +2.1 +(near|far) end", svg) == [
         (f"c{i}", end) for i in range(499, 459, -1) for end in ("near", "far")]

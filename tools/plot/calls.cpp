@@ -95,7 +95,7 @@ std::string bad_calls_text(const std::vector<Call>& calls, const Thresholds& thr
     char text[200];
     const int length = std::snprintf(
         text, sizeof text,
-        "bad calls: %td of %zu (loss %g %%, jitter %g%s or round trip %g%s and above)", bad,
+        "bad calls: %td of %zu (thresholds: loss %g %%, jitter %g%s, round trip %g%s)", bad,
         calls.size(), thresholds.loss_percent, thresholds.jitter, unit.c_str(),
         thresholds.round_trip, unit.c_str());
     return {text, static_cast<std::size_t>(length)};

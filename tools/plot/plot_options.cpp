@@ -17,32 +17,33 @@ namespace {
 constexpr const char* USAGE =
     R"(Usage: voxstat-plot [options] FILE...
 
-Draws statistics files (loss, jitter and round-trip time over time, a line for each direction of
-each call) or session-summary files (a bar for each direction of each call). Several files of one
-kind, the live one and its archives, go into one picture; "-" is standard input. Needs gnuplot.
+Draws the calls in statistics files (a line per stream) or session-summary files (a bar per
+stream). Several files of the same kind, such as a live file and its archives, make one picture.
+"-" means standard input. Drawing requires gnuplot.
 
-  -o, --output FILE   picture to draw, .png or .svg (the first file's name with .png, in the
-                      working directory)
-  --list              print a table of the calls, worst first, instead; needs no gnuplot
-  --unit ms           jitter and round trip are reported in milliseconds: name the unit and
-                      estimate the speech quality (E-model: R and MOS)
-  --no-plc            the receivers do not conceal lost packets, for that estimate
+  -o, --output FILE   draw the picture in FILE, which ends in .png or .svg (default: PNG file in
+                      the working directory with the name of the first file)
+  --list              print a table of the calls instead, the worst first; does not need gnuplot
+  --unit ms           jitter and round-trip time are in milliseconds: show this unit, and
+                      estimate the speech quality (R and MOS of the E-model)
+  --no-plc            estimate it for receivers without packet loss concealment
 
-  --call GCID         only the reports of this call
-  --from TIME         only reports of TIME or later; TIME is "2026-11-24", "2026-11-24 19:35",
-                      "2026-11-24 19:35:20" or, for the last such time before the last
-                      report, "19:35" or "19:35:20", in the time zone of the file
-  --to TIME           only reports of TIME or earlier
+  --call GCID         show only this call
+  --from TIME         show only reports from this time on: "2026-11-24", "2026-11-24 19:35",
+                      "2026-11-24 19:35:20", or the last "19:35" or "19:35:20" before the
+                      last report; in the time zone of the file
+  --to TIME           show only reports up to this time
 
-  --loss PERCENT      a call with this loss or more is bad (1)
-  --jitter N          the same for the jitter (30)
-  --round-trip N      the same for the round-trip time (300)
+  --loss PERCENT      a call with this loss or more is bad (default 1)
+  --jitter N          the same for the jitter (default 30)
+  --round-trip N      the same for the round-trip time (default 300)
 
   --help              print this text
   --version           print the version
 
-Lines that cannot be read are named on standard error. The exit status is 0 when there is a
-picture or table, 1 when not, 2 for a wrong command line.
+If a line cannot be read, its position and the reason are printed to standard error.
+Exit status: 0 if there is a picture or a table, 1 if there is none, 2 if the command line is
+invalid.
 )";
 
 const option LONG_OPTIONS[] = {
@@ -140,8 +141,8 @@ std::optional<PlotOptions> PlotOptions::parse(int argc, char** argv)
         if (option == '?')  // getopt_long has said why
             return std::nullopt;
         if (!store(options, option, optarg)) {
-            (void)std::fprintf(stderr, "voxstat-plot: --%s does not take \"%s\"; see --help\n",
-                               name_of(option), optarg);
+            (void)std::fprintf(stderr, "voxstat-plot: invalid value \"%s\" for --%s; see --help\n",
+                               optarg, name_of(option));
             return std::nullopt;
         }
     }
@@ -151,7 +152,8 @@ std::optional<PlotOptions> PlotOptions::parse(int argc, char** argv)
         return std::nullopt;
     }
     if (options.list && !options.picture.empty()) {
-        (void)std::fputs("voxstat-plot: --list draws no picture; see --help\n", stderr);
+        (void)std::fputs("voxstat-plot: --list cannot be combined with --output; see --help\n",
+                         stderr);
         return std::nullopt;
     }
     if (options.picture.empty())

@@ -350,8 +350,8 @@ std::string SessionPlot::key_entries(const Panel& panel) const
     entries += "NaN with lines lc 'black' title 'near end', "
                "NaN with lines lc 'black' dt (12,6) title 'far end'";
     if (panel.threshold > 0)
-        entries +=
-            ", " + std::to_string(panel.threshold) + THRESHOLD_STYLE + " title 'bad from here on'";
+        entries += ", " + std::to_string(panel.threshold) + THRESHOLD_STYLE +
+                   " title 'threshold of bad calls'";
     return entries;
 }
 

@@ -17,7 +17,7 @@ bool StatisticsFile::next(StatisticsLine& line)
                 _kind = kind_of_header(text);
             continue;
         }
-        const char* const reason = _input.is_cut_off() ? "not complete yet" : read_line(text, line);
+        const char* const reason = _input.is_cut_off() ? "incomplete" : read_line(text, line);
         if (reason == nullptr)
             return true;
         keep_unread(reason);
@@ -36,7 +36,7 @@ const char* StatisticsFile::read_line(std::string_view text, StatisticsLine& lin
     if (!_kind)
         _kind = read->kind;
     if (read->kind != *_kind)
-        return "belongs in the other kind of file";
+        return "belongs to the other kind of file";
     line = *read;
     return nullptr;
 }

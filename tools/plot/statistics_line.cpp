@@ -113,18 +113,18 @@ std::optional<StatisticsLine> StatisticsLine::parse(std::string_view text, const
     }
     const std::optional<Stamp> stamp = read_stamp(text);
     if (!stamp) {
-        reason = "does not begin with a time stamp";
+        reason = "does not start with a time stamp";
         return std::nullopt;
     }
     line.time_s = line.begin_s = line.end_s = stamp->time_s;
     line.zone_offset_s = stamp->zone_offset_s;
     if (text.size() <= FAR_END.end)
-        reason = "ends too early";
+        reason = "too short";
     else if (std::any_of(std::begin(COLUMNS), std::end(COLUMNS),
                          [text](Column column) { return text[column.end] != ' '; }))
-        reason = "columns are not in their places";
+        reason = "columns are misplaced";
     else if (!read_figures(text.substr(FAR_END.end), line))
-        reason = "numbers are missing or are none";
+        reason = "numbers are missing or invalid";
     else {
         line.call = text.substr(GCID.begin, TID.end - GCID.begin);
         line.gcid = text_of(text, GCID);

@@ -95,12 +95,12 @@ std::string SummaryPlot::gnuplot_script() const
            << 1 - TOP_PIXELS / pixels << "\nset bmargin at screen " << BOTTOM_PIXELS / pixels
            << "\nset yrange [" << _bars.size()
            << ".5:0.5]\nunset ytics\nunset key\nset grid xtics\n"
-           << "set xlabel 'time from the first packet to the last one, " << _axis.zone_text()
+           << "set xlabel 'time from the first to the last packet, " << _axis.zone_text()
            << "'\nset style fill solid 0.9 border rgb '#555555'\n"
            // Few listeners hear a loss below one per cent, all are annoyed by more than five.
            // From light to dark, since not everybody can tell red from green.
            << "set palette defined (0 '#ffffe5', 1 '#fee391', 2.5 '#fe9929', 5 '#8c2d04')\n"
-           << "set cbrange [0:5]\nset cblabel 'loss in %, darkest: 5 and more'\n"
+           << "set cbrange [0:5]\nset cblabel 'loss in %, darkest: 5 or more'\n"
            << "set colorbox horizontal user origin screen " << right() + 0.02 << ","
            << 0.5 * BOTTOM_PIXELS / pixels << " size screen " << 0.95 - right() << ","
            << 14 / pixels << "\nplot $bars using 1:2:3:4:5:6:7 with boxxyerror fc palette\n";
@@ -127,8 +127,8 @@ std::string SummaryPlot::labels() const
     const double pixels = height();
     std::string counts = bad_calls_text(_calls, _caption.thresholds, _caption.unit());
     if (_shown < _calls.size())
-        counts += "; the worst " + std::to_string(_shown) + " are shown, " +
-                  std::to_string(_calls.size() - _shown) + " more are not";
+        counts += "; shown: the worst " + std::to_string(_shown) +
+                  ", not shown: " + std::to_string(_calls.size() - _shown);
     const auto line = [pixels](const std::string& words, int top, const char* look) {
         return "set label " + gnuplot_string(words) + " at screen 0.02, screen " +
                std::to_string(1 - top / pixels) + look + "\n";

@@ -104,7 +104,7 @@ std::string TimeAxis::with_outside_text(const std::string& text) const
     if (_outside == 0)
         return text;
     return text + (text.empty() ? "" : "; ") +
-           "reports outside the time shown, see --from and --to: " + std::to_string(_outside);
+           "reports outside the period shown (see --from and --to): " + std::to_string(_outside);
 }
 
 bool TimeAxis::is_one_day() const

@@ -33,7 +33,7 @@ struct Reports {
 
 const char* name_of(StatisticsKind kind)
 {
-    return kind == StatisticsKind::SESSION ? "session reports" : "end-of-session reports";
+    return kind == StatisticsKind::SESSION ? "session reports" : "session summaries";
 }
 
 void tell_unread(const std::string& file_name, const UnreadLines& lines)
@@ -47,9 +47,9 @@ void tell_unread(const std::string& file_name, const UnreadLines& lines)
 void check_kind(const InputFile& input, StatisticsKind kind, Reports& reports)
 {
     if (reports.kind && *reports.kind != kind)
-        throw std::runtime_error(input.name() + " has " + name_of(kind) +
-                                 ", the files before it have " + name_of(*reports.kind) +
-                                 "; give each kind a run of its own");
+        throw std::runtime_error(input.name() + " contains " + name_of(kind) +
+                                 ", but the previous files contain " + name_of(*reports.kind) +
+                                 "; run voxstat-plot once for each kind");
     reports.kind = kind;
 }
 
@@ -148,7 +148,7 @@ Caption caption_for(const PlotOptions& options, const Reports& reports)
                        .in_ms = options.in_ms};
     if (reports.undated > 0)
         caption.left_out =
-            "reports without a time stamp, left out: " + std::to_string(reports.undated);
+            "reports left out for lack of a time stamp: " + std::to_string(reports.undated);
     return caption;
 }
 
@@ -193,7 +193,7 @@ bool run(PlotOptions options)
     if (!caption.left_out.empty())
         (void)std::fprintf(stderr, "voxstat-plot: %s\n", caption.left_out.c_str());
     if (calls.empty()) {
-        (void)std::fputs("voxstat-plot: no such reports in these files\n", stderr);
+        (void)std::fputs("voxstat-plot: the files contain no matching reports\n", stderr);
         return false;
     }
     if (options.list)

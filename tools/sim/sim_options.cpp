@@ -15,34 +15,34 @@ constexpr const char* USAGE =
     R"(Usage: voxstat-sim [options]
        voxstat-sim --load reports|eos|voice [options]
 
-Plays a telephony unit on loopback: sends QoS reports and voice records to a voxstat daemon.
+Simulates a telephony unit: sends reports and voice records to a voxstat daemon on this machine.
 
-  --port N        port for QoS reports; voice records go to N + 1 (49999)
+  --port N        port for reports; voice records go to N + 1 (default 49999)
   --help          print this text
   --version       print the version
 
-Telephony mode: a number of calls, reported in both directions, some of them bad for a while.
-Time runs faster than in reality and ends about now.
+Without --load, simulates calls, some of which are bad for a while. Simulated time runs faster
+than real time, and reaches the current time at the end of the run.
 
-  --calls N       number of calls, up to 1000 (6)
-  --bad N         how many of them are bad for a while (1)
-  --duration S    simulated seconds (300)
-  --interval S    simulated seconds between the reports of a direction (5)
-  --speed F       simulated seconds per second (60)
-  --seed N        seed of the random variation (1)
+  --calls N       number of calls, up to 1000 (default 6)
+  --bad N         number of calls that are bad for a while (default 1)
+  --duration S    simulated seconds (default 300)
+  --interval S    simulated seconds between the reports on a stream (default 5)
+  --speed F       simulated seconds per second (default 60)
+  --seed N        seed of the random variation (default 1)
 
-Load mode: numbered datagrams, so that each can be found again. A report carries its number as
-SSRC and, with five digits or more, as RTCP name; a voice record carries it as the first four
-bytes behind its RTP header.
+With --load, sends numbered datagrams. A report contains its number as the SSRC and, padded to at
+least five digits, as the RTCP name; a voice record contains it as the first four bytes of the
+RTP payload.
 
-  --load KIND     reports (session reports), eos (end-of-session reports) or voice (one record
-                  in a datagram)
-  --first N       first number (1)
-  --count N       number of datagrams (1000)
-  --rate N        datagrams a second, 0 for as fast as possible (0)
-  --burst N       datagrams sent back to back (1)
+  --load KIND     reports (session reports), eos (session summaries) or voice (datagrams with
+                  one voice record)
+  --first N       first number (default 1)
+  --count N       number of datagrams (default 1000)
+  --rate N        datagrams per second, 0 for as fast as possible (default 0)
+  --burst N       datagrams sent back to back (default 1)
 
-The exit status is 0 when all was sent, 1 when not, 2 for a wrong command line.
+Exit status: 0 if all datagrams were sent, 1 if some were not, 2 if the command line is invalid.
 )";
 
 constexpr const char* CALL_OPTIONS = "cadixe";
@@ -134,8 +134,8 @@ std::optional<SimOptions> SimOptions::parse(int argc, char** argv)
         if (letter == '?')  // getopt_long has said why
             return std::nullopt;
         if (!store(options, letter, optarg)) {
-            (void)std::fprintf(stderr, "voxstat-sim: --%s does not take \"%s\"; see --help\n",
-                               LONG_OPTIONS[index].name, optarg);
+            (void)std::fprintf(stderr, "voxstat-sim: invalid value \"%s\" for --%s; see --help\n",
+                               optarg, LONG_OPTIONS[index].name);
             return std::nullopt;
         }
         if (std::strchr(CALL_OPTIONS, letter) != nullptr)
@@ -144,14 +144,14 @@ std::optional<SimOptions> SimOptions::parse(int argc, char** argv)
             of_load = &LONG_OPTIONS[index];
     }
     if (optind < argc) {
-        (void)std::fprintf(stderr, "voxstat-sim: unknown argument \"%s\"; see --help\n",
+        (void)std::fprintf(stderr, "voxstat-sim: unexpected argument \"%s\"; see --help\n",
                            argv[optind]);
         return std::nullopt;
     }
     const bool is_load = options.mode != Mode::TELEPHONY;
     if (const auto* stray = is_load ? of_calls : of_load; stray != nullptr) {
-        (void)std::fprintf(stderr, "voxstat-sim: --%s goes %s --load; see --help\n", stray->name,
-                           is_load ? "without" : "with");
+        (void)std::fprintf(stderr, "voxstat-sim: --%s %s --load; see --help\n", stray->name,
+                           is_load ? "cannot be combined with" : "needs");
         return std::nullopt;
     }
     if (!is_load && options.bad > options.calls) {
@@ -160,7 +160,8 @@ std::optional<SimOptions> SimOptions::parse(int argc, char** argv)
         return std::nullopt;
     }
     if (options.count - 1 > NO_LIMIT - options.first) {
-        (void)std::fputs("voxstat-sim: the numbers go up to 4294967295\n", stderr);
+        (void)std::fputs("voxstat-sim: the last number is greater than 4294967295; see --help\n",
+                         stderr);
         return std::nullopt;
     }
     return options;

@@ -143,15 +143,15 @@ void TelephonyUnit::print_summary(SimTime played, double seconds) const
                 _options.duration_s, _options.calls, seconds, unsigned{_options.port},
                 unsigned{_options.voice_port()});
     std::printf("%8" PRIu64 " session reports\n", _session_reports);
-    std::printf("%8" PRIu64 " end-of-session reports\n", _end_of_session_reports);
+    std::printf("%8" PRIu64 " session summaries\n", _end_of_session_reports);
     std::printf("%8" PRIu64 " voice datagrams with %" PRIu64 " voice records\n",
                 _voice_sender.counts().datagrams, _voice_records);
     std::printf("%8" PRIu64 " bytes\n", counts.bytes);
     if (counts.lost() > 0)
         std::printf("%8" PRIu64 " datagrams could not be sent: %" PRIu64 " refused, %" PRIu64
-                    " for want of buffers, %" PRIu64 " otherwise\n",
+                    " for lack of buffers, %" PRIu64 " for other reasons\n",
                     counts.lost(), counts.refused, counts.no_buffer, counts.failed);
     if (counts.refused > 0)
         std::printf(
-            "nobody listens on one of the ports: is voxstat running, with this qos_port?\n");
+            "no program listens on one of the ports: is voxstat running with this qos_port?\n");
 }
