@@ -1,6 +1,6 @@
 // The program's only loop, and the components that it feeds.
 //
-// Main thread only, but for isRunning() and stop(), which a signal handler may call.
+// Main thread only, except isRunning() and stop(), which a signal handler may call.
 #pragma once
 
 #include <array>
@@ -21,8 +21,8 @@ class ConfigFile;
 class MainLoop {
 public:
     // Builds receiver, file logger and web client and reads the unit's serial number. When a
-    // component cannot be built, logs the reason and ends the process with status 0. Throws
-    // std::bad_alloc. The configuration must outlive the object.
+    // component cannot be built, logs the reason and exits with status 0. Throws std::bad_alloc.
+    // The configuration must outlive the object.
     explicit MainLoop(ConfigFile* main_config);
 
     // Deletes receiver, file logger and web client, in this order.
@@ -31,11 +31,11 @@ public:
     MainLoop& operator=(const MainLoop&) = delete;
 
     // Runs until stop() is called, then stops receiver, file logger and web client, in this order.
-    // Once per process. A stop() that came before is lost: the flag is raised here.
+    // Once per process. An earlier stop() has no effect, because the flag is set here.
     void start();
 
-    // isRunning() tells whether the loop is to go on; stop() ends it after the pass under way. Any
-    // thread, and signal handlers: the flag is a lock-free atomic.
+    // stop() ends the loop after the current pass; isRunning() is true until then. Any thread, and
+    // signal handlers: the flag is a lock-free atomic.
     static bool isRunning() { return running; }
     static void stop() { running = false; }
 
@@ -59,8 +59,8 @@ private:
     std::unique_ptr<WebClient> web_client;
     std::string serial_number;  // empty when unknown
 
-    // Storage that stands for the whole run: a voice datagram costs no allocation, a report those
-    // of its two lines, but for a buffer that has to grow and for messages that pass their group.
+    // Allocated once for the whole run. A voice datagram needs no further allocation, and a report
+    // only those of its two lines, unless a buffer has to grow or a message is logged.
     std::array<char, BUFFER_SIZE> buffer;  // every datagram, and the service reports
     std::optional<QoSPacket> report;       // built and destroyed in place
     VoicePacket voice_packet;              // reused for every record

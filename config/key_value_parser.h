@@ -3,7 +3,7 @@
 // A line is "key <separator> value"; '#' starts a comment. There is no quoting, no escape, no
 // section and no continuation. Keys and values are byte strings, compared case-sensitively.
 //
-// The operations are public names and stay, also those that only tests and fuzz targets call.
+// All operations are public names and stay, even those that only tests and fuzz targets call.
 //
 // Filled and read on the main thread during start-up; never changed afterwards.
 #pragma once
@@ -18,12 +18,12 @@ public:
     // Erases from the first '#' to the end of the line.
     void removeComment(std::string& line) const;
 
-    // True when the line is empty or holds blanks only. A tab is no blank here.
+    // True when the line is empty or contains only blanks. A tab does not count as a blank.
     bool onlyWhitespace(const std::string& line) const;
 
     // Checks a line of a file read with '='. Erases leading blanks and tabs from the line; then
-    // false when it starts with '=', holds none, or has nothing but blanks after the first one. The
-    // loader does without it: extractContents() skips what it cannot use.
+    // false when it starts with '=', contains none, or has only blanks after the first one. The
+    // loader does not call it, because extractContents() skips invalid lines.
     bool validLine(std::string& line) const;
 
     // Sets key to the first word of the line, which a tab, a blank, '=' or ':' ends. It may be
@@ -39,13 +39,13 @@ public:
     // A line without separator, key side or value is logged at DBG_INFO and skipped.
     void extractContents(const std::string& line);
 
-    // The same; the line number is not used.
+    // Same as extractContents(). Ignores the line number.
     void parseLine(const std::string& line, unsigned long line_number);
 
-    // Whether a line has given this key.
+    // True when a line contained this key.
     bool keyExists(const std::string& key) const;
 
-    // The stored value, converted as atoi and atof do (text that is no number gives 0), or
+    // The stored value, converted as atoi and atof do (text that is not a number gives 0), or
     // defaultValue when the key is absent. No range is checked.
     int getIntValue(const std::string& key, int defaultValue) const;
     double getFloatValue(const std::string& key, double defaultValue) const;

@@ -1,8 +1,8 @@
 // Every key of the configuration file: its kind, default, unit and range.
 //
-// A default stands here and nowhere else. The constructors that read a key name its entry, and
-// voxstat-check judges a file by the same table. The daemon itself checks no range: the ranges are
-// those that make sense.
+// This is the only place that defines defaults. The constructors read a key through its entry, and
+// voxstat-check checks a file against the same table. The daemon does not check ranges: they are
+// the values that make sense.
 #pragma once
 
 #include <array>
@@ -26,9 +26,9 @@ enum class Kind {
 struct Key {
     const char* name;
     Kind kind;
-    int number;        // default, of the kinds that are numbers
-    int min, max;      // range, likewise
-    const char* text;  // default, of the kinds that are texts; empty means unset
+    int number;        // default, if the kind is a number
+    int min, max;      // range, if the kind is a number
+    const char* text;  // default, if the kind is a text; empty means unset
     const char* unit;
 
     constexpr bool is_number() const { return kind <= Kind::LEVEL; }
@@ -40,7 +40,7 @@ struct Key {
                (max == INT_MAX ? std::string(" or more") : " to " + std::to_string(max));
     }
 
-    // The value of this key in a file that was read; its default when the file does not have it.
+    // The value of this key in a file that was read, or the default if the file does not have it.
     int number_in(const KeyValueParser& file) const { return file.getIntValue(name, number); }
     std::string text_in(const KeyValueParser& file) const
     {
@@ -81,7 +81,7 @@ inline constexpr Key MAX_BUF_TIMEOUT_RTP =
     number_key("max_buf_timeout_rtp", 30, 0, INT_MAX, "seconds");
 inline constexpr Key MAX_LENGTH_PER_SEC_RTP =
     number_key("max_length_per_sec_rtp", 10485760, 0, INT_MAX, "bytes");
-// Blocks of 1024 bytes are written: below that, every block or two becomes an archive.
+// The daemon writes blocks of 1024 bytes: a smaller limit turns every block or two into an archive.
 inline constexpr Key MAX_FILE_SIZE_RTP =
     number_key("max_file_size_rtp", 52428800, 1024, INT_MAX, "bytes");
 inline constexpr Key MAX_ARCHIVED_FILES_RTP =

@@ -1,5 +1,5 @@
-// Sizes, numbers and places of the files that no key changes: for those who write the files, and
-// for voxstat-check, which reckons with them.
+// Sizes, numbers and directories of the files that no key changes. The writers of the files use
+// them, and voxstat-check calculates with them.
 #pragma once
 
 namespace limits {
@@ -7,7 +7,7 @@ namespace limits {
 inline constexpr const char* TEXT_EXTENSION = ".txt";
 inline constexpr const char* DUMP_EXTENSION = ".pcap";
 
-// Bytes at which a file becomes an archive, and how many archives are kept.
+// Size in bytes at which a file becomes an archive, and number of archives that are kept.
 inline constexpr unsigned STAT_FILE_SIZE = 20971520;
 inline constexpr unsigned STAT_ARCHIVES = 4;
 inline constexpr unsigned SUMMARY_FILE_SIZE = 5242880;

@@ -167,7 +167,7 @@ void FileLogger::fl_start()
     writer_running = true;  // before the thread exists, so that an early fl_stop() still ends it
     const int rc = pthread_create(&writer_thread, nullptr, fl_execute, this);
     if (rc == 0) {
-        (void)pthread_setname_np(writer_thread, "QoS_FileLogger");  // for the eye only
+        (void)pthread_setname_np(writer_thread, "QoS_FileLogger");  // for display only
         return;
     }
     writer_running = false;  // nothing to join

@@ -4,7 +4,7 @@
 // The owner's thread queues with FL_Write, which only appends to a bounded buffer. The thread
 // "QoS_FileLogger" moves the buffers into the files: whole 1024-byte blocks, or a short tail when
 // it is old enough, when the file is due to rotate, or at the stop. A full buffer drops and
-// counts; the count is logged by the next pass that finds the buffer in use.
+// counts; the next pass that finds data in the buffer logs the count.
 #pragma once
 
 #include <pthread.h>
@@ -23,7 +23,7 @@ class ConfigFile;
 class QoSPacket;
 class VoicePacket;
 
-// Any value but QOS_STAT is taken as QOS_STAT_EOS.
+// Any other value counts as QOS_STAT_EOS.
 enum Qos_Stat_Type : int {
     QOS_STAT = 0,      // statistics file: session reports
     QOS_STAT_EOS = 1,  // session-summary file: end-of-session reports
@@ -48,7 +48,7 @@ public:
     int FL_Write(QoSPacket* packet);
     int FL_Write(VoicePacket* packet);
 
-    // Ends the writer thread: returns after all three buffers are written and synced. May be
+    // Stops the writer thread and returns after all three buffers are written and synced. May be
     // called again. The owner's thread.
     void fl_stop();
 
@@ -58,12 +58,12 @@ public:
     // The writer thread's body.
     void fl_run();
 
-    // Destroys the three file objects. The writer thread must have ended.
+    // Destroys the three file objects. The writer thread must not be running.
     void fl_cleanup();
 
     // One write step for one file: moves the whole 1024-byte blocks of its buffer, or all of it
     // when the tail is old, the file is to rotate or force is set. sync makes the file object flush
-    // it to disk. Throws what FileObject::fobj_write throws; the block is not tried again. Throws
+    // it to disk. Throws what FileObject::fobj_write throws; the block is not retried. Throws
     // std::bad_alloc when there is no memory for the block, which stays buffered. Writer thread
     // only.
     void fl_write_file(Qos_Stat_Type type, bool sync, bool force);

@@ -1,4 +1,4 @@
-// The names of archives, as the rotation gives them and as the cleanup tells them from other files.
+// The names of archives: how the rotation forms them, and how the cleanup recognises them.
 //
 //   name_2026-03-03_14-05-09.txt      named after the local time of its rotation
 //   name_2026-03-03_14-05-09_002.txt  the second archive of the same second
@@ -16,6 +16,6 @@ std::string archive_name(const std::string& name, const std::string& extension, 
                          unsigned number);
 
 // True when a regular file of this name is an archive of the file name + extension: the cleanup
-// counts it, and may remove it. Another file's name may begin with this one's and is left alone.
-// The file's name comes without its directory.
+// counts it, and may remove it. Does not match other files whose names begin with the same text.
+// The names have no directory.
 bool is_archive_name(std::string_view file, std::string_view name, std::string_view extension);

@@ -4,7 +4,7 @@
 //   name_2026-03-03_14-05-09.txt  an archive; files/archive_name.h has the rule
 //
 // Used by one thread at a time, its owner's writer. Every event is logged through DBG, so no
-// operation but fobj_take_block() and time_2_rotate() may be called while the logger's mutex is
+// operation except fobj_take_block() and time_2_rotate() may be called while the logger's mutex is
 // held.
 #pragma once
 
@@ -55,11 +55,11 @@ public:
     // the block not written, and as fobj_rotate and fobj_cleanup do, with the block written.
     int fobj_write(const std::string& block, bool sync);
 
-    // Cuts off the buffer what is to be written to this file now; empty when nothing is due. Whole
-    // blocks of 1024 bytes keep the writes large; the tail waits until the last write (seconds
-    // since the epoch) is more than tail_timeout seconds ago, unless the file is to rotate or
-    // everything is wanted, as at the stop. Logs nothing. Throws std::bad_alloc, but not when
-    // everything is wanted; the buffer is as it was then.
+    // Removes from the buffer, and returns, what to write to this file now; empty when nothing is
+    // due. Whole blocks of 1024 bytes keep the writes large. The tail waits until the last write
+    // (seconds since the epoch) is more than tail_timeout seconds ago, unless the file is to rotate
+    // or everything is wanted, as at the stop. Logs nothing. Throws std::bad_alloc, unless
+    // everything is wanted; the buffer is then unchanged.
     std::string fobj_take_block(std::string& buffer, time_t last_write, time_t tail_timeout,
                                 bool everything) const;
 

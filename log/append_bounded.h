@@ -1,4 +1,4 @@
-// How a bounded buffer takes a record: whole, or not at all.
+// Appends to a bounded buffer: a whole record or nothing.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-// Appends a record, in pieces, unless the buffer holds more than cap bytes before or finds no
-// memory to grow. Returns the bytes appended; 0 means that the record is lost, and the caller
+// Appends a record, in pieces, unless the buffer already holds more than cap bytes or cannot get
+// the memory to grow. Returns the bytes appended; 0 means that the record is lost, and the caller
 // counts it. The buffer's lock must be held. Never throws.
 inline std::size_t append_bounded(std::string& buffer, std::int64_t cap,
                                   std::initializer_list<std::string_view> pieces) noexcept

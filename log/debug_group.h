@@ -6,9 +6,9 @@
 #include <string_view>
 #include <utility>
 
-// A message as its caller has it, for example {"Closed file: ", path}. The logger puts the pieces
-// together, so that a caller needs no memory for a message: the text of a number fits into its
-// string object. When the logger finds no memory, it counts the message as lost.
+// The pieces of a message, for example {"Closed file: ", path}. The logger joins them, so the
+// caller allocates nothing: even the text of a number fits into its string object. When the logger
+// has no memory, it counts the message as lost.
 using LogPieces = std::initializer_list<std::string_view>;
 
 // A smaller value is more severe. A message passes a group when its level is less than or equal
@@ -21,7 +21,7 @@ enum DbgLevel : int {
     DBG_DEBUG = 4,
 };
 
-// The level that a configuration value stands for: a value that names none is taken as DBG_WARN.
+// The level of a configuration value. A value that is not a level counts as DBG_WARN.
 constexpr DbgLevel dbg_level_from_config(int value)
 {
     return value < DBG_ERROR || value > DBG_DEBUG ? DBG_WARN : static_cast<DbgLevel>(value);
@@ -35,7 +35,7 @@ struct DebugGroup {
     {
     }
 
-    DbgLevel level;    // the most verbose level that the group lets through
+    DbgLevel level;    // the most verbose level that passes
     std::string name;  // for identification; never part of a log line
     int index = -1;    // position in the logger's list; -1 until registered
 };

@@ -1,10 +1,10 @@
-// The guard of a writer thread's loop.
+// Keeps a writer thread running after a step that failed.
 #pragma once
 
 #include <exception>
 
-// Runs one step. When it throws, because a file cannot be opened or memory is short, hands the
-// reason to report(const char*) and gives the step up: the loop goes on. Any thread.
+// Runs one step. When it throws, because a file cannot be opened or memory is short, passes the
+// reason to report(const char*) and returns, so the caller's loop continues. Any thread.
 template <typename Step, typename Report>
 void guarded(Step step, Report report)
 {

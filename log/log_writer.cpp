@@ -62,7 +62,7 @@ bool SimpleLogger::dbg_start_writer()
             {"Unable to create new thread for SimpleLogger. Error: ", std::to_string(rc)});
         return false;
     }
-    (void)pthread_setname_np(_thread, THREAD_NAME);  // a name is for the eye only
+    (void)pthread_setname_np(_thread, THREAD_NAME);  // for display only
     return true;
 }
 

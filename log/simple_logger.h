@@ -6,7 +6,7 @@
 //
 // The logger's mutex is the innermost of the program: it is held for an append, for cutting a block
 // and, without a log file, while the buffer is printed, but never while the file object is at work,
-// which logs through this logger. So a standard output that takes nothing holds up whoever logs.
+// which logs through this logger. So a blocked standard output blocks every thread that logs.
 #pragma once
 
 #include <pthread.h>
@@ -33,9 +33,10 @@ public:
 
     // Reads log.file and log.default, registers the group "DEFAULT", starts the writer thread and
     // creates the log file object. Does nothing for a null configuration or when already
-    // initialised. Reports failures on standard output: without lock or thread all messages go
-    // there as bare text, without the file object as lines. Throws std::bad_alloc. Main thread,
-    // once, before any other thread of the program exists.
+    // initialised. Reports failures on standard output. After a failure of the lock or the thread,
+    // all messages go to standard output as bare text; after a failure of the file object, they go
+    // there as lines. Throws std::bad_alloc. Main thread, once, before any other thread of the
+    // program exists.
     void init(ConfigFile* config);
 
     // Adds a group and returns its index, or -1 for null. Throws std::bad_alloc. Main thread, at
@@ -43,10 +44,10 @@ public:
     int register_dbg_group(DebugGroup* group);
 
     // Logs one message through a group. Any thread. Never throws.
-    // Dropped silently when the index names no group, as all do before the first is registered, or
-    // when the level exceeds the group's. Until init() has ended, and after one that failed,
-    // printed at once as bare text. Buffered otherwise; counted as lost when the buffer is full or
-    // memory is short. After dbg_stop() it is still buffered, and never written.
+    // Drops the message silently when the index is not that of a registered group or the level
+    // exceeds the group's. Prints it at once as bare text until init() has completed, and for good
+    // if init() failed. Otherwise buffers it, or counts it as lost when the buffer is full or
+    // memory is short. After dbg_stop() it still buffers, but nothing is written.
     void Log(int group_index, DbgLevel level, LogPieces pieces) noexcept;
     void Log(int group_index, DbgLevel level, std::string_view text) noexcept
     {
@@ -68,8 +69,8 @@ public:
     void dbg_run();
 
     // One writer pass: whole blocks, or everything when flush_all is set or a tail is old enough.
-    // Passes sync on to the file. Throws what FileObject::fobj_write throws; the block is not tried
-    // again. Throws std::bad_alloc when there is no memory for the block, which stays buffered.
+    // Passes sync on to the file. Throws what FileObject::fobj_write throws, and does not retry the
+    // block. Throws std::bad_alloc when there is no memory for the block, which stays buffered.
     // Writer thread only.
     void dbg_write_file(bool sync, bool flush_all);
 

@@ -1,7 +1,7 @@
 // The two UDP sockets on which the voice software delivers its data: QoS reports (text) on one
 // port, voice records on the next port up.
 //
-// Main thread only. What arrives is handed on as it is; the sender's address is not looked at.
+// Main thread only. Passes datagrams on unchanged and ignores the sender's address.
 // Logs through the group "NET", whose level is log.network.
 #pragma once
 

@@ -1,5 +1,5 @@
-// How statistics lines become JSON: QoSPacket puts each into an object, and the web client joins
-// the objects into an array.
+// The JSON around statistics lines. QoSPacket::build_lines() puts a line into an object,
+// WebClient::WC_Write() joins the objects, and HttpHanle::take_lines() makes an array of them.
 #pragma once
 
 #include <string_view>

@@ -22,13 +22,12 @@ public:
     QoSPacket(const QoSPacket&) = delete;
     QoSPacket& operator=(const QoSPacket&) = delete;
 
-    // Fills the fields from the text. Only its first 1023 characters are read as keys and values;
-    // of what follows, no more than whether there is anything but one line feed, which is warned
-    // of. A key that the limit cuts off, without its '=', is not looked up.
+    // Fills the fields from the first 1023 characters of the text. Warns when anything but a
+    // single line feed follows. Ignores a key that the limit cuts off before its '='.
     void extract_keys(const char* text);
 
-    // 0 to 24 for a known key, 25 for any other. The case matters. A public name: it stays without
-    // a caller in the daemon.
+    // 0 to 24 for a known key, 25 for any other. Case-sensitive. A public name, which stays
+    // although the daemon does not call it.
     int key_to_index(const char* key) const;
 
     // True for an end-of-session summary, near or far end.
@@ -42,9 +41,9 @@ public:
     // allocation. Called by the constructor.
     int fmt_log_string();
 
-    // The fixed-column statistics line and the JSON line around it, both without a line end; the
-    // empty text when there is none. Valid while the packet lives. The JSON line carries the
-    // statistics line unescaped.
+    // The fixed-column statistics line and the JSON object around it, both without a line end;
+    // empty when there is none. Valid while the packet exists. The statistics line is not escaped
+    // in the JSON object.
     const char* log_string() const { return _log_string != nullptr ? _log_string : ""; }
     const char* http_log_string() const
     {

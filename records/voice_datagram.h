@@ -1,9 +1,9 @@
-// Walks the voice records of one datagram.
+// Iterates over the voice records of one datagram.
 //
 // Records lie end to end with no padding and no count. Each starts with a 4-byte big-endian
 // payload length L and takes L + 24 bytes: a 24-byte header, which begins with the length, and L
 // bytes of payload. The lengths come from the network, so each is checked against the bytes that
-// were really received before anything is read.
+// received before anything is read.
 //
 // Main thread only; looks at the caller's bytes, owns nothing.
 #pragma once
@@ -14,12 +14,12 @@ class VoiceDatagram {
 public:
     VoiceDatagram(const char* data, std::size_t size) : _data(data), _size(size) {}
 
-    // The next record that lies wholly inside the datagram, with its length (24 bytes or more);
-    // null at the end and at a record that runs past it.
+    // The next record, with its length (24 bytes or more). Null at the end, and when the record
+    // extends beyond the datagram.
     const char* next_record(int& length);
 
-    // Where the walk stands, and what it has not handed out. Bytes that are left after the last
-    // record belong to a broken one.
+    // The end of the last record returned, and the number of bytes after it. Bytes left when
+    // next_record() returns null belong to a malformed record.
     std::size_t offset() const { return _offset; }
     std::size_t bytes_left() const { return _size - _offset; }
 

@@ -1,5 +1,4 @@
-// One libcurl easy handle, configured once to POST JSON, with the state that tells whether a
-// worker is using it.
+// One libcurl easy handle, configured once to POST JSON, and whether a worker is using it.
 //
 // A pool of these serves the workers of WebClient, which owns them. The easy handle is used by
 // one worker at a time; the state may be read and set by all. Logs through the group given.
@@ -41,8 +40,9 @@ public:
     void take_lines(std::string& lines);
     const std::string& request_body() const { return body; }
 
-    // Hands the body to libcurl. A failure is logged and may cut off the body, or add to it what is
-    // left of a longer one before. Returns the number of bytes that will be posted.
+    // Passes the body to libcurl. After a failure, which is logged, the post may be a part of the
+    // body, or end with the rest of an earlier, longer body. Returns the number of bytes that will
+    // be posted.
     std::size_t set_body();
 
     // The easy handle: for performing the transfer, by the worker that made it busy. Null when

@@ -1,6 +1,6 @@
 // One worker thread of the web client.
 //
-// Started and stopped by the main thread; an object that was never started is stopped at once.
+// Started and stopped by the main thread. Stopping a thread that was not started does nothing.
 #pragma once
 
 #include <pthread.h>
@@ -15,8 +15,8 @@ public:
     // Creates the thread. Returns 0, or the error number when it could not be created.
     int t_start(void* (*entry)(void*), void* argument, const char* name);
 
-    // Joins the thread if it is active, and tells it nothing: WebClient::wc_stop() has raised the
-    // flag that ends it.
+    // Joins the thread if it is active. Does not tell it to exit: WebClient::wc_stop() has set the
+    // flag for that.
     void t_stop();
 
 private:

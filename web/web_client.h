@@ -1,12 +1,12 @@
-// HTTP reporting: delivers the JSON lines of the reports, in batches, to the server at
+// HTTP reporting: delivers the JSON objects of the reports, in batches, to the server at
 // elastic_url.
 //
 // The main thread appends lines to one bounded buffer. Five workers "QoS_Web_0" to "QoS_Web_4"
 // look at it every 100 ms; the one that finds a batch due takes the whole buffer and posts it as
 // a JSON array through an idle handle. A batch that fails is lost, and so are the lines that are
 // still buffered at the stop. Nothing is retried here, but libcurl sends a request once more when
-// the server closes a reused connection without an answer: a batch may arrive twice, and the log
-// says that it was sent once. There are no time-outs but libcurl's own.
+// the server closes a reused connection without an answer: a batch may arrive twice, but the log
+// reports one transmission. The only time-outs are libcurl's.
 // Logs through the group "HTTP", whose level is log.http.
 #pragma once
 
@@ -44,7 +44,7 @@ public:
     // is short. Never throws. Main thread.
     int WC_Write(QoSPacket* packet);
 
-    // Ends the workers and waits for the transfers under way. May be called again. Main thread.
+    // Stops the workers, after their current transfers. May be called again. Main thread.
     void wc_stop();
 
     // Thread entry; the argument is the WebClient. Returns null.
