@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Sends two builds of the daemon the same datagrams and compares their files.
+"""Sends the same datagrams to two builds of the daemon and compares their files.
 
     compare_builds.py DIRECTORY PROGRAM PROGRAM
 
-The datagrams are every kind of report, in 2023 and past 2038, and voice. Fails when a byte differs, or when a file is
-empty.
+The datagrams are reports of every type, with times in 2023 and after 2038, and voice records. The exit status is 1 if
+a byte differs or if the first build leaves a file empty.
 """
 import sys
 from pathlib import Path
@@ -32,5 +32,5 @@ def files_of(directory, program):
 place, *programs = sys.argv[1:]
 first, second = (files_of(Path(place) / f"files {number}", program) for number, program in enumerate(programs))
 for name, ours, theirs in zip(FILES, first, second):
-    print(f"{name}: {len(ours)} bytes,", "the same" if ours == theirs else f"but {len(theirs)} others there")
+    print(f"{name}: {len(ours)} bytes,", "identical" if ours == theirs else f"different from the other's {len(theirs)}")
 sys.exit(first != second or not all(first))

@@ -1,7 +1,6 @@
-"""The daemon on loopback and a web server for its posts, for Python programs: tests, benchmarks, trials.
+"""Runs the daemon on loopback, with a web server for its posts; for tests, benchmarks and trial runs.
 
-It lies beside the commands because all of these share it, and none of them should need another. Each puts this
-directory on its path. It needs nothing but Python.
+Tests, benchmarks and commands share this module, so it needs only Python. Each of them adds this directory to its path.
 """
 import itertools
 import json
@@ -19,12 +18,12 @@ from pathlib import Path
 BUILD = Path(os.environ.get("VOXSTAT_BUILD", Path(__file__).resolve().parents[1] / "build/debug"))
 VOXSTAT = BUILD / "voxstat"
 
-# Below the range that the kernel gives to clients. No process gets a port twice, though it may open it late.
+# Below the ephemeral ports. A process never gets the same port twice, because it may open a port late.
 _PORTS = itertools.cycle(random.sample(range(10000, 32000, 2), 11000))
 
 
 def free_port():
-    """A port that nobody has now, nor the one above it, for datagrams and for connections."""
+    """Returns a port that is free, for UDP and TCP, together with the next one."""
     for port in _PORTS:
         try:
             for kind in (socket.SOCK_STREAM, socket.SOCK_DGRAM):
@@ -37,21 +36,21 @@ def free_port():
 
 
 def wait_for(condition, seconds=30, what=""):
-    """Returns what the condition gives as soon as it is true; raises TimeoutError after that many seconds."""
+    """Returns the value of the condition as soon as it is true. Raises TimeoutError after this many seconds."""
     deadline = time.monotonic() + seconds
     while not (result := condition()):
         if time.monotonic() > deadline:
-            raise TimeoutError(f"waited {seconds} s in vain: {what}")
+            raise TimeoutError(f"timeout after {seconds} s: {what}")
         time.sleep(0.01)
     return result
 
 
 class Recorder(ThreadingHTTPServer):
-    """A web server that notes every request. Its answers can be changed at any time."""
+    """A web server that records every request. Its answers can be changed at any time."""
 
     daemon_threads, block_on_close = True, False
     status = 200
-    closing = False     # ends the connection without an answer
+    closing = False     # closes connections without an answer
 
     class Handler(BaseHTTPRequestHandler):
         protocol_version = "HTTP/1.1"
@@ -75,7 +74,7 @@ class Recorder(ThreadingHTTPServer):
         super().__init__(("127.0.0.1", 0), self.Handler)
         self.url = f"http://127.0.0.1:{self.server_port}/qos"
         self.requests = []              # (path, headers, body)
-        self.speaks = threading.Event()     # cleared, it takes requests and is silent
+        self.speaks = threading.Event()     # while it is cleared, requests get no answer
         self.speaks.set()
         threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
 
@@ -83,7 +82,7 @@ class Recorder(ThreadingHTTPServer):
         pass
 
     def lines(self):
-        """Each statistics line posted, with a line feed as in the files."""
+        """All statistics lines that were posted, each with a line feed as in the files."""
         return [item["message"] + "\n" for _, _, body in list(self.requests) for item in json.loads(body)]
 
     def close(self):
@@ -96,10 +95,10 @@ STAMP = re.compile(r"^[A-Z][a-z]{2}-\d\d \d\d:\d\d:\d\d\.\d{3} {2,3}(\[[A-Z]+\])
 
 
 class Daemon:
-    """One run of the daemon. Its statistics stand in directory/stat, its output in directory/out.
+    """One run of the daemon, with its statistics in directory/stat and its output in directory/out.
 
-    A setting's "__" stands for the point of its key: log__default=2. None leaves a setting out. The words of launch,
-    such as ["env", "TZ=UTC"], come before the program.
+    Settings are keyword arguments with "__" for the point in a key: log__default=2. None leaves a key out. launch is a
+    command that runs the program, such as ["env", "TZ=UTC"].
     """
 
     def __init__(self, directory, launch=(), program=None, serial=None, port=None, **settings):
@@ -112,7 +111,7 @@ class Daemon:
         (directory / "voxstat.cfg").write_text("".join(
             f"{key.replace('__', '.')} = {value}\n" for key, value in settings.items() if value is not None))
         with open(directory / "out", "wb") as out, open(directory / "err", "wb") as err:
-            # A test that is killed takes its daemon with it.
+            # If a test is killed, its daemon is killed too.
             self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *launch, program or VOXSTAT],
                                             cwd=directory, stdin=subprocess.DEVNULL, stdout=out, stderr=err)
 
@@ -120,52 +119,52 @@ class Daemon:
 
     @classmethod
     def ready(cls, directory, **options):
-        """One whose main loop reads; on other ports when somebody has taken these meanwhile."""
+        """Returns a daemon whose main loop reads. Uses other ports if another program has taken these."""
         for _ in range(20):
             daemon = cls(directory, **options)
             if daemon.wait_ready():
                 return daemon
             if "unable to bind" not in daemon.output():
                 break
-        raise RuntimeError("the daemon does not start:\n" + daemon.output())
+        raise RuntimeError("the daemon did not start:\n" + daemon.output())
 
     def sockets(self):
-        """(bytes waiting, datagrams dropped) of its report and its voice socket; fewer before both are open."""
+        """(bytes waiting, datagrams dropped) of the report and the voice socket; fewer items until both are open."""
         process = Path(f"/proc/{self.process.pid}")
         try:
             held = {os.readlink(fd) for fd in process.glob("fd/*")}
             rows = [row.split() for row in (process / "net/udp").read_text().splitlines()[1:]]
-        except OSError:     # it has just ended, or closed one of its files
+        except OSError:     # it has just exited, or closed one of its files
             return []
         return [(int(row[4].split(":")[1], 16), int(row[12])) for port in (self.port, self.port + 1) for row in rows
                 if row[1].endswith(f":{port:04X}") and f"socket:[{row[9]}]" in held]
 
     def drained(self):
-        """True when the daemon has done with every datagram that was sent to it, and its main loop waits."""
+        """True if the daemon has processed every datagram that was sent to it and its main loop waits."""
         state = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/stat").read_text().rpartition(") ")[2][0]
         return state == "S" and [waiting for waiting, _ in self.sockets()] == [0, 0]
 
     def wait_ready(self):
-        """Waits until the main loop reads. False when the daemon has ended instead."""
+        """Waits until the main loop reads. Returns False if the daemon has exited instead."""
         wait_for(lambda: len(self.sockets()) == 2 or self.process.poll() is not None, 60, "for its ports")
         if self.process.poll() is not None:
             return False
-        self.send_voice(b"")        # leaves no trace but in the queue
+        self.send_voice(b"")        # visible only in the queue
         wait_for(self.drained, 60, "for the main loop")
         return True
 
     def stop(self, number=signal.SIGTERM):
-        """Ends it as its users do, all datagrams read. It must follow, with status 0 and nothing on stderr."""
+        """Waits until all datagrams are read, and stops the daemon. It must exit with status 0 and an empty stderr."""
         wait_for(self.drained, 30, "for the last datagram to be read")
         self.process.send_signal(number)
         try:
             self.process.wait(10)
         except subprocess.TimeoutExpired:
-            self.process.send_signal(number)    # the first one came between the look at the flag and the wait
+            self.process.send_signal(number)    # the first one arrived between the check of the flag and the wait
         self.wait()
 
     def wait(self, seconds=60):
-        """Waits for an end that needs no signal, with the same demands."""
+        """Waits until it exits without a signal, with status 0 and an empty stderr."""
         assert self.process.wait(seconds) == 0, self.output()
         assert (self.directory / "err").read_text() == ""
 
@@ -173,7 +172,7 @@ class Daemon:
         self.process.kill()
         self.process.wait()
 
-    # What it is sent.
+    # Sending to the daemon.
 
     def send_to(self, port, data):
         with socket.socket(type=socket.SOCK_DGRAM) as sender:
@@ -184,17 +183,17 @@ class Daemon:
             self.send_to(self.port, text)
 
     def send_voice(self, *records):
-        """One datagram of these records."""
+        """Sends these records in one datagram."""
         self.send_to(self.port + 1, b"".join(records))
 
-    # What it shows.
+    # Reading its output and files.
 
     def output(self):
         return (self.directory / "out").read_text(errors="replace")
 
     def log(self):
-        """The log as "[INFO] text", without empty lines and the wait that a stop interrupts or not. DIR, QOS and VOICE
-        stand for the directory and the ports. Text without a stamp goes on with the message before it."""
+        """The log as a list of "[INFO] text", without empty lines and the message about an interrupted select().
+        DIR, QOS and VOICE replace the directory and the ports. Text without a time belongs to the message before it."""
         text = self.output()
         for value, name in ((self.directory, "DIR"), (self.port, "QOS"), (self.port + 1, "VOICE")):
             text = re.sub(rf"(?<!\d){value}(?!\d)", name, text)
@@ -202,11 +201,11 @@ class Daemon:
         return [entry.strip("\n") for entry in entries if entry and "NetReceiver select() failed" not in entry]
 
     def logged(self, entry, seconds=30):
-        """Waits until this text stands in the log."""
+        """Waits until the log contains this text."""
         wait_for(lambda: entry in "\n".join(self.log()), seconds, f"for {entry!r}")
 
     def read(self, name):
-        """A file of its statistics directory; empty when it is not there."""
+        """The contents of a file in the statistics directory; empty if it does not exist."""
         path = self.stat / name
         return path.read_bytes() if path.exists() else b""
 

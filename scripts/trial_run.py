@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Runs the built daemon on simulated traffic beside a web server, shows all that comes out, and counts it.
+"""Runs the daemon on simulated traffic, with a web server for its posts; shows and counts what arrives.
 
-Everything lies below build/run (build/run.2 ... while another run is under way), which is made anew each time.
+The files are in build/run, which each run empties first; while another run uses it, in build/run.2 to build/run.5.
 """
 import fcntl
 import os
@@ -24,7 +24,7 @@ def title(text):
 
 
 def take_directory():
-    """An empty directory that no other run uses, and the lock on it."""
+    """Returns an empty directory that no other run uses, and the lock on it."""
     for suffix in ("", ".2", ".3", ".4", ".5"):
         place = ROOT / f"build/run{suffix}"
         try:
@@ -35,11 +35,11 @@ def take_directory():
         shutil.rmtree(place, ignore_errors=True)
         place.mkdir()
         return place, lock
-    sys.exit("run: no directory for it: five other runs are under way, or build/ belongs to somebody else")
+    sys.exit("run: no free directory below build/: five other runs are in progress, or you cannot write to it")
 
 
 def simulate(port):
-    """Shows what the simulator says, and returns it."""
+    """Runs the simulator; prints its output and returns it."""
     text = ""
     with subprocess.Popen([TOOLS / "voxstat-sim", "--port", str(port)], stdout=subprocess.PIPE, text=True) as simulator:
         for row in simulator.stdout:
@@ -49,7 +49,7 @@ def simulate(port):
 
 
 def show_batches(requests):
-    """Each with its first and its last line."""
+    """Prints each batch with its first and last line."""
     for path, headers, body in requests:
         first, *lines, last = body.splitlines()
         print("POST", path, headers["Content-Type"])
@@ -59,32 +59,32 @@ def show_batches(requests):
 
 def show_head(text):
     lines = text.splitlines()
-    print(*lines[:8], f"... {len(lines)} lines in all", sep="\n")
+    print(*lines[:8], f"... {len(lines)} lines in total", sep="\n")
 
 
 def decode(dump, *options):
-    """What tshark, told that UDP may carry RTP, says of the dump."""
+    """Returns what tshark prints about the dump when it looks for RTP in UDP."""
     end = subprocess.run(["tshark", "-r", dump, "--enable-heuristic", "rtp_udp", *options],
                          capture_output=True, text=True)
     if end.returncode != 0:
         sys.exit(f"run: tshark cannot read the dump: {end.stderr}")
-    return end.stdout       # without its warning of root, which reading one's own file does not deserve
+    return end.stdout       # without the warning about running as root
 
 
 def compare(sent, *found):
-    """found: what, the simulator's word for it, and how many arrived."""
+    """Compares counts. Each item of found is a title, the simulator's word for it, and the number that arrived."""
     whole = True
     for what, word, count in found:
         number = int(re.search(rf"(\d+) {word}", sent)[1])
         print(f"{what:40} {number:6} sent, {count:6} found")
         whole = whole and number == count
     if not whole:
-        sys.exit("run: not everything arrived")
+        sys.exit("run: data was lost")
 
 
 def main():
     place, lock = take_directory()
-    title("Starting a web server and the daemon, with this configuration")
+    title("Starting a web server and the daemon with this configuration")
     web = Recorder()
     daemon = Daemon.ready(place, serial="40731", elastic_url=web.url, log__default=2, log__network=2, log__http=2)
     dump = daemon.stat / "RTP_Streams_No_Voice.pcap"
@@ -93,36 +93,36 @@ def main():
     title("Sending the traffic of a telephony unit: six calls, one of them bad for a while")
     sent = simulate(daemon.port)
 
-    title("What was posted: session reports in batches, as JSON arrays")
+    title("Posts: batches of session reports, as JSON arrays")
     reports = int(re.search(r"(\d+) session reports", sent)[1])
-    # The last lines go when more than five seconds have passed since the batch before.
+    # The daemon posts the last lines more than five seconds after the previous batch.
     wait_for(lambda: len(web.lines()) >= reports, 20, "for the session reports to be posted")
     show_batches(web.requests)
 
     title("Stopping the daemon")
     daemon.stop()
-    print("SIGTERM ended it with exit status 0.")
+    print("It exited with status 0 after SIGTERM.")
     statistics, summaries = daemon.text(), daemon.text("QoS_Stat_Sessions_Summary.txt")
     compare(sent, ("session reports, statistics file", "session reports", statistics.count("_end ")),
             ("session reports, web server", "session reports", len(web.lines())),
             ("session summaries, summary file", "session summaries", summaries.count("_end ")),
-            ("voice records, pcap dump", "voice records", decode(dump).count("\n")))
+            ("voice records, dump", "voice records", decode(dump).count("\n")))
 
-    title("The statistics file: a line for each session report")
+    title("The statistics file: one line per session report")
     show_head(statistics)
     title("The session-summary file: one line per session summary")
     show_head(summaries)
-    title("The pcap dump: RTP streams without voice, as tshark decodes them")
+    title("The dump: RTP streams without voice, decoded by tshark")
     print(decode(dump, "-c", "4"), decode(dump, "-q", "-z", "rtp,streams"), sep="", end="")
-    title("The diagnostic log")
+    title("The log")
     print(re.sub("\n+", "\n", daemon.output()), end="")
 
-    title("The same as pictures")
+    title("Pictures of both files")
     for name, picture in (("QoS_Stat_Sessions_Summary.txt", "summary.png"), ("QoS_Stat.txt", "calls.png")):
         subprocess.run([TOOLS / "voxstat-plot", daemon.stat / name, "-o", place / picture], check=True)
 
 
-signal.signal(signal.SIGINT, signal.SIG_DFL)    # ends quietly; the daemon ends with its parent
+signal.signal(signal.SIGINT, signal.SIG_DFL)    # exits without a traceback; the daemon exits with its parent
 try:
     main()
 except (RuntimeError, TimeoutError) as failure:
