@@ -1,4 +1,4 @@
-// The lines of a configuration file, and what the daemon makes of each.
+// Checks the lines of a configuration file as the daemon parses them.
 #pragma once
 
 #include <cstddef>
@@ -12,11 +12,11 @@ class Findings;
 
 class ConfigLines {
 public:
-    // Reads the file, and finds lines that are ignored, keys that are unknown or given twice,
-    // values that a '#' cuts, and what a foreign editor leaves behind.
+    // Reads the file. Reports lines that are ignored, unknown and duplicate keys, values that a '#'
+    // truncates, and byte order marks and carriage returns.
     ConfigLines(const std::string& path, Findings& findings);
 
-    // The known keys of the file, each with the line that counts, which is its last.
+    // The known keys in the file, each with the line that the daemon uses: the last one.
     const std::map<std::string, std::size_t>& keys() const { return _keys; }
 
 private:
@@ -27,9 +27,9 @@ private:
 
     std::string _path;
     Findings& _findings;
-    KeyValueParser _parser;  // the daemon's own takes the lines apart
+    KeyValueParser _parser;  // the daemon's own
     std::map<std::string, std::size_t> _keys;
-    std::size_t _number = 0;        // of the line that is looked at
+    std::size_t _number = 0;        // of the current line
     std::size_t _first_return = 0;  // the first line that ends in a carriage return
-    bool _text_has_return = false;  // one is part of a text
+    bool _text_has_return = false;  // part of a text value
 };

@@ -1,4 +1,4 @@
-// Judges the directories and files that the daemon writes, and the free space for them.
+// Checks the directories and files that the daemon writes, and the free space for them.
 #pragma once
 
 class DaemonUser;

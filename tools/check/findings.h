@@ -1,4 +1,4 @@
-// What there is to mend: collected by the checks, printed in the order of the file's lines.
+// Collects the findings of the checks and prints them in the order of the file's lines.
 #pragma once
 
 #include <array>
@@ -19,11 +19,11 @@ public:
         const char* severity() const;  // "note", "warning" or "error"
     };
 
-    // The file that the findings are about, as it is to be named in front of each.
+    // The name of the checked file; each finding starts with it.
     explicit Findings(std::string file);
 
     // A finding says what is wrong and what to do; its parts are joined as a stream prints them.
-    // Line 0: about no line of the file, for example about a key that it does not have.
+    // Line 0 means that it is not about a line of the file, for example about a missing key.
     template <typename... Parts>
     void error(std::size_t line, const Parts&... parts)
     {
@@ -40,23 +40,24 @@ public:
         add(NOTE, line, joined(parts...));
     }
 
-    // Prints what was added since the last time, a line each: FILE:LINE: error: TEXT.
-    // On a terminal the kind stands in colour.
+    // Prints the findings added since the last call, one per line: FILE:LINE: error: TEXT.
+    // On a terminal the severity is coloured.
     void print();
 
-    // 0 when there was nothing but notes so far, 1 with warnings, 2 with errors.
+    // 0 if there are only notes so far, 1 if there are warnings, 2 if there are errors.
     int status() const { return static_cast<int>(_worst); }
 
-    // "no problems found", or how many errors and warnings there were.
+    // "no problems found", or the number of errors and warnings.
     std::string summary() const;
 
     std::size_t errors() const { return _count[ERROR]; }
     std::size_t warnings() const { return _count[WARNING]; }
 
-    // The first of the worst that was not printed so far, and how many more there are.
+    // The first of the most severe findings that are not printed yet, and how many others there
+    // are.
     std::string headline() const;
 
-    // What was not printed so far.
+    // The findings that are not printed yet.
     const std::vector<Finding>& pending() const { return _pending; }
 
 private:

@@ -7,7 +7,7 @@
 
 class LossLog;
 
-// Adds the lines that this process has logged since then (seconds since the epoch), and those of
-// journald about lines of it that were suppressed. False when the caller may not read the journal,
-// or there is none.
+// Adds the lines that this process has logged since a time (seconds since the epoch), and
+// journald's messages about suppressed lines of it. Returns false if the caller cannot read the
+// journal or there is none.
 bool add_journal(pid_t process, time_t since, LossLog& log);

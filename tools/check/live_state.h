@@ -1,4 +1,4 @@
-// What is known of the running daemon: gathered once, then printed in one of the formats.
+// The state of the running daemon: gathered once, then printed in one of the formats.
 #pragma once
 
 #include <sys/types.h>
@@ -20,12 +20,12 @@ struct LiveState {
         const char* what;
         unsigned port;
         unsigned long waiting;  // bytes, as the kernel counts them
-        unsigned long dropped;  // datagrams, as far as they count
+        unsigned long dropped;  // datagrams, those that count
     };
     struct File {
         std::string name;  // without its directory
         std::optional<std::uintmax_t>
-            size;  // bytes; nothing without the file, or the right to look
+            size;  // bytes; nothing if the file does not exist or cannot be seen
         std::size_t archives;
         unsigned max_archives;
         std::optional<time_t> last_line;
@@ -36,17 +36,17 @@ struct LiveState {
     };
 
     bool is_up = false;
-    pid_t process = 0;   // this and what follows, up to the queues: only of a running daemon
-    time_t started = 0;  // seconds since the epoch, as all times here
+    pid_t process = 0;   // this and the members down to the queues: only for a running daemon
+    time_t started = 0;  // seconds since the epoch, like all times here
     std::vector<Queue> queues;
     std::vector<File> files;
     std::vector<Directory> directories;
     bool log_is_read = false;
-    std::vector<LossLog::Kind> losses;  // empty unless the log is read
+    std::vector<LossLog::Kind> losses;  // empty if the log could not be read
 
-    // Bytes that a queue takes.
+    // The limit of a queue, in bytes.
     static unsigned long queue_limit();
 
-    // Gathers it. Every loss is a finding; so is a daemon that does not run.
+    // Gathers the state. Reports every loss, and a daemon that is not running, as findings.
     static LiveState gather(const Settings& settings, const Options& options, Findings& findings);
 };

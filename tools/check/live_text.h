@@ -1,4 +1,4 @@
-// The running daemon on one screen: its receive queues and its files.
+// Prints the receive queues and the files of the running daemon on one screen.
 #pragma once
 
 struct LiveState;

@@ -1,4 +1,4 @@
-// What the daemon's log says of losses, added up by kind.
+// The losses in the daemon's log, summed by kind.
 #pragma once
 
 #include <ctime>
@@ -8,16 +8,16 @@
 class LossLog {
 public:
     struct Kind {
-        const char* what;  // as the metrics name it
-        const char* lost;  // to be read before the count
+        const char* what;  // the value of the metric's label
+        const char* lost;  // text before the count
         const char* remedy;
         unsigned long count;
     };
 
-    // Lines that were logged earlier (seconds since the epoch) do not count.
+    // Lines logged before this time (seconds since the epoch) do not count.
     explicit LossLog(time_t since);
 
-    // Adds the lines of this file. False when it cannot be read.
+    // Adds the lines of this file. Returns false if it cannot be read.
     bool add_file(const std::string& path);
 
     void add_line(const std::string& line);
@@ -29,6 +29,6 @@ private:
 
     time_t _since;
     bool _is_due = true;          // the last line with a time was logged since then
-    unsigned long _unsummed = 0;  // overflows of the posts that no message has added up yet
+    unsigned long _unsummed = 0;  // overflows of the posts that no total contains yet
     std::vector<Kind> _kinds;
 };

@@ -1,4 +1,4 @@
-// The state of the running daemon as numbers with names, for the formats that programs read.
+// The state of the running daemon as named numbers, for the formats that programs read.
 #pragma once
 
 #include <cstdint>
@@ -12,11 +12,11 @@ struct LiveState;
 struct Metric {
     const char* name;  // ends in the unit, or in "_total" for a counter
     const char* help;
-    const char* label;  // what tells the samples apart; null for a single one
-    std::vector<std::pair<std::string, std::uint64_t>> samples;  // the label's value, the number
+    const char* label;  // distinguishes the samples; null if there is only one
+    std::vector<std::pair<std::string, std::uint64_t>> samples;  // value of the label, number
 
     bool is_counter() const { return std::string(name).ends_with("_total"); }
 };
 
-// Without a running daemon, or without its log, the metrics of these have no samples.
+// If the daemon is not running or its log cannot be read, the metrics about them have no samples.
 std::vector<Metric> metrics_of(const LiveState& state, const Findings& findings);

@@ -1,7 +1,7 @@
 // The file system as a running process sees it.
 //
-// The packaged service sees most of the machine read-only, some of it not at all, and a /tmp of its
-// own. While a MountView lives, this process sees the same.
+// The packaged service sees most of the machine read-only, some of it not at all, and a private
+// /tmp. While a MountView exists, this process sees the same.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,7 @@
 
 class MountView {
 public:
-    // Does nothing without a process, or without the right to enter its name space.
+    // Does nothing without a process, or without the permission to enter its namespace.
     explicit MountView(const std::optional<Process>& process);
     ~MountView();
     MountView(const MountView&) = delete;
@@ -19,7 +19,7 @@ public:
     bool entered() const { return _entered; }
 
 private:
-    int _own = -1;        // this process's name space
+    int _own = -1;        // this process's namespace
     int _directory = -1;  // and its working directory there
     bool _entered = false;
 };

@@ -1,4 +1,4 @@
-// One line with performance data, as Nagios and its kin take it from their plugins.
+// Prints one line with performance data, like a plugin of Nagios or a compatible system.
 #pragma once
 
 #include <string>

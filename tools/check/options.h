@@ -13,9 +13,9 @@ struct Options {
     bool live = false;
     Format format = Format::TEXT;
     std::optional<long> since;         // seconds; without it, losses since the start count
-    std::optional<std::string> state;  // file that remembers what the queues have dropped
+    std::optional<std::string> state;  // file that records what the queues have dropped
 
-    // What the command line asks for. Prints --help or --version and exits with 0; a mistake is
-    // reported on standard error. It exits with 2 then, or with 3 after --nagios.
+    // Parses the command line. --help and --version print their text and exit with 0. A mistake is
+    // printed to standard error, and the program exits with 2, or with 3 after --nagios.
     static Options read(int argc, char** argv);
 };

@@ -14,16 +14,16 @@ struct OutputFile {
     std::string extension;
     unsigned max_size;  // bytes
     unsigned max_archives;
-    std::size_t line;  // of the configuration, where its directory comes from
+    std::size_t line;  // of the configuration that sets its directory
 
     std::string path() const { return directory + name + extension; }
 
-    // The archives that are there now, as paths.
+    // The paths of the existing archives.
     std::vector<std::string> archives() const;
 
-    // Bytes that the file and its archives may still take, until the oldest archive goes.
+    // Bytes by which the file and its archives may still grow before the oldest archive is deleted.
     std::uint64_t growth() const;
 };
 
-// The files that the daemon writes with these settings; the log last, if it has one.
+// The files that the daemon writes with these settings. The log, if it is a file, comes last.
 std::vector<OutputFile> output_files(const Settings& settings);

@@ -1,4 +1,4 @@
-// Judges whether the daemon's user may open both ports now.
+// Checks whether the daemon's user can open both ports now.
 #pragma once
 
 class DaemonUser;

@@ -12,7 +12,7 @@ class Process {
 public:
     explicit Process(pid_t id) : _id(id) {}
 
-    // Those that this process may see.
+    // The processes that this process may see.
     static std::vector<Process> all();
 
     pid_t id() const { return _id; }
@@ -22,14 +22,14 @@ public:
     uid_t user() const;
     time_t started() const;  // seconds since the epoch
 
-    // What its descriptors lead to: paths, and texts like "socket:[4711]". Empty without the right
-    // to look.
+    // The targets of its descriptors: paths, and texts like "socket:[4711]". Empty without
+    // permission.
     std::vector<std::string> open_files() const;
 
-    // Its environment, as NAME=VALUE; empty without the right to look.
+    // Its environment, as NAME=VALUE; empty without permission.
     std::vector<std::string> environment() const;
 
-    // What it has as standard output; empty without the right to look.
+    // The target of its standard output; empty without permission.
     std::string standard_output() const;
 
 private:

@@ -1,4 +1,4 @@
-// The metrics as the textfile collector of Prometheus' node exporter reads them.
+// Prints the metrics for the textfile collector of Prometheus' node exporter.
 #pragma once
 
 #include <vector>

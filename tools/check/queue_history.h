@@ -1,5 +1,5 @@
-// Remembers from run to run when a receive queue has dropped datagrams, which the kernel does not
-// tell: it only counts since the daemon's start.
+// Records, from run to run, when a receive queue dropped datagrams. The kernel only keeps a total
+// since the start of the daemon.
 #pragma once
 
 #include <ctime>
@@ -7,8 +7,8 @@
 
 struct UdpSocket;
 
-// How many of the datagrams that this daemon's socket has dropped count: those that no run with
-// this file had seen by that time (seconds since the epoch). Adds the present count to the file,
-// and removes what no later run needs. Throws std::runtime_error when the file cannot be written.
+// Returns how many datagrams this daemon's socket has dropped since a time (seconds since the
+// epoch), as far as earlier runs with this file show. Adds the current total to the file and
+// removes what later runs do not need. Throws std::runtime_error if the file cannot be written.
 unsigned long dropped_since(time_t since, const std::string& path, pid_t daemon,
                             const UdpSocket& socket);

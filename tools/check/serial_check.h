@@ -1,4 +1,4 @@
-// Judges the file with the unit's serial number.
+// Checks the file with the unit's serial number.
 #pragma once
 
 #include <string>
@@ -8,6 +8,6 @@ class Findings;
 class Settings;
 struct Service;
 
-// Returns the serial number as the daemon puts it into reports; empty without one.
+// Returns the serial number that the daemon adds to reports; empty if there is none.
 std::string check_serial_number(const Settings& settings, const DaemonUser& user,
                                 const Service& service, Findings& findings);

@@ -11,7 +11,7 @@ class Settings;
 
 struct Service {
     ServiceUnit unit;
-    std::optional<Process> daemon;  // on the port of the reports, or else the unit's
+    std::optional<Process> daemon;  // the one on the report port, or else the one of the unit
 
     static Service find(const Settings& settings, const DaemonUser& user);
 };

@@ -1,4 +1,4 @@
-// What systemd allows the packaged service, with all drop-ins.
+// What systemd allows the packaged service, including all drop-ins.
 #pragma once
 
 #include <initializer_list>
@@ -11,19 +11,19 @@
 
 class ServiceUnit {
 public:
-    // Asks systemctl. Where there is none, or no unit that runs the daemon as this user, nothing is
-    // restricted.
+    // Asks systemctl. If there is no systemctl, or no unit that runs the daemon as this user, there
+    // are no restrictions.
     explicit ServiceUnit(const std::string& user);
 
     enum class Access { WRITABLE, READ_ONLY, HIDDEN };
 
-    // What the service would be able to do below an absolute path, whatever owner and mode are.
+    // How the service can access an absolute path, regardless of owner and mode.
     Access access(const std::string& path) const;
 
     // Whether systemd creates this directory and resets its owner and mode at each start.
     bool is_state_directory(const std::string& path) const;
 
-    // Whether its /tmp and /var/tmp are its own.
+    // Whether its /tmp and /var/tmp are private.
     bool has_private_tmp() const;
 
     // Whether the service may open ports below 1024.
@@ -31,7 +31,7 @@ public:
 
     bool is_installed() const { return !_properties.empty(); }
 
-    // Its daemon, while it runs.
+    // Its daemon, if it is running.
     std::optional<Process> main_process() const;
 
     // Its environment, as NAME=VALUE.
@@ -42,5 +42,5 @@ private:
     std::vector<std::string> words(const std::string& property) const;
     std::vector<std::string> state_directories() const;
 
-    std::map<std::string, std::string> _properties;  // of the unit; empty without one
+    std::map<std::string, std::string> _properties;  // of the unit; empty if there is none
 };

@@ -1,4 +1,4 @@
-// The settings as the daemon reads them, each with the line of the file that it comes from.
+// The settings as the daemon reads them, each with its line in the file.
 #pragma once
 
 #include <cstddef>
@@ -12,18 +12,19 @@ class Findings;
 
 class Settings {
 public:
-    // Loads the file with the daemon's own reader, and looks at its lines for what the daemon
-    // passes over without a word: lines that it ignores, misspelt keys, values that are cut.
-    // Throws std::invalid_argument when the file cannot be opened.
+    // Loads the file with the daemon's own parser, and reports what the daemon accepts without a
+    // message: ignored lines, misspelt keys, truncated values. Throws std::invalid_argument if the
+    // file cannot be opened.
     Settings(const std::string& path, Findings& findings);
 
-    // The value that the daemon works with.
+    // The value that the daemon uses.
     int number(const keys::Key& key) const { return key.number_in(_file); }
 
-    // The same for a text, but without the carriage return at its end, which is found once.
+    // The same for a text, but without the carriage return at its end, which is reported
+    // separately.
     std::string text(const keys::Key& key) const;
 
-    // The line that counts for the key; 0 when the file does not have it.
+    // The line with the value that the daemon uses; 0 if the file does not contain the key.
     std::size_t line(const keys::Key& key) const;
     bool is_set(const keys::Key& key) const { return line(key) != 0; }
 

@@ -1,5 +1,5 @@
-// One post to elastic_url, as the service makes it: with its environment, and a batch as large as
-// those of a busy unit, of service reports.
+// One post to elastic_url, like those of the service: with its environment, and with a batch of
+// service reports as large as the batches of a busy unit.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@ class Findings;
 class Settings;
 struct Service;
 
-// Posts the reports with this serial number and finds what came of it. Waits up to 30 seconds for
-// the answer; the daemon would wait longer.
+// Posts the reports with this serial number and adds the result to the findings. Waits up to 30
+// seconds for the answer; the daemon waits indefinitely.
 void post_once(const Settings& settings, const std::string& serial_number, const Service& service,
                Findings& findings);

@@ -12,12 +12,13 @@ struct UdpSocket {
     unsigned long inode;
     uid_t user;
     unsigned long waiting;  // bytes in the receive queue, as the kernel counts them
-    unsigned long dropped;  // datagrams that found the queue full, since the socket was made
+    unsigned long
+        dropped;  // datagrams dropped because the queue was full, since the socket was opened
 
-    // The socket that holds this local port; nothing when it is free.
+    // The socket that is bound to this local port; nothing if the port is free.
     static std::optional<UdpSocket> at(unsigned port);
 
-    // The process that has it open. Without the right to look into other users' processes: the
-    // daemon, when one runs as the socket's user. Nothing when neither tells.
+    // The process that has it open. Without permission to see the descriptors of other users'
+    // processes: a daemon that runs as the socket's user, if there is one.
     std::optional<Process> owner() const;
 };

@@ -1,5 +1,5 @@
-// Judges elastic_url as far as that can be done without the network. The path of the configuration
-// tells who can read credentials in the URL.
+// Checks elastic_url without using the network. The path of the configuration shows who can read
+// credentials in the URL.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-// Judges the numbers, names and paths of the settings: what is no number, what lies out of range,
-// and what each really does in the daemon.
+// Checks the numbers, names and paths of the settings: texts in place of numbers, numbers out of
+// range, and what they do in the daemon.
 #pragma once
 
 class Findings;

@@ -1,4 +1,4 @@
-// Texts to numbers.
+// Parses numbers.
 #pragma once
 
 #include <charconv>
@@ -6,8 +6,7 @@
 #include <string_view>
 #include <system_error>
 
-// Stores the number if the whole text is one and lies in the range, which infinity and NaN never
-// do.
+// Stores the number if the whole text is a number in the range. Infinity and NaN are never in it.
 template <typename Number>
 bool to_number(std::string_view text, Number& number,
                Number least = std::numeric_limits<Number>::lowest(),

@@ -1,5 +1,5 @@
-// One line on the terminal that shows how far a run is, once it has taken a second. Nothing at all
-// if standard error is not a terminal.
+// Shows the progress of a run in one line on the terminal, if the run takes more than a second.
+// Prints nothing if standard error is not a terminal.
 #pragma once
 
 #include <chrono>
@@ -12,11 +12,11 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    // Whether it is time for the next show(); asks the clock.
+    // Whether it is time for the next show().
     bool is_due() const;
     void show(const std::string& text);
 
-    // Takes the line away, so that a message can be printed.
+    // Erases the line, so that a message can be printed.
     void erase();
 
 private:

@@ -7,5 +7,5 @@
 #include "tools/plot/calls.h"
 #include "tools/plot/caption.h"
 
-// A heading, a line for each call, the worst one first, and a line that says how many are bad.
+// A heading, one line per call, the worst first, and a line with the number of bad calls.
 std::string call_table(const std::vector<Call>& calls, const Caption& caption);

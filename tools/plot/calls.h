@@ -9,13 +9,13 @@
 
 #include "tools/plot/quality.h"
 
-// A session report, as small as can be: a picture holds millions.
+// A session report, kept small because a picture may contain millions.
 struct Sample {
     double time_s;
     float loss_percent, jitter, round_trip, rating;
 };
 
-// An end-of-session report.
+// A session summary.
 struct Stream {
     bool near_end;
     double begin_s, end_s;

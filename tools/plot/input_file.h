@@ -1,4 +1,4 @@
-// A file that is read line by line, once, and pipes too.
+// A file or pipe that is read once, line by line.
 #pragma once
 
 #include <cstdint>
@@ -10,24 +10,24 @@
 
 class InputFile {
 public:
-    // "-" is standard input. Throws std::runtime_error, with name and reason, as all here do.
+    // "-" is standard input. Throws std::runtime_error with name and reason, like all members.
     explicit InputFile(const std::string& name);
 
     const std::string& name() const { return _name; }
 
-    // The next line, without its line feed, until the next call. False at the end of the file. Of a
-    // line beyond a MiB, which is not the daemon's, each MiB is a line.
+    // Sets the next line, without its line feed; it is valid until the next call. Returns false at
+    // the end of the file. A line longer than 1 MiB, which the daemon never writes, is split.
     bool next(std::string_view& line);
 
-    // Whether the line that next() gave last has no line feed.
+    // Whether the last line of next() has no line feed.
     bool is_cut_off() const { return _cut_off; }
 
-    // The last bytes of the file, of which nothing may have been read yet. A pipe is copied into a
-    // temporary file for that.
+    // The last bytes of the file. Call it before the first next(). Copies a pipe to a temporary
+    // file.
     std::string tail();
 
     std::uint64_t bytes_read() const { return _bytes_read; }
-    std::uint64_t size() const { return _size; }  // 0 if it is not known
+    std::uint64_t size() const { return _size; }  // 0 if unknown
 
 private:
     struct Closer {
@@ -41,10 +41,10 @@ private:
     std::string _name;
     File _file;
     std::vector<char> _buffer;
-    std::size_t _begin = 0, _end = 0;  // of what is in the buffer and was not given yet
+    std::size_t _begin = 0, _end = 0;  // the unread part of the buffer
     bool _cut_off = false;
     std::uint64_t _bytes_read = 0, _size = 0;
 };
 
-// Leaves an empty file of that name.
+// Creates the file, or empties it.
 void create_file(const std::string& name);

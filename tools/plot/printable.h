@@ -5,12 +5,12 @@
 #include <string>
 #include <string_view>
 
-// The text, with an escape like "\x1b" or "\u202e" in place of each byte that is not UTF-8 and each
-// character that does not take up a column of its own, such as control characters.
+// Replaces each byte that is not UTF-8, and each character without width, such as a control
+// character, by an escape like "\x1b" or "\u202e".
 std::string printable(std::string_view text);
 
-// How many columns of a terminal a printable text takes up.
+// The width of a printable text on a terminal.
 std::size_t columns_of(std::string_view text);
 
-// Blanks and then the text, so that it takes up this many columns at least.
+// Adds blanks before the text to make it at least this wide.
 std::string right_aligned(std::string_view text, std::size_t columns);

@@ -1,10 +1,10 @@
-// The worst figures of something, and how bad they are.
+// The worst figures of a call or stream, and how bad they are.
 #pragma once
 
 #include "tools/plot/speech_quality.h"
 #include "tools/plot/statistics_line.h"
 
-// From these values on, a figure is bad.
+// A figure at or above its threshold is bad.
 struct Thresholds {
     double loss_percent = 1, jitter = 30, round_trip = 300;
 };
@@ -15,6 +15,6 @@ struct Quality {
 
     void take(const Figures& figures, double a_rating);
 
-    // The figure that is the worst by its threshold, as a part of it: 1 and more is bad.
+    // The highest ratio of a figure to its threshold: 1 or more is bad.
     double severity(const Thresholds& thresholds) const;
 };

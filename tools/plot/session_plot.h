@@ -1,5 +1,5 @@
-// Draws statistics files: loss, jitter, round-trip time and, where it can be told, speech quality
-// over time, a line for each direction of each call.
+// Draws statistics files: loss, jitter, round-trip time and, if the unit is known, speech quality
+// over time, with one line per stream.
 #pragma once
 
 #include <string>
@@ -13,12 +13,12 @@ class SessionPlot {
 public:
     static constexpr int WIDTH = 1200;
 
-    // The calls, one at least and the worst one first, and the caption must outlive the object.
+    // At least one call, the worst first. The calls and the caption must outlive the object.
     SessionPlot(const std::vector<Call>& calls, const Caption& caption);
 
     int height() const;  // in pixels
 
-    // The gnuplot commands behind those that choose the terminal.
+    // The gnuplot commands that follow the choice of the terminal.
     std::string gnuplot_script() const;
 
 private:

@@ -1,4 +1,4 @@
-// The lines of one statistics or session-summary file, and the ones that could not be read.
+// The lines of a statistics or session-summary file, including those that cannot be read.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@
 #include "tools/plot/input_file.h"
 #include "tools/plot/statistics_line.h"
 
-// Lines one after the other that cannot be read for the same reason; counted from 1.
+// Consecutive lines that cannot be read for the same reason; the first line is 1.
 struct UnreadLines {
     std::size_t first, last;
     const char* reason;
@@ -18,15 +18,16 @@ class StatisticsFile {
 public:
     using Tell = std::function<void(const UnreadLines&)>;
 
-    // Column headers, wherever they are, are skipped. The first header or, without one, the first
-    // line that can be read decides which kind of file it is. The daemon may still be writing the
-    // last line: without its line feed it counts as unread. The input must outlive the object.
+    // Skips column headers anywhere in the file. The first header, or the first readable line if
+    // there is no header, determines the kind of the file. A last line without line feed counts as
+    // unread, because the daemon may still be writing it. The input must outlive the object.
     StatisticsFile(InputFile& input, Tell tell_unread);
 
-    // The next line that can be read; its texts last until the next call. False after the last one.
+    // Sets the next readable line; its texts are valid until the next call. Returns false at the
+    // end.
     bool next(StatisticsLine& line);
 
-    // Nothing as long as there was neither a header nor a line that can be read.
+    // Nothing before the first header or readable line.
     std::optional<StatisticsKind> kind() const { return _kind; }
 
 private:
@@ -38,5 +39,5 @@ private:
     Tell _tell_unread;
     std::size_t _number = 0;  // of the line
     std::optional<StatisticsKind> _kind;
-    std::optional<UnreadLines> _unread;  // not told yet
+    std::optional<UnreadLines> _unread;  // not reported yet
 };

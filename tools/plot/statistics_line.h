@@ -1,4 +1,4 @@
-// One line of a statistics file (session reports) or session-summary file (end-of-session reports).
+// One line of a statistics file (session reports) or session-summary file (session summaries).
 #pragma once
 
 #include <optional>
@@ -15,22 +15,23 @@ struct Figures {
 struct StatisticsLine {
     StatisticsKind kind = StatisticsKind::SESSION;
     double time_s = 0;       // of the report, since the epoch
-    double begin_s = 0;      // of the packets that it is about; a session line does not tell
-    double end_s = 0;        // it, so both are the time of the report there
-    long zone_offset_s = 0;  // of the zone that the line is written in
-    bool near_end = false;   // of the stream: a session line says so, a summary the opposite
+    double begin_s = 0;      // of the packets; a session line does not contain it
+    double end_s = 0;        // so there both are the time of the report
+    long zone_offset_s = 0;  // of the time zone of the line
+    bool near_end = false;   // of the stream; a summary line contains the opposite word
     Figures figures;
 
-    // Parts of the text that was parsed. The call is GCID and TID as they stand there.
+    // Parts of the parsed text. The call is GCID and TID as in the line.
     std::string_view call, gcid, tid, far_end;
 
-    // False when the report had no time stamp: then it is of 1970.
+    // False if the report had no time stamp: the daemon then writes 1970.
     bool is_dated() const;
 
-    // Reads a line without its line end. The first five columns have fixed places; behind them any
-    // number may push the rest to the right. Nothing when the line cannot be read, with the reason.
+    // Parses a line without its line feed. The first five columns have fixed positions; after them,
+    // a wide number moves the rest to the right. If the line cannot be read, returns nothing and
+    // sets the reason.
     static std::optional<StatisticsLine> parse(std::string_view text, const char*& reason);
 };
 
-// The kind of file whose column header the line is; nothing when it is none.
+// The kind of file with this column header; nothing if the line is not a header.
 std::optional<StatisticsKind> kind_of_header(std::string_view line);

@@ -1,5 +1,5 @@
-// Draws session-summary files: each end-of-session report as a bar from its first packet to its
-// last one, coloured by its loss, the figures beside it.
+// Draws session-summary files: each session summary as a bar from the first to the last packet,
+// coloured by its loss, with the figures beside it.
 #pragma once
 
 #include <string>
@@ -13,14 +13,14 @@ class SummaryPlot {
 public:
     static constexpr int WIDTH = 1200;
 
-    // The calls, one at least and the worst one first, and the caption must outlive the object. So
-    // many calls are shown as fit.
+    // At least one call, the worst first. The calls and the caption must outlive the object. Shows
+    // as many calls as fit.
     SummaryPlot(const std::vector<Call>& calls, const Caption& caption);
 
-    // In pixels, 1,600 at most; grows with the number of bars.
+    // In pixels, at most 1600; grows with the number of bars.
     int height() const;
 
-    // The gnuplot commands behind those that choose the terminal.
+    // The gnuplot commands that follow the choice of the terminal.
     std::string gnuplot_script() const;
 
 private:

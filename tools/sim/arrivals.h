@@ -1,4 +1,4 @@
-// When the packets of a stream arrive whose receiver measures a given loss and jitter.
+// The arrival times of packets that give the receiver a certain loss and jitter.
 #pragma once
 
 #include <chrono>
@@ -11,8 +11,8 @@ struct Arrival {
     std::chrono::microseconds time;  // since the first packet was sent
 };
 
-// In the order of arrival. The first and the last packet always arrive, in these places: without
-// them nobody could tell how many were sent. The jitter is the mean of what RFC 3550 computes at
-// each packet. The same seed gives the same arrivals.
+// In the order of arrival. The first and the last packet always arrive first and last, so that the
+// receiver can tell how many were sent. The jitter is the mean of the values that RFC 3550 defines
+// for each packet. The same seed gives the same arrivals.
 std::vector<Arrival> arrivals_with(std::size_t packets, std::size_t lost, double jitter_ms,
                                    std::chrono::microseconds packet_time, std::uint32_t seed);

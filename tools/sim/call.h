@@ -1,4 +1,4 @@
-// One simulated call: two media streams, from its begin to its end.
+// One simulated call with its two streams, from start to end.
 //
 // Neither copied nor moved: its streams point to its identity.
 #pragma once
@@ -13,10 +13,10 @@
 
 // The times are simulated.
 struct CallPlan {
-    unsigned number;  // from 0, tells the calls apart
+    unsigned number;  // from 0; identifies the call
     SimTime begin, end;
-    SimTime interval;                  // between the reports of a direction
-    std::optional<SimTime> silent_at;  // the reported interval around it is without voice
+    SimTime interval;                  // between the reports on a stream
+    std::optional<SimTime> silent_at;  // the report interval around it carries no voice
     Trouble trouble;                   // of the near end; the far end has half of it
 };
 
@@ -30,8 +30,8 @@ public:
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
 
-    // The reports that have become due. Of an interval without voice the streams have records then.
-    // The wall time is that of the run's start.
+    // Returns the reports that are due, and creates the voice records of an interval without voice.
+    // start is the wall time of the start of the run.
     Reports due_reports(SimTime now, WallTime start);
 
     std::array<MediaStream, 2>& streams() { return _streams; }

@@ -1,5 +1,5 @@
-// How the quality of one direction of a call changes over time: it wavers about its own mean, and a
-// troubled one gets bad for a while, slowly, and recovers.
+// How the quality of a stream changes over time: it varies slowly around its mean; in a bad call it
+// slowly gets worse and recovers.
 #pragma once
 
 #include <random>
@@ -10,7 +10,7 @@ struct QualitySample {
     double round_trip_ms;
 };
 
-// The times are simulated seconds.
+// Times in simulated seconds.
 struct Trouble {
     double begin_s = 0, end_s = 0;
     double severity = 0;  // 0 to 1
@@ -18,7 +18,7 @@ struct Trouble {
 
 class LineQuality {
 public:
-    // Draws its means from the generator, which must outlive it.
+    // Draws its means from the random generator, which must outlive it.
     LineQuality(std::mt19937& random, const Trouble& trouble);
 
     QualitySample at(double seconds);
@@ -30,5 +30,5 @@ private:
     std::mt19937* _random;  // not owned
     Trouble _trouble;
     double _mean_loss_percent, _mean_jitter_ms, _mean_round_trip_ms;
-    double _phase, _period_s;  // of the slow wavering
+    double _phase, _period_s;  // of the slow variation
 };

@@ -9,11 +9,11 @@
 
 class LoadGenerator {
 public:
-    // Throws std::system_error when there is no socket to be had.
+    // Throws std::system_error if no socket can be opened.
     explicit LoadGenerator(const SimOptions& options);
 
-    // Sends everything and prints what was sent as key=value words, also when a signal stops it.
-    // True when all was sent.
+    // Sends everything and prints what it has sent as key=value words, even if a signal stops it.
+    // Returns true if everything was sent.
     bool run();
 
 private:
@@ -25,6 +25,6 @@ private:
 
     SimOptions _options;
     UdpSender _sender;
-    std::string _sound;     // what every voice record carries behind its number
+    std::string _sound;     // the RTP payload: the number, then silence
     std::string _datagram;  // reused for every voice record
 };

@@ -1,4 +1,4 @@
-// One direction of a simulated call: its RTP stream, and the reports about it.
+// One stream of a simulated call, and the reports on it.
 #pragma once
 
 #include <chrono>
@@ -17,7 +17,7 @@ using WallTime = std::chrono::system_clock::time_point;
 
 enum class CallEnd { NEAR, FAR };
 
-// What both directions of a call have in common.
+// What both streams of a call have in common.
 struct CallIdentity {
     std::string gcid, tid;
     std::uint32_t far_end_address;  // host order
@@ -28,22 +28,23 @@ class MediaStream {
 public:
     static constexpr std::chrono::milliseconds PACKET_TIME{20};
 
-    // The identity is the call's and must outlive the stream, as must the random generator.
+    // The identity is the call's. It and the random generator must outlive the stream.
     MediaStream(const CallIdentity& call, CallEnd end, const Trouble& trouble,
                 std::mt19937& random);
 
-    // Measures the interval that ends now, and reports it. The wall time is that of the run's
-    // start.
+    // Measures the interval that ends now, and returns the report on it. start is the wall time of
+    // the start of the run.
     std::string session_report(SimTime now, SimTime interval, WallTime start);
 
-    // Sums up what the session reports said of the time from begin to end.
+    // Summarises the session reports on the time from begin to end.
     std::string end_of_session_report(SimTime begin, SimTime end, WallTime start) const;
 
-    // Makes voice records of the packets of the interval that the last session report was of. They
-    // show the loss and the jitter that it stated.
+    // Creates the voice records of the interval of the last session report. They have the loss and
+    // the jitter of that report.
     void record_packets(SimTime now, SimTime interval, WallTime start);
 
-    // The next of these records that were not taken yet, so many at most; empty if there are none.
+    // Removes up to this many of these records and returns them as a datagram; empty if none are
+    // left.
     std::string next_voice_datagram(std::size_t records);
 
     std::size_t records_left() const { return _records.size(); }
@@ -65,8 +66,8 @@ private:
     std::uint32_t _ssrc;
     std::uint16_t _sequence;
     std::uint32_t _timestamp;
-    std::deque<VoiceRecord> _records;  // not taken yet
-    long _lost = 0, _last_lost = 0;    // the latter in the last report
+    std::deque<VoiceRecord> _records;  // not sent yet
+    long _lost = 0, _last_lost = 0;    // in total, and in the last report
     long _last_jitter_ms = 0;
     Figure _jitter, _round_trip;
 };

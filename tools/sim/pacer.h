@@ -1,10 +1,10 @@
-// Waits for points of time counted from its construction.
+// Waits until given times after its construction.
 //
-// The deadlines are absolute, so that lateness does not add up: after a delay the next waits return
-// at once until the schedule is caught up.
+// The deadlines are absolute, so delays do not add up: after a delay, the next waits return
+// immediately until the schedule is met again.
 //
-// As long as there is a pacer, and afterwards, SIGINT and SIGTERM only end the waiting, so that the
-// run can say what it has done.
+// From the first pacer on, SIGINT and SIGTERM only interrupt the waiting, so that the run can print
+// what it has done.
 #pragma once
 
 #include <chrono>
@@ -14,7 +14,7 @@ class Pacer {
 public:
     Pacer();
 
-    // False at once when a signal asks the program to stop; once for each signal.
+    // Returns false immediately if a signal asks the program to stop; once per signal.
     bool wait_until(std::chrono::nanoseconds since_start) const;
     double seconds_passed() const;
 

@@ -1,4 +1,4 @@
-// Telephony mode: plays a unit with several calls, faster than real time, up to about now.
+// Simulates a unit with several calls, faster than real time, up to the current time.
 #pragma once
 
 #include <cstdint>
@@ -12,17 +12,18 @@
 
 class TelephonyUnit {
 public:
-    // Plans the calls. Throws std::system_error when there is no socket to be had.
+    // Plans the calls. Throws std::system_error if no socket can be opened.
     explicit TelephonyUnit(const SimOptions& options);
 
-    // Plays them and prints what was sent, also when a signal stops it. True when all was sent.
+    // Simulates them and prints what it has sent, even if a signal stops it. Returns true if
+    // everything was sent.
     bool run();
 
 private:
     void plan_calls();
     CallPlan plan_call(unsigned number);
     bool is_bad(unsigned number) const;
-    SimTime play();  // returns how far it came
+    SimTime play();  // returns the simulated time
     bool has_records_left();
     void send_reports(Call& call, SimTime now);
     void send_records(Call& call);
@@ -32,7 +33,7 @@ private:
     SimTime _duration;
     WallTime _start;  // of the simulated time
     std::mt19937 _random;
-    std::deque<Call> _calls;  // which cannot be moved
+    std::deque<Call> _calls;  // a Call cannot be moved
     UdpSender _report_sender, _voice_sender;
     std::uint64_t _session_reports = 0, _end_of_session_reports = 0, _voice_records = 0;
 };

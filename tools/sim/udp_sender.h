@@ -1,7 +1,7 @@
-// Sends datagrams to one port of this machine and counts what became of them.
+// Sends datagrams to a port of this machine and counts the results.
 //
-// The socket is connected, so that a port where nobody listens is noticed (a later datagram is
-// refused). What the receiver's queue has no room for the kernel drops silently: it counts as sent.
+// The socket is connected, so a later datagram is refused if no program listens on the port. A
+// datagram that the kernel drops because the receive queue is full counts as sent.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +10,8 @@
 struct SendCounts {
     std::uint64_t datagrams = 0;  // handed to the kernel
     std::uint64_t bytes = 0;      // of these
-    std::uint64_t refused = 0;    // nobody listened (ECONNREFUSED)
-    std::uint64_t no_buffer = 0;  // no room to send from (ENOBUFS, EAGAIN)
+    std::uint64_t refused = 0;    // no program listened (ECONNREFUSED)
+    std::uint64_t no_buffer = 0;  // no send buffer (ENOBUFS, EAGAIN)
     std::uint64_t failed = 0;     // any other error
 
     std::uint64_t lost() const { return refused + no_buffer + failed; }
@@ -20,7 +20,7 @@ struct SendCounts {
 
 class UdpSender {
 public:
-    // Throws std::system_error when there is no socket to be had.
+    // Throws std::system_error if no socket can be opened.
     explicit UdpSender(std::uint16_t port);
     ~UdpSender();
     UdpSender(const UdpSender&) = delete;
