@@ -202,7 +202,7 @@ timeval QoSPacket::time_of(std::size_t seconds_index, std::size_t microseconds_i
 
 void QoSPacket::build_lines()
 {
-    if (fmt_log_string() < 0) {
+    if (fmt_log_string() < 0) {  // also for an unknown event: alerts match this text
         DBG->Log(DBG_ERROR, "Failed to allocate _log_string event for QoS packet...");
         return;
     }
