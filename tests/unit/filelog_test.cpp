@@ -73,6 +73,8 @@ TEST(FileLogger, WritesWholeBlocksAndOldTails)
             write_step(idle.logger, row.file, force);
             return idle.size(row.file) - before;
         };
+        faults.arm("open", 1, EMFILE);
+        EXPECT_THROW(written(200, 0), std::runtime_error);  // lost, and does not hold up the next
         faults.arm("fsync", 0, 0);
         EXPECT_EQ(HEADERS[row.file] + 200, written(200, 0));
         EXPECT_EQ(0U, written(200, row.timeout));

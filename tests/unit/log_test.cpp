@@ -98,6 +98,8 @@ TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
         DBG->dbg_write_file(false, false);
         return file.text().size();
     };
+    faults.arm("open", 1, EMFILE);
+    EXPECT_THROW(size(100, 0), std::runtime_error);  // lost, and does not hold up the next
     faults.arm("fsync", 0, 0);
     EXPECT_EQ(300U, size(300, 0));
     EXPECT_EQ(300U + 2048, size(2500, 0));

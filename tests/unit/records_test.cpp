@@ -76,4 +76,8 @@ TEST(Report, EveryRule)
         EXPECT_THAT(packet.log_string(), testing::Not(HasSubstr("xy"))) << row.what;
         EXPECT_EQ(row.logged, log.take()) << row.what;
     }
+    const QoSPacket packet("", "");
+    EXPECT_EQ(0, packet.key_to_index("QOS_EV_TYPE"));
+    EXPECT_EQ(24, packet.key_to_index("QOS_EV_LAST_PACKET_USEC"));
+    EXPECT_EQ(25, packet.key_to_index("QOS_EV_TYPE "));
 }

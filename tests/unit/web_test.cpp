@@ -147,6 +147,8 @@ TEST(WebClient, KeepsTheBatchWhenNoHandleIsIdle)
     faults.arm("curl_easy_init", 1, 1, true);
     IdleClient client(config_of("log.http=2\nelastic_url=http://127.0.0.1:1/"));
     EXPECT_EQ(200, client.write(200));
+    QoSPacket summary("QOS_EV_TYPE=QOS_EOS_NEAREND", "");
+    EXPECT_EQ(0, client.WC_Write(&summary));
     client.wc_perform();
     EXPECT_EQ(" [INFO] Skipping http transmission - no available idle curl handles!\n", log.take());
     EXPECT_EQ(202, client.write(200));
