@@ -1,27 +1,17 @@
 #include "tools/check/journal.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <string>
 
+#include "tools/check/command.h"
 #include "tools/check/loss_log.h"
 
 namespace {
 
-// Returns how many lines journalctl printed; 0 when it failed.
-std::size_t read_journal(const std::string& filter, const std::function<void(std::string)>& use)
+std::size_t read_journal(const std::string& filter,
+                         const std::function<void(const std::string&)>& use)
 {
-    const std::string command = "journalctl --quiet --no-pager --output=cat " + filter + " 2>&-";
-    std::FILE* const output = popen(command.c_str(), "r");  // NOLINT(cert-env33-c): no foreign text
-    if (output == nullptr)
-        return 0;
-    char* line = nullptr;
-    std::size_t room = 0, lines = 0;
-    for (ssize_t length = 0; (length = getline(&line, &room, output)) > 0; lines++)
-        use({line, static_cast<std::size_t>(length - 1)});  // without the line feed
-    std::free(line);
-    return pclose(output) == 0 ? lines : 0;
+    return read_command("journalctl --quiet --no-pager --output=cat " + filter, use);
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 #include "tools/check/service_unit.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <sstream>
 #include <system_error>
+
+#include "tools/check/command.h"
 
 namespace fs = std::filesystem;
 
@@ -15,7 +15,7 @@ namespace {
 constexpr const char* COMMAND =
     "systemctl show voxstat.service -p User -p ReadWritePaths -p ReadOnlyPaths "
     "-p InaccessiblePaths -p ProtectSystem -p ProtectHome -p StateDirectory -p AmbientCapabilities "
-    "-p PrivateTmp -p MainPID -p Environment 2>/dev/null";
+    "-p PrivateTmp -p MainPID -p Environment";
 
 bool is_at_or_below(const std::string& path, std::string place)
 {
@@ -45,14 +45,10 @@ std::string real_path(const std::string& path)
 
 ServiceUnit::ServiceUnit(const std::string& user)
 {
-    const std::unique_ptr<FILE, int (*)(FILE*)> output(popen(COMMAND, "r"), pclose);
-    std::string text;
-    for (int c = 0; output != nullptr && (c = std::fgetc(output.get())) != EOF;)
-        text += static_cast<char>(c);
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
+    read_command(COMMAND, [&](const std::string& line) {
         if (const std::size_t equals = line.find('='); equals != std::string::npos)
             _properties[line.substr(0, equals)] = line.substr(equals + 1);
+    });
     if (_properties["User"] != user)
         _properties.clear();
 }

@@ -1,5 +1,6 @@
 #include "tools/check/value_check.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -52,12 +53,12 @@ constexpr const Consequence* consequence_of(std::string_view name)
 
 consteval bool each_range_has_a_consequence()
 {
-    for (const keys::Key& key : keys::ALL)
-        if (key.is_number() && key.kind != keys::Kind::SWITCH &&
-            (consequence_of(key.name) == nullptr || consequence_of(key.name)->below == nullptr ||
-             (key.max != INT_MAX && consequence_of(key.name)->above == nullptr)))
-            return false;
-    return true;
+    return std::all_of(keys::ALL.begin(), keys::ALL.end(), [](const keys::Key& key) {
+        const Consequence* const row = consequence_of(key.name);
+        return !key.is_number() || key.kind == keys::Kind::SWITCH ||
+               (row != nullptr && row->below != nullptr &&
+                (key.max == INT_MAX || row->above != nullptr));
+    });
 }
 static_assert(each_range_has_a_consequence(), "a new key with a range takes a row above");
 
