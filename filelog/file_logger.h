@@ -26,7 +26,7 @@ class VoicePacket;
 // Any other value counts as QOS_STAT_EOS.
 enum Qos_Stat_Type : int {
     QOS_STAT = 0,      // statistics file: session reports
-    QOS_STAT_EOS = 1,  // session-summary file: end-of-session reports
+    QOS_STAT_EOS = 1,  // session-summary file: session summaries
 };
 
 class FileLogger {

@@ -30,7 +30,7 @@ public:
     // although the daemon does not call it.
     int key_to_index(const char* key) const;
 
-    // True for an end-of-session summary, near or far end.
+    // True for a session summary, near or far end.
     bool is_eos() const;
     // True for a session report, near or far end. Not !is_eos(): an unknown event is neither, and
     // the writers rely on that.

@@ -40,7 +40,7 @@ public:
     WebClient& operator=(const WebClient&) = delete;
 
     // Offers one report for the next batch. Returns the bytes added to the buffer, or 0 when it
-    // is off, the report is an end-of-session summary or has no line, the buffer is full or memory
+    // is off, the report is a session summary or has no line, the buffer is full or memory
     // is short. Never throws. Main thread.
     int WC_Write(QoSPacket* packet);
 

@@ -21,9 +21,9 @@
 #include <ctime>
 #include <utility>
 
-// A wrapper that fails when it is its turn and passes its arguments on otherwise; a watch is told
-// of the arguments that come last. Functions with optional arguments are declared with the one
-// that they may have: it travels the same way.
+// A wrapper that fails when it is its turn, and otherwise passes its arguments on. A watch gets the
+// last arguments. Functions with an optional argument are declared with it: it is passed in the
+// same way.
 #define WATCHED(result, name, parameters, failure, arguments, told, also_told)          \
     extern "C" result __real_##name parameters;                                         \
     extern "C" result __wrap_##name parameters                                          \
@@ -35,11 +35,11 @@
     WATCHED(result, name, parameters, failure, arguments, 0, 0)
 #define MAPPED(path) Faults::self().mapped(path).data()
 
-// With 64-bit offsets and times the C library has other names for some functions.
+// With 64-bit offsets and times, the C library has other names for some functions.
 #define LINKED_AS(name, symbol, result, parameters)                   \
     extern "C" result __real_##name parameters asm("__real_" symbol); \
     extern "C" result __wrap_##name parameters asm("__wrap_" symbol);
-#if __SIZEOF_POINTER__ == 4  // where times would have 32 bits
+#if __SIZEOF_POINTER__ == 4  // times would have 32 bits
 #define TIME64(usual, widened) widened
 #else
 #define TIME64(usual, widened) usual
@@ -115,7 +115,7 @@ int __wrap_bind(int fd, const sockaddr* address, socklen_t size)
 
 int __wrap_asprintf(char** text, const char* format, ...)
 {
-    *text = reinterpret_cast<char*>(1);  // undefined after a failure: using it shall crash
+    *text = reinterpret_cast<char*>(1);  // undefined after a failure: its use must crash
     if (Faults::self().next_call(Faults::id("asprintf")) != 0 || Faults::self().refuses_memory())
         return -1;
     va_list values;
@@ -131,7 +131,7 @@ int __wrap_gettimeofday(timeval* now, void* zone)
     now->tv_sec = moved(now->tv_sec);
     if (Faults::self().clock_stands_at != 0)
         now->tv_usec = 250000;
-    errno = EDOM;  // as any call may: who wants the error of an earlier one has taken it by now
+    errno = EDOM;  // as any call may set it: the caller must have read the earlier error by now
     return result;
 }
 

@@ -2,9 +2,9 @@
 // link-time wrappers (-Wl,--wrap=...). They see the calls that this link's own objects make, those
 // of the test framework included, but not the calls made inside shared libraries.
 //
-// The switches lie in plain memory where zeros mean "nothing special": usable before any
-// initialiser has run. A test sets its own with Faults::self(); voxstat-faulty shares them with
-// the test that started it, through the file that the variable VOXSTAT_FAULTS names.
+// The switches are plain memory in which zero means "off", so they work before any initialiser has
+// run. A test sets its own with Faults::self(); voxstat-faulty shares them with the test that
+// started it through a file, which the environment variable VOXSTAT_FAULTS names.
 #pragma once
 
 #include <array>
@@ -21,11 +21,11 @@ struct Faults {
         "pthread_mutex_init", "asprintf", "curl_global_init", "curl_easy_init",
         "curl_easy_setopt", "curl_easy_perform", "signal", "usleep", "allocation"};
     // clang-format on
-    static constexpr int SHORT_COUNT = -1;  // as the error of write(): half of the bytes go out
+    static constexpr int SHORT_COUNT = -1;  // as an error of write(): writes half of the bytes
 
-    // A test that shares the switches sets these three, in this layout.
+    // A test in another process sets these three, in this layout.
     struct Calls {
-        std::atomic<int> made, first, end, error;  // those from the first to before the end fail
+        std::atomic<int> made, first, end, error;  // the calls from first until before end fail
         bool next_fails();
     };
     std::array<Calls, FUNCTIONS.size()> switches;
@@ -34,34 +34,34 @@ struct Faults {
 
     static Faults& self();
 
-    // The n-th call of the function from now on, 1 being the next, fails with the error: an errno,
-    // for pthread_* the result and for curl_easy_* the CURLcode. Onwards: so do all after it.
+    // Makes the n-th next call of the function fail with the error: an errno, or the result of
+    // pthread_*, or the CURLcode of curl_easy_*. With onwards, all later calls fail too.
     void arm(std::string_view function, int n, int error, bool onwards = false);
-    void disarm();  // all of them
-    // How many since then.
+    void disarm();  // for all functions
+    // Number of calls since then.
     int calls(std::string_view function) const { return switches[id(function)].made; }
 
-    // The same of all allocations, so many in a row. They count from the first wait for input on: a
-    // lack of memory before that may end the daemon.
+    // The same for this many consecutive allocations. Counts from the first wait for input: a lack
+    // of memory before that may make the daemon exit.
     void refuse_memory(int n, int times);
 
-    // In a test's own process only: called before every call of these functions, on its thread,
-    // with the arguments that matter most. While it is set, poll() does not wait.
+    // Only in the process of a test: called before every call of these functions, on its thread,
+    // with the most important arguments. While it is set, poll() does not wait.
     using Watch = std::function<void(std::string_view function, long argument, long second)>;
-    static void set_watch(Watch watch);  // while no other thread runs
+    static void set_watch(Watch watch);  // only while no other thread runs
 
-    // The directory below which the daemon's fixed directories lie; empty: where they really are.
+    // A prefix for the daemon's fixed directories; empty: none.
     void set_root(const std::string& directory);
 
-    // What bind() was asked for, first and second time, and the ports that are free and that it
-    // took instead while any_port is set.
+    // The ports of the first and the second bind(), and the free ports that it used instead while
+    // any_port is set.
     std::array<std::atomic<int>, 2> asked_ports, ports;
     std::atomic<bool> any_port;
-    std::atomic<long> clock_stands_at;  // unless 0, the second at which it stands still
-    std::atomic<bool> skip_pauses;      // usleep() returns at once
+    std::atomic<long> clock_stands_at;  // unless 0, the time at which the clock stands still
+    std::atomic<bool> skip_pauses;      // usleep() returns immediately
 
-    // For the wrappers: the error that this call must fail with, or 0; whether this allocation must
-    // fail; the path to use. They allocate nothing.
+    // For the wrappers: the error with which this call must fail, or 0; whether this allocation
+    // must fail; the path to use. They do not allocate.
     int next_call(std::size_t function, long argument = 0, long second = 0);
     bool refuses_memory();
     std::array<char, 512> mapped(const char* path) const;

@@ -1,4 +1,4 @@
-// Operator new that refuses on demand, and the operators delete that go with it.
+// An operator new that fails on demand, and the matching operators delete.
 #include <cstdlib>
 #include <new>
 

@@ -20,7 +20,7 @@ from loopback import BUILD, STAMP, VOXSTAT, Daemon, Recorder, free_port, wait_fo
 
 SANITIZERS = os.environ.get("VOXSTAT_SANITIZE", "")
 
-# An offset that no machine has by chance, so that local time cannot be taken for universal time.
+# An unusual offset, so that a test notices when local time and UTC are mixed up.
 os.environ["TZ"] = "TST-5:30"
 time.tzset()
 
@@ -31,13 +31,13 @@ def pytest_configure(config):
 
 @pytest.fixture
 def tmp_path():
-    """A directory that is gone after the test, unlike pytest's own."""
+    """A directory that is deleted after the test, unlike pytest's own."""
     with tempfile.TemporaryDirectory(prefix="voxstat.") as name:
         yield Path(name)
 
 
 def expected(name):
-    """A text that a user reads, with capitals in place of what changes from run to run."""
+    """An expected text, with capitals in place of what differs between runs."""
     return (ROOT / "tests/system/data" / name).read_text()
 
 
@@ -69,11 +69,11 @@ SUMMARY = ("%(TIME_STAMP)s %(GCID)9.9s %(TID)11.11s %(TYPE)8s %(FAR_END_IP)15.15
 
 
 def line(event="QOS_NEAREND", **fields):
-    """The statistics line of such a report, with its line feed; SERIAL_NUM stands for the unit's too."""
+    """The statistics line of such a report, with its line feed; SERIAL_NUM also sets that of the unit."""
     form = SUMMARY if event.startswith("QOS_EOS_") else SESSION
     values = {key: fields.get(key, "") if kind == "s" else float(fields.get(key, 0))
               for key, kind in re.findall(r"\((\w+)\)[\d.]*(\w)", form)}
-    values["TYPE"] = "near_end" if event in ("QOS_NEAREND", "QOS_EOS_FAREND") else "far_end"  # a summary names the other
+    values["TYPE"] = "near_end" if event in ("QOS_NEAREND", "QOS_EOS_FAREND") else "far_end"  # opposite in summaries
     values["SERIAL_NUM"] = values["SERIAL_NUM"] or "0"
     for key, look in (("TIME_STAMP", "%Y-%b-%d %H:%M:%S.%%03d %z"), ("FIRST_PACKET", "%H:%M:%S.%%03d"),
                       ("LAST_PACKET", "%H:%M:%S.%%03d")):
@@ -83,20 +83,20 @@ def line(event="QOS_NEAREND", **fields):
 
 
 def batch(lines):
-    """The body that posts these lines."""
+    """The body of a post with these lines."""
     return "[\n" + ",\n".join('{"message": "' + row.rstrip("\n") + '"}' for row in lines) + "\n]"
 
 
 def voice_record(payload=b"", length=None, source=("192.0.2.10", 5004), target=("198.51.100.10", 5006),
                  seconds=1700000000, microseconds=123456):
-    """A voice record as the telephony unit sends it; another length than the payload's on demand."""
+    """A voice record as the voice software sends it; length overrides the length of the payload."""
     length = len(payload) if length is None else length
     addresses = socket.inet_aton(source[0]) + socket.inet_aton(target[0])
     return struct.pack(">I8sHHII", length, addresses, source[1], target[1], seconds, microseconds) + payload
 
 
 def pcap_record(record):
-    """What the dump holds of such a voice record."""
+    """The packet in the dump for such a voice record."""
     length, source, target, ports, seconds, microseconds = struct.unpack(">I4s4s4sII", record[:24])
     length = 2023 if length > 2024 else length
     payload = record[24:24 + length] if length <= 1989 else b""
@@ -117,8 +117,8 @@ def web():
 
 @pytest.fixture
 def start(tmp_path):
-    """start(log__default=2, ...) runs a daemon and returns it when its main loop reads. Several may run at once,
-    each in a directory of its own unless directory=... says where an earlier one has been."""
+    """start(log__default=2, ...) runs a daemon and returns it when its main loop reads. Several can run at the
+    same time, each in its own directory, unless directory=... names that of an earlier one."""
     daemons = []
 
     def run(directory=None, **options):

@@ -1,4 +1,4 @@
-"""What voxstat-check finds, from mistakes typed by hand to losses of a running daemon."""
+"""What voxstat-check finds in configurations, directories, ports and units, and posts."""
 import grp
 import os
 import pwd
@@ -22,8 +22,8 @@ def sysctl(name):
 
 
 def check(config, *options, user=USER, first=""):
-    """The status, and what is printed without the path of the file. DIR is its directory, USER the user, WHY what
-    libcurl says of a URL. Commands to run first see the same mounts, which end with the check."""
+    """The exit status, and the output without the path of the file. DIR is its directory, USER the user, WHY libcurl's
+    message about a URL. The commands in first run in the mount namespace of the check."""
     inside = ["unshare", "--mount", "sh", "-c", f'{first}; exec "$@"', "sh"] if first else []
     run = subprocess.run([*inside, BUILD / "tools/check/voxstat-check", "-f", config, "--user", user, *options],
                          capture_output=True, text=True, timeout=60, cwd=config.parent)
@@ -36,7 +36,7 @@ def check(config, *options, user=USER, first=""):
 
 @pytest.fixture
 def write(tmp_path):
-    """write(line, ...) makes a configuration that the daemon's user can run with, but for these lines."""
+    """write(line, ...) writes a configuration that is valid for the daemon's user, except for these lines."""
     (tmp_path / "stat").mkdir()
     (tmp_path / "sn").write_text("serial: ABC12\n")
     for path in (tmp_path, tmp_path / "stat", tmp_path / "sn"):
@@ -57,7 +57,7 @@ COMMAND = re.compile(r"[;:] ((?:chmod|chown|chgrp|install|mkdir|sed) .*?)(?:, or
 
 @pytest.mark.parametrize("case", CASES, ids=[case.splitlines()[0] for case in CASES])
 def test_findings(write, case):
-    """Each is as expected, and gone when the command that it names has been run."""
+    """Each finding is as expected, and disappears after its command has been run."""
     rows, findings, place, mounts = case.splitlines(), [], "", ""
     config = write(*(row if row[0] == "#" else row.replace(r"\r", "\r").replace(r"\ufeff", "\ufeff") for row in rows))
     for number, row in enumerate(rows, 1):
@@ -72,7 +72,7 @@ def test_findings(write, case):
     if mounts and SELF != "root":
         pytest.skip("mounts need root")
     status, (*found, summary) = check(config, first=mounts)
-    assert [row for row in found if "/var/log/current/" not in row] == findings     # few machines have it
+    assert [row for row in found if "/var/log/current/" not in row] == findings     # missing on most machines
     text = "\n".join(found)
     assert status == (2 if "error: " in text else 1 if "warning: " in text else 0)
     assert (summary == "no problems found") == (status == 0)
@@ -106,7 +106,7 @@ def test_what_keeps_the_daemon_from_starting(write):
 
 STRICT = "ProtectSystem=strict\nReadWritePaths=-/var/log/current "
 DENIED = "error: the unit does not let the service {} DIR/stat/; systemctl edit voxstat, [Service] ReadWritePaths=DIR/stat/, and restart it"
-UNITS = [   # what is odd, the unit's properties, commands before, lines of the configuration, what is found
+UNITS = [   # case, properties of the unit, commands to run first, lines of the configuration, findings
     ("not allowed", STRICT, "", ["qos_stat_dir = DIR/stat"], [DENIED.format("write to")]),
     ("allowed", STRICT + "DIR/stat", "", ["qos_stat_dir = DIR/stat"], []),
     ("allowed above, by another drop-in", STRICT + "/x DIR", "", ["qos_stat_dir = DIR/stat"], []),
@@ -121,8 +121,8 @@ UNITS = [   # what is odd, the unit's properties, commands before, lines of the 
         "error: /home/ cannot be written by the user USER: Permission denied; chown USER /home/ && chmod 750 /home/ if only "
         "the daemon uses it, otherwise name another directory"]),
     ("relative", STRICT, "", ["qos_stat_dir = stat"], [
-        "warning: qos_stat_dir = stat depends on the directory in which the daemon starts; write a path that starts with "
-        "'/'"]),
+        "warning: qos_stat_dir = stat depends on the directory in which the daemon starts; write a path that starts "
+        "with '/'"]),
     ("hidden", "InaccessiblePaths=-DIR/stat", "", ["qos_stat_dir = DIR/stat"], [DENIED.format("see")]),
     ("hidden serial number", "InaccessiblePaths=DIR/own", "mkdir -m 777 own; cp sn own", ["sn_file_path = DIR/own/sn"], [
         "warning: DIR/own/sn cannot be read by the user USER: Permission denied, so reports without a serial number of "
@@ -137,7 +137,7 @@ UNITS = [   # what is odd, the unit's properties, commands before, lines of the 
 
 @pytest.fixture
 def unit(tmp_path, monkeypatch):
-    """unit(properties): what systemctl tells of the service from then on."""
+    """unit(properties) sets what systemctl prints about the service."""
     def tell(properties):
         (tmp_path / "bin").mkdir(exist_ok=True)
         (tmp_path / "bin/systemctl").write_text(f"#!/bin/sh\ncat <<END\nUser={USER}\n{properties}\nEND\n")
@@ -156,7 +156,7 @@ def test_unit(write, unit, _, properties, commands, lines, findings):
 
 @pytest.mark.skipif(SELF != "root", reason="mounts need root")
 def test_view_of_the_daemon(start, unit):
-    """What the running daemon sees counts, not what this process sees; two daemons in one directory are found."""
+    """The check uses the mounts of the running daemon, not its own, and finds two daemons in one directory."""
     daemon = start(serial="ABC12", launch=["unshare", "--mount", "bash", "-c", 'mkdir -p stat; mount --bind stat stat; '
                                            'mount -o remount,bind,ro stat; exec "$@"', "bash"])
     config = daemon.directory / "voxstat.cfg"
@@ -193,7 +193,7 @@ def test_post_has_the_environment_of_the_service(write, unit, web, monkeypatch):
 
 @pytest.mark.parametrize("row", expected("answers.txt").splitlines())
 def test_post(write, web, row):
-    """What the server answers, the status of the check, and what is found."""
+    """Each row: status of the answer, exit status of the check, finding."""
     answer, status, finding = row.split(" ", 2)
     web.closing, web.status = answer == "none", int(answer) if answer != "none" else 0
     result, printed = check(write(f"elastic_url = {web.url}"), "--post")

@@ -1,4 +1,4 @@
-"""What the documents say of the sources: each key, with its default and range; each message; files that are there."""
+"""The documents agree with the sources: keys with default and range, messages, names of files."""
 import re
 import shutil
 import subprocess
@@ -10,19 +10,19 @@ from conftest import BUILD, ROOT
 ROOMS = "app config log files net records filelog web"
 FOLDERS = r"bench|docs|fleet|fuzz|packaging|scripts|tests|tools|\.ci"
 STRING = r'"(?:\\.|[^"\\])*"'
-SAID = rf"(?:\bLog(?:Str)?\(\s*DBG_([A-Z]+),[^;\"]*)?({STRING})"    # the first text of a message has its level before it
-NO_MESSAGE = "%|content-type"       # formats, column headers, a header of HTTP
+SAID = rf"(?:\bLog(?:Str)?\(\s*DBG_([A-Z]+),[^;\"]*)?({STRING})"    # the level precedes the first text of a message
+NO_MESSAGE = "%|content-type"       # formats, column headers, an HTTP header
 
 
 def test_manual_explains_every_message():
-    """As an entry of the message's level that has each of its texts; options and signals have one entry together."""
+    """Each text of a message is in an entry of its level; options share one entry, and so do signals."""
     page = (ROOT / "packaging/voxstat.8").read_text().replace(r"\&", "")
     entries = [row[4:] for row in page.splitlines() if row.startswith(".It ")]
     paths = [path for room in ROOMS.split() for path in (ROOT / room).glob("*.*") if path.name != "keys.h"]
     texts = []
     for path in paths:
         code = re.sub(r"//.*|#include.*|R\"\(.*?\)\"|(?:sizeof|throw) \".*?\"", "", path.read_text())
-        for level, literal in re.findall(SAID, re.sub(r'"\s*\n\s*"', "", code)):     # it may go on in the next line
+        for level, literal in re.findall(SAID, re.sub(r'"\s*\n\s*"', "", code)):     # a string may continue in the next line
             text = re.sub(r"\bSIG[A-Z]+", "SIGNAL", re.sub("CURLOPT_[A-Z]+", "OPTION", literal[1:-1]))
             texts.append((level, text.replace(r"\n", " ").strip()))
     texts = [(level, text) for level, text in texts
@@ -62,7 +62,7 @@ DOCUMENTS = {
 
 @pytest.mark.parametrize("document", DOCUMENTS)
 def test_document_has_each_key(document):
-    """As voxstat-check shows the one table of them."""
+    """Compared with the output of voxstat-check --help, which comes from the table of keys."""
     text = subprocess.run([BUILD / "tools/check/voxstat-check", "--help"], capture_output=True, text=True).stdout
     rows = re.findall(r"^  (\S+) +(\S+) +(?:(\d+ (?:to \d+|or more)) )?\([\w. ]+\)$", text, re.M)
     assert len(rows) == 16

@@ -1,4 +1,4 @@
-"""When a call fails, the daemon says so, loses little, and goes on.
+"""If a system call fails, the daemon reports it, loses little and continues.
 
 In each short life of the daemon one call fails: once, or every time from then on. Each call that can fail gets its
 turn, and so does each allocation. Four things hold in each life:
@@ -27,23 +27,23 @@ import pytest
 from conftest import (BUILD, HEADERS, PCAP_HEADER, ROOT, STAMP, Daemon, Recorder, batch, line, pcap_record, report,
                       voice_record, wait_for)
 
-# --- what a failure may cost --------------------------------------------------------------------
+# --- what a failure may lose --------------------------------------------------------------------
 
-ALL, SHORT_COUNT = 99, -1       # as the error of write(), the latter lets half of the bytes go out
+ALL, SHORT_COUNT = 99, -1       # as an error of write(), SHORT_COUNT writes half of the bytes
 
 
 class Failure(NamedTuple):
     function: str
     error: int
-    says: str | None            # an error, or with the tag of its level; * is any text. None: nothing need be said
-    once: tuple = (0, 0)        # at most so many records and so many posts are lost when one call fails,
-    onwards: tuple = (0, 0)     # and when all do from then on; a file's header counts as a record
-    ends: bool = False          # the daemon, at once
+    says: str | None            # an error, or a text with its level; * is any text. None: no message needed
+    once: tuple = (0, 0)        # how many records and posts may be lost if one call fails,
+    onwards: tuple = (0, 0)     # and if all calls from then on fail; a file's header counts as a record
+    ends: bool = False          # the daemon exits immediately
 
 
 RECORDS, POSTS = (ALL, 0), (0, ALL)
 ENDED = "Caught an exception: NetReceiver() fa"
-FAILURES = [    # those of a function in the order in which its calls come
+FAILURES = [    # for each function in the order of its calls
     Failure("open", errno.EMFILE, "Failed to open *", (1, 0), RECORDS),
     *(row for error, reason in ((errno.ENOSPC, "No space left on device (28)"), (errno.EIO, "Input/output error (5)"))
       for row in (Failure("write", error, None),        # it was a block of the log
@@ -102,12 +102,12 @@ NEVER = 2**31 - 1
 
 
 class Calls(ctypes.Structure):
-    """How many were made; those from the first to before the end fail with the error."""
+    """The number of calls made; those from first until before end fail with the error."""
     _fields_ = [(name, ctypes.c_int) for name in ("made", "first", "end", "error")]
 
 
 class Faults(ctypes.Structure):
-    """What faults.h lays at the start of the file."""
+    """The layout of the start of the file, as in faults.h."""
     _fields_ = [("calls", Calls * len(FUNCTIONS)), ("clock_shift", ctypes.c_long), ("root", ctypes.c_char * 256)]
 
     def of(self, function):
@@ -122,12 +122,12 @@ def faults_in(path):
 
 # --- a life -------------------------------------------------------------------------------------
 
-# In each phase come a summary, a voice record and a session report. They are written, and the last is posted, before
-# the next phase begins.
+# In each phase, the daemon receives a summary, a voice record and a session report. The next phase starts after they
+# have been written and the report has been posted.
 PHASES = 4
 FILES_OF = {"s": "QoS_Stat.txt", "e": "QoS_Stat_Sessions_Summary.txt", "v": "RTP_Streams_No_Voice.pcap"}
 EVENTS = {"s": "QOS_FAREND", "e": "QOS_EOS_FAREND"}
-SURPLUS = "QoS_Stat_Sessions_Summary_2000-01-01_00-00-00.txt"      # one too many of its kind
+SURPLUS = "QoS_Stat_Sessions_Summary_2000-01-01_00-00-00.txt"      # one more than the daemon keeps
 OLDER = ["QoS_Stat_Sessions_Summary_2001-01-01_00-00-00.txt", "QoS_Stat_Sessions_Summary_2002-01-01_00-00-00.txt",
          "QoS_Stat_2001-01-01_00-00-00.txt", "RTP_Streams_No_Voice_2001-01-01_00-00-00.pcap"]
 OWN_FILES = {*(f"stat/{name}" for name in FILES_OF.values()), "root/var/log/current/d.log", "out", "err",
@@ -135,7 +135,7 @@ OWN_FILES = {*(f"stat/{name}" for name in FILES_OF.values()), "root/var/log/curr
 
 
 def record(kind, phase):
-    """What the phase adds to the file of this kind."""
+    """The data that the phase adds to the file of this kind."""
     if kind == "v":
         return pcap_record(voice_record(f"v{phase}".encode()))
     return line(EVENTS[kind], RTCP_CNAME=f"{kind}{phase}").encode()
@@ -147,18 +147,18 @@ SESSIONS = {phase: record("s", phase).decode() for phase in range(1, PHASES + 1)
 def content(path):
     try:
         return path.read_bytes()
-    except FileNotFoundError:   # an archive by now, or not there yet
+    except FileNotFoundError:   # already an archive, or not created yet
         return b""
 
 
 class Life:
-    """The n-th call of the function fails; onwards, so do all after it, and the log is printed."""
+    """The n-th call of the function fails. With onwards, all later ones fail too, and the log is printed."""
 
     def __init__(self, directory, function, error, n, onwards):
         self.directory, self.n, self.onwards = directory, n, onwards
         self.rows = [row for row in FAILURES if (row.function, row.error) == (function, error)]
         self.cuts_log = function in ("open", "write", "stat")       # with a block of it
-        self.afterwards = []    # the phases that began after the last failure
+        self.afterwards = []    # the phases that started after the last failure
         self.stat = directory / "stat"
         self.stat.mkdir()
         for name in (SURPLUS, *OLDER):
@@ -176,7 +176,7 @@ class Life:
             elastic_url=self.web.url, max_file_size_rtp=50, log__file=None if onwards else "d",
             log__default=4, log__http=4 if memory else 2, log__network=4 if memory else None)
 
-    # What happens.
+    # Events.
 
     def run(self):
         wait_for(lambda: self.has_ended() or self.faults.of("poll").made)
@@ -214,23 +214,23 @@ class Life:
 
         def has_arrived():
             assert not self.has_ended()
-            if next(looks) % 50 == 0:   # again when a writer set its time after the jump
+            if next(looks) % 50 == 0:   # again if a writer set its time after the jump
                 self.faults.clock_shift += 50 if is_last else 100   # the last summary is not yet due
             return self.loses_no_more(phase, phase - is_last)
         wait_for(has_arrived, what=f"in phase {phase}")
 
     def stop(self):
-        """The signal comes again and again: one between the look at the flag and the wait is noticed late."""
+        """Sends the signal repeatedly: one between the check of the flag and the wait is noticed late."""
         number = signal.SIGINT if "Failed to register SIGTERM" in self.output() else signal.SIGTERM
         wait_for(lambda: self.has_ended() or self.daemon.process.send_signal(number))
 
-    # What is said, and what is lost.
+    # Messages and losses.
 
     def output(self):
         return self.daemon.output() + content(self.directory / "root/var/log/current/d.log").decode(errors="replace")
 
     def excuses(self):
-        """The rows of the table whose message stands in the log, and the one that needs none."""
+        """The rows of the table whose message is in the log, and the one that needs no message."""
         text = STAMP.sub(r"\1", self.output())
         text = text.replace(str(self.daemon.port), "QOS").replace(str(self.daemon.port + 1), "VOICE")
 
@@ -239,7 +239,7 @@ class Life:
         return [row for row in self.rows if row.says is None or is_said(row.says)]
 
     def loses_no_more(self, phases=PHASES, summaries=PHASES):
-        """Whether all records and posts of so many phases are there, but for what may be lost by now."""
+        """Whether the records and posts of this many phases have arrived, except for those that may be lost."""
         files = {kind: self.files(kind) for kind in FILES_OF}
         posted = "".join(body for _, _, body in list(self.web.requests))
         records = [phase for kind, texts in files.items() for phase in range(1, phases + 1)
@@ -250,10 +250,10 @@ class Life:
         return all(sum(allowed) >= ALL or (len(lost) <= sum(allowed) and not set(lost) & set(self.afterwards))
                    for lost, allowed in zip((records, posts), zip((0, 0), *costs)))
 
-    # What is left.
+    # Results.
 
     def files(self, kind):
-        """The contents of this kind's files, without the older ones."""
+        """The contents of the files of this kind, without the older ones."""
         stem, extension = FILES_OF[kind].split(".")
         archives = [path for path in self.stat.glob(f"{stem}_2*.{extension}") if path.name not in (SURPLUS, *OLDER)]
         return [content(path) for path in (*archives, self.stat / FILES_OF[kind]) if path.exists()]
@@ -265,18 +265,18 @@ class Life:
                 for part in (header_of(kind), *(record(kind, phase) for phase in range(1, PHASES + 1))):
                     rest = rest.replace(part, b"")
                 if self.calls.error == errno.ENOMEM:
-                    rest = rest.strip(b"\n")    # a report that had no memory for its line leaves an empty one
+                    rest = rest.strip(b"\n")    # a report without memory for its line leaves an empty line
                 assert not rest or self.calls.error == SHORT_COUNT
 
     def judge_posts(self):
-        """They are whole, but for one whose body could not be set."""
+        """They are complete, except for one whose body could not be set."""
         bodies = [(body, re.findall('"message": "(.*)"', body)) for _, _, body in self.web.requests]
         whole = [rows for body, rows in bodies if body == batch(rows)]
         assert {row + "\n" for rows in whole for row in rows if "Service_Packet" not in row} <= {*SESSIONS.values()}
         assert len(whole) == len(bodies) or any("POSTFIELDS" in (row.says or "") for row in self.excuses())
 
     def holds_its_files_only(self):
-        """Each once, and none that has gone; a directory is open only while it is read."""
+        """Each file is open once, and no deleted file is; a directory is open only while it is read."""
         held = []
         for descriptor in Path(f"/proc/{self.daemon.process.pid}/fd").iterdir():
             try:
@@ -293,13 +293,13 @@ def header_of(kind):
     return HEADERS[name].encode() if name in HEADERS else PCAP_HEADER
 
 
-# --- the sweeps ---------------------------------------------------------------------------------
+# --- all calls ----------------------------------------------------------------------------------
 
 KINDS = list(dict.fromkeys((row.function, row.error) for row in FAILURES))
 
 
 def live(function, error, n, onwards):
-    """The calls of each function that came, and the excuses of the life."""
+    """The number of calls of each function, and the expected messages of the run."""
     with tempfile.TemporaryDirectory(prefix="voxstat.") as name:
         life = Life(Path(name), function, error, n, onwards)
         try:
@@ -314,8 +314,8 @@ def live(function, error, n, onwards):
 
 
 def sweep(kinds, onwards, step=1):
-    """A life for each call of these kinds, or for one in so many; several at a time. Returns the excuses in the order
-    in which they came."""
+    """One run for each call of these kinds, or for every n-th; several in parallel. Returns the expected messages in
+    the order of the runs."""
     made, _ = live(*KINDS[0], NEVER, onwards)
     lives = [(function, error, n, onwards) for function, error in kinds for n in range(1, made[function] + 1, step)]
     with ThreadPoolExecutor(8) as pool:
@@ -334,4 +334,4 @@ def test_ten_allocations_in_a_row():
 
 @pytest.mark.long
 def test_all_calls_from_one_on():
-    sweep([kind for kind in KINDS if kind[0] != "signal"], onwards=True)    # without its handlers nothing would stop it
+    sweep([kind for kind in KINDS if kind[0] != "signal"], onwards=True)    # without its handlers, it could not be stopped

@@ -1,4 +1,4 @@
-"""Defaults and the log file, whose paths are fixed: below mounts that only the daemon sees."""
+"""Defaults and the log file, whose paths are fixed; with mounts that only the daemon sees."""
 import os
 import shutil
 import subprocess
@@ -15,13 +15,13 @@ SUMMARY = "QoS_Stat_Sessions_Summary.txt"
 
 
 def test_defaults(start, tmp_path):
-    """The configuration sets the name and the level of the log only. The ports are in a network of its own."""
+    """The configuration sets only the name and the level of the log. The ports are in a separate network namespace."""
     for name in ("home/build/zkhome", "etc/zk-T/activation", "log/current", "run"):
         (tmp_path / name).mkdir(parents=True)
     if subprocess.run([*LAUNCH, tmp_path, "true"], capture_output=True).returncode != 0:
         pytest.skip("the machine allows no name spaces of one's own, or has no iproute2")
     (tmp_path / "etc/zk-T/activation/sn").write_text("serial: 4711\n")
-    shutil.copy(VOXSTAT, tmp_path / "run/voxstat")  # its own place may be below /home
+    shutil.copy(VOXSTAT, tmp_path / "run/voxstat")  # the original may be below /home
     daemon = start(tmp_path / "run", launch=[*LAUNCH, tmp_path, "sh", "-c", "exec ./voxstat"], port=49999,
                    qos_port=None, qos_stat_dir=None, sn_file_path=None, log__file="d", log__default=2)
     enter = ["nsenter", f"--target={daemon.process.pid}", *USER, "--net", "--preserve-credentials", "bash", "-c"]

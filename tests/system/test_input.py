@@ -27,7 +27,7 @@ def test_every_kind(start, web):
         lines = "".join(line(event, **fields) for event in events for fields in (FIELDS, {}))
         assert daemon.text(name) == HEADERS[name] + lines
     assert set(KEYS) == {"TYPE", *FIELDS}
-    posted = "".join(web.lines())       # the first may go before the others come
+    posted = "".join(web.lines())       # the first may be posted before the others arrive
     assert posted and daemon.text().startswith(HEADERS["QoS_Stat.txt"] + posted)
     assert daemon.dump() == PCAP_HEADER + b"".join(map(pcap_record, records))
 
@@ -58,5 +58,5 @@ def test_programs(start, tmp_path, language, command):
     assert written[30:] == expected[30:] and not written.startswith("1970")
     rtp = bytes.fromhex("80000001 000000a0 00005eed") + 8 * b"\xff"
     packet = pcap_record(voice_record(rtp, source=("203.0.113.5", 5004), target=("192.0.2.7", 16384)))
-    assert daemon.dump()[24 + 4:] == packet[4:]     # behind the seconds of its time
-    assert len(daemon.log()) == 2       # neither of them about what has come
+    assert daemon.dump()[24 + 4:] == packet[4:]     # after the seconds of its time
+    assert len(daemon.log()) == 2       # neither is about the input

@@ -1,4 +1,4 @@
-"""Killed at any moment, the daemon leaves what it had written whole, and the next run goes on behind it."""
+"""If the daemon is killed at any time, what it has written is intact, and the next run continues the files."""
 import random
 import signal
 import time
@@ -12,7 +12,7 @@ DUMP = "RTP_Streams_No_Voice.pcap"
 
 
 def stream(stat, name):
-    """All that was ever written under a name, archives and live file, without the headers."""
+    """The contents of the archives and the live file of this name, without headers."""
     header = HEADERS[name].encode() if name in HEADERS else PCAP_HEADER
     stem, extension = name.split(".")
     paths = [*sorted(stat.glob(f"{stem}_2*.{extension}")), *stat.glob(name)]
@@ -22,7 +22,7 @@ def stream(stat, name):
 
 
 def traffic(daemon, number):
-    """Sends reports, summaries and voice of a run, and returns what each file should get of it."""
+    """Sends the reports, summaries and voice records of a run. Returns what each file should contain."""
     names = [f"{number}-{i}-{'x' * random.randrange(200)}" for i in range(random.randrange(30))]
     records = [voice_record(name.encode() * 5) for name in names]
     for name, record in zip(names, records):
@@ -40,7 +40,7 @@ def test_kill(start, tmp_path, kills):
     settings = {"max_file_size_rtp": 8000, "max_archived_files_rtp": 100000}
     before = dict.fromkeys([*EVENTS, DUMP], b"")
     for number in range(kills):
-        moment = number % 5     # 0: in the middle of a start, 1: of a stop, 2: when all that is due is written
+        moment = number % 5     # 0: during a start, 1: during a stop, 2: when everything that is due is written
         daemon = Daemon(tmp_path, **settings) if moment == 0 else start(tmp_path, **settings)
         sent = dict.fromkeys(before, b"") if moment == 0 else traffic(daemon, number)
         if moment == 1:
@@ -50,7 +50,7 @@ def test_kill(start, tmp_path, kills):
             wait_for(lambda: all(len(daemon.read(name)) > len(before[name]) + len(sent[name]) + len(header) - 1024
                                  for name, header in HEADERS.items()), what="for whole blocks")
         else:
-            time.sleep(random.uniform(0, 0.05))     # the moment itself
+            time.sleep(random.uniform(0, 0.05))     # a random time
         daemon.kill()
         for name, old in before.items():
             before[name] = stream(tmp_path / "stat", name)

@@ -1,4 +1,4 @@
-"""All that a run says from start to stop, with its levels: what passes each group's level, and nothing else."""
+"""The whole log of a run from start to stop: exactly the messages that pass the level of each group."""
 import re
 import signal
 
@@ -8,9 +8,9 @@ from conftest import HEADERS, expected, line, report, voice_record, wait_for
 
 LEVELS = ["ERROR", "WARN", "INFO", "TRACE", "DEBUG"]
 NAME = "QoS_Stat_Sessions_Summary.txt"
-FIRST = report("QOS_EOS_NEAREND", RTCP_CNAME="x") + "\nBOS_EV_SSRC=5"     # a key that is known but for its first letter
+FIRST = report("QOS_EOS_NEAREND", RTCP_CNAME="x") + "\nBOS_EV_SSRC=5"     # a known key except for its first letter
 SAID = re.findall(r"^(\w+) (\w+) +(.*(?:\n  .*)*)", expected("whole_run.log"), re.M)
-RUNS = {    # log.default, log.network and log.http, what they come to, whether it has a server, how it is ended
+RUNS = {    # log.default, log.network and log.http, the levels they result in, with server or not, how it is stopped
     "everything": ((4, 4, 4), (4, 4, 4), True, signal.SIGTERM),
     "network errors only": ((3, 0, 2), (3, 0, 2), False, signal.SIGINT),
     "web errors only": ((2, 3, 0), (2, 3, 0), False, signal.SIGQUIT),
@@ -24,8 +24,8 @@ RUNS = {    # log.default, log.network and log.http, what they come to, whether 
 def test_whole_run(start, web, settings, levels, reporting, number):
     default, network, http = settings
     daemon = start(serial="77", elastic_url=web.url if reporting else None, log__default=default, log__network=network,
-                   log__http=http, launch=["env", "--block-signal=TERM,INT,QUIT"])      # as a parent may have them
-    assert not list(daemon.stat.iterdir())      # a file is made when there is something to write
+                   log__http=http, launch=["env", "--block-signal=TERM,INT,QUIT"])      # as a parent process may set them
+    assert not list(daemon.stat.iterdir())      # a file is created when there is something to write
     daemon.send(FIRST)
     wait_for(lambda: daemon.text(NAME) == HEADERS[NAME] + line("QOS_EOS_NEAREND", RTCP_CNAME="x", SERIAL_NUM="77"))
     daemon.send_voice(voice_record(b"v"))

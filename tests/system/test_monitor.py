@@ -1,4 +1,4 @@
-"""What voxstat-check --live tells of a running daemon, to the eye and to monitoring systems."""
+"""voxstat-check --live: its output about a running daemon, for people and for monitoring systems."""
 import json
 import os
 import pwd
@@ -22,7 +22,7 @@ RULES = ROOT / "packaging/examples/voxstat-alerts.yml"
 IN_A_FILE = ["bash", "-c", 'exec "$@" >>log', "bash"]
 DUMP = "RTP_Streams_No_Voice.pcap"
 
-LOSSES = [      # a message as voxstat(8) has it, with 400 for each N; its level; what counts, and how much
+LOSSES = [      # a message as in voxstat(8), with 400 for each N; its level; the counter, and how much it adds
     ("WARN QoS WRITE OVERFLOW: Nmessages lost", "", "text_lines", 400),
     ("WARN VOICE DUMP WRITE OVERFLOW: Nmessages lost", "", "voice_records", 400),
     ("WARN LOG FILE WRITE OVERFLOW: Nmessages lost", "", "log_lines", 400),
@@ -49,7 +49,7 @@ def sysctl(name):
 
 
 def check(daemon, *options, within=()):
-    """The status and what is printed, with DIR for the directory, for a daemon or a directory with its configuration."""
+    """The exit status and the output, with DIR for the directory, for a daemon or for a directory of one."""
     directory = getattr(daemon, "directory", daemon)
     run = subprocess.run([*within, CHECK, "-f", directory / "voxstat.cfg", "--user", SELF, "--live", *options],
                          capture_output=True, text=True, timeout=60, cwd=directory)
@@ -80,7 +80,7 @@ def logged_losses():
         text = re.sub(r"\bN(?=messages)|\bN\b", "400", message).replace("first 400", "first 1023").replace("PATH", "/x")
         yield level + text
     yield from ("ERROR std::bad_alloc", "TRACE HTTP/1.1 400 Bad Request\r", "TRACE HTTP/2 503")
-    yield "WARN WebClient OVERFLOW: 400"    # adds up the reports that were logged before
+    yield "WARN WebClient OVERFLOW: 400"    # the total includes the reports logged before
 
 
 EXPECTED = {what: sum(count for _, _, kind, count in LOSSES if kind == what) for _, _, what, _ in LOSSES}
@@ -88,7 +88,7 @@ EXPECTED |= {"batches_refused": 2, "allocations": 2, "posted_reports": 402}
 
 
 def drop_reports(daemon, count):
-    """Sends until the kernel has dropped so many more."""
+    """Sends until the kernel has dropped this many more."""
     goal = daemon.sockets()[0][1] + count
     daemon.process.send_signal(signal.SIGSTOP)
     while daemon.sockets()[0][1] < goal:
@@ -98,7 +98,7 @@ def drop_reports(daemon, count):
 
 
 def test_every_format(start):
-    """A daemon that was stopped for a while, whose file somebody took away, and whose log tells of every loss."""
+    """A daemon that was stopped for a while, whose file has been moved, and whose log contains every loss."""
     daemon = start(serial="ABC12", log__default=0, launch=IN_A_FILE)
     config, begun, limit = daemon.directory / "voxstat.cfg", time.time(), sysctl("net/core/rmem_default")
     os.utime(config, (0, 0))
@@ -140,7 +140,7 @@ def test_every_format(start):
     found_there = samples(text)
     for name, value in numbers.items():
         for label, number in (value if isinstance(value, dict) else {"": value}).items():
-            assert found_there.pop((name, label)) == number or "free" in name     # others write there too
+            assert found_there.pop((name, label)) == number or "free" in name     # other programs write there too
     assert (status, found_there) == (2, {})
     if shutil.which("promtool"):
         linted = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, text=True)
@@ -157,7 +157,7 @@ def test_every_format(start):
 
 
 def test_since(start):
-    """A loss of the past does not count for ever. When the kernel dropped datagrams is known from earlier runs."""
+    """Old losses do not count. Earlier runs record when the kernel dropped datagrams."""
     daemon = start(serial="ABC12", launch=IN_A_FILE)
     os.utime(daemon.directory / "voxstat.cfg", (0, 0))
 
@@ -182,7 +182,7 @@ def stat_line(minute):
 
 
 DUMPED = [pcap_record(voice_record(b"x", seconds=second)) for second in (1700000000, 1700000060)]
-FILES = {      # what the files hold, and the time of their last lines
+FILES = {      # contents of the files, and the times of their last lines
     "text": ({"QoS_Stat.txt": "header\n" + stat_line(1) + stat_line(2) + "broken"}, {"QoS_Stat.txt": 1795550520}),
     "a block was lost": ({"QoS_Stat.txt": stat_line(1) + stat_line(2)[9:]}, {"QoS_Stat.txt": 1795550460}),
     "just rotated": ({"QoS_Stat.txt": "header\n", "QoS_Stat_2026-01-31_23-59-59.txt": stat_line(1),
@@ -210,7 +210,7 @@ JOURNALD = shutil.which("systemd-journald", path="/usr/lib/systemd:/lib/systemd"
 
 @pytest.mark.skipif(os.geteuid() != 0 or not JOURNALD, reason="needs root and systemd-journald")
 def test_journal(start, tmp_path):
-    """The log of this daemon and of no other, and what journald says that it has suppressed."""
+    """Only the log of this daemon counts, and the number of messages that journald has suppressed."""
     journald = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "unshare", "-m", "sh", "-c", JOURNAL, JOURNALD])
     try:
         within = ["nsenter", "-m", "-t", str(journald.pid)]
@@ -231,7 +231,7 @@ def test_journal(start, tmp_path):
         journald.wait()
 
 
-ALERTS = [      # what is wrong, its series, its values minute by minute, and the alert
+ALERTS = [      # problem, series, values per minute, alert
     ("nothing", 'voxstat_lost_total{what="text_lines"}', "5x20", None),
     ("not running", "voxstat_up", "0x20", "VoxstatDown"),
     ("restart", "voxstat_start_time_seconds", "1x15 2x5", "VoxstatRestarted"),
@@ -256,7 +256,7 @@ HEALTHY = {"voxstat_up": "1x20", "voxstat_receive_queue_limit_bytes": "1000x20",
 
 @pytest.mark.skipif(not shutil.which("promtool"), reason="no promtool")
 def test_alerts(tmp_path):
-    """For each way to lose data its alert fires, and no other."""
+    """For each way to lose data, exactly its alert fires."""
     cases = [{"name": what, "interval": "1m", "input_series": [
                 {"series": key, "values": value} for key, value in {**HEALTHY, series: values}.items()],
               "promql_expr_test": [{"expr": 'count by (alertname) (ALERTS{alertstate="firing"})', "eval_time": "19m",

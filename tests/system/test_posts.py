@@ -1,4 +1,4 @@
-"""The batches that are posted, their form, and what the web client says of them."""
+"""The posted batches, their format, and the messages of the web client."""
 import re
 
 from conftest import batch, line, report, wait_for
@@ -13,7 +13,7 @@ def test_first_line_goes_at_once(start, web):
     (path, headers, posted), = web.requests
     assert (path, headers["Content-Type"], posted) == ("/qos?a=b", "application/json", body)
     assert "[DEBUG] WebClient::WC_Write() new event: " + body[2:-2] in daemon.log()
-    # What the web client says by itself, without libcurl's trace.
+    # The web client's own messages, without libcurl's trace.
     own = ("[INFO]", "[TRACE] Starting", "[TRACE] Total", "[DEBUG] HTTP")
     handle, = {number for entry in daemon.log() for number in re.findall("handle:? (0x[0-9a-f]+)", entry)}
     transmission = f"http transmission of {len(body)} bytes for the curl handle {handle}"
@@ -25,13 +25,13 @@ def test_first_line_goes_at_once(start, web):
 
 
 def test_everything_once_and_in_order(start, web):
-    """Whatever the server answers."""
+    """The same for every answer of the server."""
     web.status = 500
     daemon = start(elastic_url=web.url)
     lines = [line(RTCP_CNAME=f"n{i}") for i in range(2000)]
     for at in range(0, len(lines), 50):
         daemon.send(*(report(RTCP_CNAME=f"n{i}") for i in range(at, at + 50)))
-        wait_for(lambda: min(len(web.lines()), daemon.text().count("\n")) > at - 100)  # less may wait for its time
+        wait_for(lambda: min(len(web.lines()), daemon.text().count("\n")) > at - 100)  # fewer may still be waiting
     daemon.stop()
     assert daemon.log() == ["[WARN] Caught an exception: Failed to open config file: DIR/sn"]
     assert daemon.text().splitlines(keepends=True)[1:] == lines

@@ -1,4 +1,4 @@
-"""Minutes of mixed traffic beside a server that comes and goes: nothing grows, and nothing vanishes uncounted."""
+"""Minutes of mixed traffic with a server that is sometimes down: no resource grows, and every loss is counted."""
 import re
 import time
 from pathlib import Path
@@ -35,7 +35,7 @@ def test_soak(start, web):
             web.requests.clear()
             samples.append(use(daemon))
     web.speaks.set()
-    assert sum(dropped for _, dropped in daemon.sockets()) == 0      # by the kernel, at a full socket
+    assert sum(dropped for _, dropped in daemon.sockets()) == 0      # by the kernel, because a socket was full
     daemon.stop()
     # The allocator keeps a little; a connection to the server is open now and then.
     warm, late = (list(zip(*some)) for some in (samples[SECONDS // 4:SECONDS // 2], samples[3 * SECONDS // 4:]))

@@ -1,4 +1,4 @@
-"""The command line, and what starts and stops the daemon, or must not stop it."""
+"""The command line; what starts and stops the daemon, and what must not stop it."""
 import signal
 import subprocess
 from pathlib import Path
@@ -10,7 +10,7 @@ from conftest import VOXSTAT, Daemon, free_port, report, wait_for
 USAGE = "Usage: voxstat [-f <filename>]\nIf filename is missing then default voxstat.cfg is assumed.\n"
 
 
-CALLS = {   # the arguments, and what stands before the usage text
+CALLS = {   # arguments, and the text before the usage text
     "no default file": ("", "Failed to open config file: voxstat.cfg\n"),
     "no such file": ("-f none", "Failed to open config file: none\n"),
     "no name": ("-f", ""), "no option": ("good.cfg", ""), "capital letter": ("-F good.cfg", ""),
@@ -27,7 +27,7 @@ def test_usage(tmp_path, arguments, reason):
 
 @pytest.mark.parametrize("descriptors", ["<&- >&- 2>&-", "> >(exec true)"], ids=["closed", "pipe without a reader"])
 def test_descriptors_that_lead_nowhere(start, descriptors):
-    """Closed by a supervisor, or a pipe that nobody reads. This configuration is named; all others are the default."""
+    """Closed by a supervisor, or a pipe without a reader. Only this test names its configuration."""
     daemon = start(launch=["bash", "-c", f'exec "$@" -f ./voxstat.cfg {descriptors}', "bash"], log__default=4)
     daemon.send(report())
     held = {int(link.name): str(link.readlink()) for link in Path(f"/proc/{daemon.process.pid}/fd").iterdir()}
@@ -37,7 +37,7 @@ def test_descriptors_that_lead_nowhere(start, descriptors):
 
 
 def test_limit_of_the_file_size(start, tmp_path):
-    """As on a full disk: the write is refused, and the signal that comes with it ends nothing."""
+    """Like a full disk: the write fails, and the signal that comes with it does not stop the daemon."""
     (tmp_path / "stat").mkdir()
     (tmp_path / "stat/QoS_Stat.txt").write_bytes(b"x" * 100000)
     daemon = start(tmp_path, launch=["prlimit", "--fsize=100000"], log__default=4)

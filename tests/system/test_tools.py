@@ -1,4 +1,4 @@
-"""The tools: voxstat-sim sends what it says, voxstat-plot finds and draws what stands in files made by hand."""
+"""voxstat-sim sends what it says, and voxstat-plot lists and draws the contents of handmade files."""
 import csv
 import re
 import shutil
@@ -37,11 +37,11 @@ def test_command_lines(tool, options, said):
 
 
 def sim(*options):
-    """What voxstat-sim says, and the datagrams that come to the report and to the voice port."""
+    """The output of voxstat-sim, and the datagrams that arrive on the report port and on the voice port."""
     port, got = free_port(), []
     with socket.socket(type=socket.SOCK_DGRAM) as one, socket.socket(type=socket.SOCK_DGRAM) as two:
         for number, each in enumerate((one, two)):
-            each.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)    # all has room there
+            each.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)    # large enough for everything
             each.bind(("127.0.0.1", port + number))
             each.settimeout(60)
         done = run("voxstat-sim", f"--port={port}", *options)
@@ -53,7 +53,7 @@ def sim(*options):
 
 
 def fields(datagram):
-    """The values of a report by their keys; a time is one number, of microseconds."""
+    """The values of a report by key; each time is a number of microseconds."""
     got = dict(row.removeprefix("QOS_EV_").split("=") for row in datagram.decode().split("\n"))
     for key in [key[:-4] for key in got if key.endswith("_SEC")]:
         got[key] = int(got.pop(key + "_SEC")) * 10**6 + int(got.pop(key + "_USEC"))
@@ -72,7 +72,7 @@ def packets_of(voice):
 
 
 def test_sim_plays_calls():
-    """Three calls in 45 seconds, from second 5 i to 35 + 5 i; the second is bad, the first silent for an interval."""
+    """Three calls in 45 seconds, from second 5 i to 35 + 5 i. The second is bad; the first has a silent interval."""
     said, reports, voice = sim("--calls=3", "--duration=45", "--interval=10", "--speed=30")
     told = re.fullmatch(
         rf"45 simulated seconds of 3 calls in (\S+) s, to 127.0.0.1 ports \d+ and \d+:\n +{len(reports) - 6} session "
@@ -91,7 +91,7 @@ def test_sim_plays_calls():
 
 
 def test_sim_sends_what_it_reports():
-    """The records show the loss and the jitter (RFC 3550, mean) that the report of their interval states, good or bad."""
+    """The records have the loss and the mean jitter (RFC 3550) of the report on their interval."""
     jitters = []
     for options in ("--calls=1", "--calls=3 --seed=5"):
         _, reports, voice = sim(*options.split(), "--duration=60", "--speed=100")
@@ -158,7 +158,7 @@ FIGURES = "loss_percent", "jitter_ms", "round_trip_ms"
 
 
 def call(gcid, event="QOS_NEAREND", seconds=0, loss=0, jitter=0, rtt=0):
-    """A session's line, or the summary of a call of a minute."""
+    """The line of a session report, or of the summary of a one-minute call."""
     now = START + seconds
     return line(event, GCID=gcid, TID="2.1", TIME_STAMP_SEC=now, FIRST_PACKET_SEC=now - 60, LAST_PACKET_SEC=now,
                 LOST_PERCENT=loss, LOST_LOST_SINCE_LAST_REPORT_PERCENT=loss, JITTER_AVG=jitter, RTT_AVG=rtt)
@@ -166,7 +166,7 @@ def call(gcid, event="QOS_NEAREND", seconds=0, loss=0, jitter=0, rtt=0):
 
 @pytest.fixture
 def plot(tmp_path):
-    """Runs voxstat-plot on files with these texts; its picture, if it draws one, is the result's."""
+    """Runs voxstat-plot on files with these texts. The result contains the picture, if there is one."""
     def draw(*options, status=0, picture="it.svg", **texts):
         if "--list" not in options and not shutil.which("gnuplot"):
             pytest.skip("no gnuplot")
@@ -181,15 +181,15 @@ def plot(tmp_path):
 
 
 def texts(svg):
-    """What is written in a picture but for plain numbers; a "!" stands before what is red. Sorted, since releases of
-    gnuplot differ in what they draw first."""
+    """The sorted texts of a picture, without plain numbers; "!" marks red ones. Sorted because the order depends on the
+    release of gnuplot."""
     found = re.findall(r'fill="([^"]*)"[^>]*>\s*<text[^>]*>(.+?)</text>', svg)
     return sorted("!" * (colour == "rgb(213,94,0)") + " ".join(text.split()) for colour, text in found
                   if text.strip("0123456789. "))
 
 
 def test_list_estimates_quality(plot):
-    """The worst call first; equally bad ones in the order of their names. Computed by hand from the formula."""
+    """The worst call first, equally bad ones by name. The values are computed by hand from the formula."""
     with open(ROOT / "tests/system/data/speech_quality.csv", encoding="ascii") as table:
         quality = list(csv.DictReader(table))
     text = "".join(call(row["call"], "QOS_NEAREND", 0, *(float(row[key]) for key in FIGURES)) + call(row["call"], seconds=5)
@@ -220,12 +220,12 @@ def test_choices_over_several_files(plot, options, calls):
     assert done.stderr == "voxstat-plot: reports left out for lack of a time stamp: 1\n" + (
         "" if calls else "voxstat-plot: the files contain no matching reports\n")
     assert plot("--list", **files, other=call("a4"), status=1).stderr == (
-        "voxstat-plot: other contains session reports, but the previous files contain session summaries; run voxstat-plot "
-        "once for each kind\n")
+        "voxstat-plot: other contains session reports, but the previous files contain session summaries; run "
+        "voxstat-plot once for each kind\n")
 
 
 def test_list_shows_hostile_texts(plot):
-    """The daemon cuts and aligns bytes, so that half a character may be left; the table aligns what is seen."""
+    """The daemon cuts and aligns bytes, so half a character may remain; the table aligns the visible width."""
     rows = {"Zoë 電": "Zoë 電", "\x1b[31m\x07": r"\x1b[31m\x07", "sechs äöü": r"sechs ä\xc3", "\u202eabc\u009b": r"\u202eabc\u009b"}
     files = {f"a{number}": call(name.encode().decode("latin-1")) for number, name in enumerate(rows)}
     table = [row[:row.index("2.1")] for row in plot("--list", **files).stdout.splitlines()[1:-1]]
@@ -234,7 +234,7 @@ def test_list_shows_hostile_texts(plot):
 
 
 def test_reads_a_pipe():
-    """A time alone is the latest one before the last report, which does not mean a report of the far future."""
+    """A time without a day is the latest one before the last report; reports from the far future do not count."""
     text = call("a1") + call("a2", seconds=60) + call("a3", seconds=86400) + call("far", seconds=10**9)
     for options, calls in (("", "a1 a2 a3 far"), ("--from=03:00 --to=04:00:00", "a3"), ("--from=03:44", "a2 a3 far"),
                            ("--to=03:44", "a1"), ("--from=03:44 --to=03:43:20", "a2 a3")):
@@ -278,7 +278,7 @@ def test_picture_of_sessions(plot):
 
 
 def test_picture_of_many_sessions(plot):
-    """As many points as the pixels can show, and nothing squeezed by a clock that was wrong."""
+    """The picture has no more points than pixels, and reports from a wrong clock do not compress the others."""
     text = "".join(call(f"c{i % 100}", seconds=i // 100, jitter=i % 5) for i in range(60000)) + call("far", seconds=10**9)
     svg = plot(a=text + call("bad", loss=2), b=call("early", seconds=-10**8)).picture
     assert {"97 more calls, as a range", "reports outside the period shown (see --from and --to): 2"} < set(texts(svg))

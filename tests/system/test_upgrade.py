@@ -1,4 +1,4 @@
-"""Install the first release, upgrade to this one, downgrade, remove and purge, on a booted Debian root."""
+"""Installs the first release, upgrades, downgrades, removes and purges, on a booted Debian system."""
 import contextlib
 import os
 import re
@@ -14,7 +14,7 @@ from conftest import ROOT, report, wait_for
 
 CONFIG, STATS = Path("etc/voxstat/voxstat.cfg"), Path("var/lib/voxstat/stats")
 UNATTENDED = ["--force-confdef", "--force-confold"]
-RESTART = 3     # seconds that a unit may be without its daemon
+RESTART = 3     # seconds that a restart may take
 
 pytestmark = pytest.mark.long
 
@@ -24,14 +24,14 @@ def run(*command, **options):
 
 
 def package_of(tree, environment=None):
-    """Builds the packages of a source tree; returns the daemon's."""
+    """Builds the packages of a source tree; returns the daemon's package."""
     return tree / [name for name in run(tree / "scripts/package", env=environment).split() if "tools" not in name][-1]
 
 
 @pytest.fixture(scope="module")
 def packages(tmp_path_factory):
-    """The package of the first release, and of this tree. lintian has its say about the second only: the one of a
-    later Debian finds fault with the first."""
+    """The packages of the first release and of this tree. lintian checks only the second: newer versions report problems
+    in the first."""
     place = tmp_path_factory.mktemp("packages")
     later = run("git", "log", "--format=%h", "-S## 1.1.0", "--", "CHANGELOG.md", cwd=ROOT).split()
     if not later:
@@ -47,7 +47,7 @@ def packages(tmp_path_factory):
 
 
 class Machine:
-    """A booted Debian of this machine's release in name spaces of its own, with a loopback network only."""
+    """A booted Debian of this machine's release in separate namespaces, with only a loopback network."""
 
     def __init__(self, root):
         self.root = root
@@ -90,7 +90,7 @@ class Machine:
         return ":C350 " in self.run("cat", "/proc/net/udp")
 
     def serves(self):
-        """The service is up, with the code that is installed."""
+        """The service is running the installed program."""
         wait_for(self.listens, 30)
         pid = self.run("systemctl", "show", "--property=MainPID", "--value", "voxstat").strip()
         self.run("cmp", f"/proc/{pid}/exe", "/usr/sbin/voxstat")
@@ -114,7 +114,7 @@ def machine(tmp_path_factory):
 
 @contextlib.contextmanager
 def numbered_reports(machine, first):
-    """Sends a report every few milliseconds while the block runs; yields the times of all, which grow."""
+    """Sends a report every few milliseconds during the block; yields the growing list of their times."""
     sent, over = [], threading.Event()
 
     def send():
@@ -134,14 +134,14 @@ def numbered_reports(machine, first):
 
 
 def snapshot(machine):
-    """Owner, mode and contents of all that the service has written."""
+    """Owner, mode and contents of all files of the service."""
     return {path.name: (path.stat().st_uid, path.stat().st_gid, oct(path.stat().st_mode), path.read_bytes())
             for path in (machine.root / STATS).iterdir()}
 
 
 def replace(machine, package, number, options=UNATTENDED, **others):
-    """Installs a package while reports arrive. Nothing that was there changes, and no report is lost but those of the
-    restart, which are one gap of a limited time. Returns the output of dpkg."""
+    """Installs a package while reports arrive. Existing data does not change, and only reports during the restart are
+    lost: one gap of limited length. Returns the output of dpkg."""
     before = snapshot(machine)
     with numbered_reports(machine, number) as sent:
         output = machine.dpkg(package, *options, **others)
@@ -174,7 +174,7 @@ def test_upgrade(packages, machine):
     machine.send(report(RTCP_CNAME="first release"))
     wait_for(lambda: b"first release" in snapshot(machine).get("QoS_Stat.txt", [b""])[-1], 10)
 
-    asked = replace(machine, packages["new"], 1000, [], input="N\n")      # at a terminal dpkg asks, and N is the default
+    asked = replace(machine, packages["new"], 1000, [], input="N\n")      # on a terminal dpkg asks; N is the default
     assert "Configuration file '/etc/voxstat/voxstat.cfg'" in asked and "[default=N]" in asked
     assert (machine.root / CONFIG).read_text() == config
     replace(machine, packages["1.0.0"], 5000)

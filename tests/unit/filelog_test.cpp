@@ -17,7 +17,7 @@ static const char* const NAMES[] = {"QoS_Stat.txt", "QoS_Stat_Sessions_Summary.t
 static const char* const TYPES[] = {"QOS_FAREND", "QOS_EOS_FAREND"};
 static constexpr std::size_t HEADERS[] = {144, 191, 24};
 
-// Queues so many bytes for one of the three files.
+// Queues this many bytes for one of the three files.
 static int queue(FileLogger& logger, int file, std::size_t size)
 {
     if (file == 2) {
@@ -40,7 +40,7 @@ static void write_step(FileLogger& logger, int file, bool force = false)
         logger.fl_write_file(file == 0 ? QOS_STAT : QOS_STAT_EOS, force, force);
 }
 
-// A file logger whose thread has ended: it still queues, and the test writes the blocks.
+// A file logger whose thread has exited: it still queues, and the test writes the blocks.
 struct IdleFileLogger {
     explicit IdleFileLogger(const std::string& settings)
         : config(config_of("qos_stat_dir=" + dir.path + "\n" + settings)), logger(&config)
@@ -95,8 +95,9 @@ TEST(FileLogger, DropsAndCountsBeyondItsCaps)
         const char* what;
         int file;
         const char* config;
-        int blocks;               // of 1024 bytes, then
-        std::size_t last, taken;  // one of so many, and three of 200; bytes of all that were taken
+        int blocks;  // of 1024 bytes, then
+        std::size_t last,
+            taken;  // one record of this size, and three of 200; bytes accepted in total
     };
     static const char* const CAP = "max_length_per_sec_rtp=2048";
     LogCapture log("log.default=1");
@@ -132,7 +133,7 @@ TEST(FileLogger, DropsAndCountsBeyondItsCaps)
                   log.take());
         offer(200);
         write_step(idle.logger, row.file, true);
-        EXPECT_EQ("", log.take());  // told once
+        EXPECT_EQ("", log.take());  // logged once
         EXPECT_EQ(taken == 0 ? 0 : HEADERS[row.file] + static_cast<std::size_t>(taken),
                   idle.size(row.file));
     }
@@ -142,7 +143,7 @@ TEST(FileLogger, DropsAndCountsBeyondItsCaps)
     EXPECT_THROW(FileLogger(nullptr), std::invalid_argument);
 }
 
-// With nothing configured: the names, the archives that are kept, and when they are trimmed.
+// Without configuration: the names, the number of archives, and when they are deleted.
 TEST(FileLogger, KeepsFewArchives)
 {
     using namespace std::filesystem;
@@ -152,7 +153,7 @@ TEST(FileLogger, KeepsFewArchives)
         int at_start, at_rotation;
     };
     const Row rows[] = {{0, 20971520, 4, 4}, {1, 5242880, 2, 2}, {2, 52428800, 25, 20}};
-    for (const std::size_t below : {0U, 1U}) {  // its limit when the write begins
+    for (const std::size_t below : {0U, 1U}) {  // of its limit before the write
         const TempDir root;
         faults.set_root(root.path);
         const path dir = root / "home/build/zkhome/QoS";
@@ -188,7 +189,7 @@ TEST(FileLogger, TakesNamesAndNumbersFromItsConfiguration)
 {
     IdleFileLogger idle("qos_file_name=a\nqos_file_name_eos=b\nrtp_dump_file_name=c\n"
                         "max_file_size_rtp=1\nmax_archived_files_rtp=1");
-    for (const int file : {0, 1, 2, 2}) {  // both dumps are full at once
+    for (const int file : {0, 1, 2, 2}) {  // each write fills the dump
         queue(idle.logger, file, 200);
         write_step(idle.logger, file, true);
     }
@@ -264,7 +265,7 @@ TEST(FileLogger, DoesWithoutAFileThatItCannotMake)
     LogCapture log("log.default=0");
     const TempDir dir;
     ConfigFile config = config_of("qos_file_name=other\nqos_stat_dir=" + dir.path);
-    poll(nullptr, 0, 0);  // from now on memory can be refused
+    poll(nullptr, 0, 0);  // from now on, allocations can fail
     std::string logged;
     for (int n = 1; n < 100; n++) {
         faults.arm("pthread_mutex_init", 1, ENOMEM, true);  // no thread

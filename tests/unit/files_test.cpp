@@ -14,7 +14,7 @@
 
 static Faults& faults = Faults::self();
 
-// "~" stands for the directory.
+// "~" is the directory.
 static const std::string OPENED = " [INFO] Opened for writing ~F.txt\n",
                          CLOSED = " [INFO] Closed file: ~F.txt\n",
                          DELETED = " [INFO] FileObject::fobj_cleanup: successfully deleted ~";
@@ -25,7 +25,7 @@ TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
         const char* what;
         int existing;  // bytes; -1: no file
         unsigned limit;
-        int writes;                 // of 600 bytes, behind a header of 7
+        int writes;                 // of 600 bytes, after a header of 7
         std::size_t live, archive;  // bytes at the end; 0: none
     };
     static const Row rows[] = {{"at the limit", -1, 607, 1, 607, 0},
@@ -49,7 +49,8 @@ TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
         auto sizes = sizes_of(dir);
         EXPECT_EQ(row.live, sizes["F.txt"]) << row.what;
         EXPECT_EQ(row.archive, sizes["F_2023-11-14_22-13-20.txt"]) << row.what;
-        const bool full = row.live == row.limit;  // its next write is the last, and takes all
+        const bool full =
+            row.live == row.limit;  // its next write is the last, and writes everything
         if (row.live > 0) {
             std::string buffer(1100, 'b');
             EXPECT_EQ(full ? 1100U : 1024U, file.fobj_take_block(buffer, NOW, 0, false).size());
@@ -67,7 +68,7 @@ TEST(FileObject, ReportsEveryEventAndNamesArchivesApart)
         using namespace std::filesystem;
         return static_cast<int>(status(path).permissions() & perms::all);
     };
-    const std::string theirs = dir / "new/F_2023-11-14_22-13-20_003.txt";  // a name that is taken
+    const std::string theirs = dir / "new/F_2023-11-14_22-13-20_003.txt";  // an existing name
     std::string owned;
     Faults::set_watch([&](std::string_view function, long path, long owner) {
         if (function == "chown")
@@ -150,7 +151,7 @@ TEST(FileObject, NamesEveryCallThatFails)
     }
 }
 
-// A disk that takes its time, a rotation that fails, and no memory for the archive's name.
+// A slow disk, a rotation that fails, and no memory for the name of the archive.
 TEST(FileObject, RetriesARotationAndNamesTheArchiveAfterTheClose)
 {
     stop_the_clock();
@@ -164,7 +165,7 @@ TEST(FileObject, RetriesARotationAndNamesTheArchiveAfterTheClose)
     write("c");
     EXPECT_EQ("abc", read_file(dir / "F_2023-11-14_22-13-20.txt"));
     write("d");
-    poll(nullptr, 0, 0);  // from now on memory can be refused
+    poll(nullptr, 0, 0);  // from now on, allocations can fail
     faults.refuse_memory(1, 1);
     EXPECT_THROW(write("e"), std::bad_alloc);
     Faults::set_watch([](std::string_view function, long /*unused*/, long /*unused*/) {
@@ -184,7 +185,7 @@ TEST(FileObject, CountsTheBytesThatWereWritten)
     faults.arm("write", 1, ENOSPC);
     EXPECT_EQ(-1, file.fobj_write(std::string(20, 'w'), false));
     EXPECT_EQ(5, file.fobj_write(std::string(5, 'w'), false));
-    EXPECT_EQ(15U, sizes_of(dir)["F.txt"]);  // began below its limit
+    EXPECT_EQ(15U, sizes_of(dir)["F.txt"]);  // was below its limit
     EXPECT_EQ(1, file.fobj_write("w", false));
     EXPECT_EQ(0U, sizes_of(dir).count("F.txt"));
 }
@@ -194,7 +195,7 @@ TEST(FileObject, RemovesTheOldestOfItsOwnArchivesOnly)
     LogCapture log;
     const TempDir dir;
     std::filesystem::create_directory(dir / "S_2020-01-01_00-00-00.txt");
-    // Names and ages in hours: the first three must go, in this order, and all others stay.
+    // Names and ages in hours: the first three must be deleted, in this order, and no others.
     std::istringstream files(R"(
         S_2026-03-09_14-05-09.txt 90        S_2026-03-03_14-05-09.txt 50
         S_2026-03-03_14-05-09_002.txt 50    S_2026-03-03_14-05-09_1000.txt 50

@@ -15,9 +15,9 @@ TEST(Logger, FiltersAndLaysOutLines)
     stop_the_clock();
     const TempDir root;
     faults.set_root(root.path);
-    poll(nullptr, 0, 0);  // from now on memory can be refused
+    poll(nullptr, 0, 0);  // from now on, allocations can fail
     Faults::set_watch([](std::string_view function, long /*unused*/, long /*unused*/) {
-        if (function == "pthread_create")  // then comes the file
+        if (function == "pthread_create")  // the file object follows
             faults.refuse_memory(3, 1);
     });
     ConfigFile config = config_of("log.default=-1\nlog.file=d");
@@ -33,13 +33,13 @@ TEST(Logger, FiltersAndLaysOutLines)
                   DBG->Log(DBG_WARN, "bare\ntext");
                   DBG->Log(DBG_INFO, "filtered");
                   DBG->init(&config);
-                  DBG->dbg_stop();  // at once: must end the thread all the same
+                  DBG->dbg_stop();  // immediately: must stop the thread too
                   DBG->init(&config);
               }));
     DebugGroup group(DBG_DEBUG, "NET");
     int index = 0;
     for (int groups = 2; groups < 100;
-         groups++) {  // behind "DEFAULT" of the failure and of the success
+         groups++) {  // after "DEFAULT" of the failure and of the success
         index = DBG->register_dbg_group(&group);
         EXPECT_EQ(groups, index);
     }
@@ -59,7 +59,7 @@ TEST(Logger, FiltersAndLaysOutLines)
               LogCapture::bare(lines));
 }
 
-// The log below a directory of the test's own, with a writer thread that ends at once.
+// The log in a directory of the test, with a writer thread that exits immediately.
 struct LogFile {
     LogFile()
     {
@@ -106,21 +106,21 @@ TEST(Logger, WritesItsFileInBlocksAndNotesWhatWasLost)
     EXPECT_EQ(300U + 2048, size(0, 5));
     std::size_t expected = 300 + 2500;
     EXPECT_EQ(expected, size(0, 1));
-    poll(nullptr, 0, 0);  // from now on memory can be refused
+    poll(nullptr, 0, 0);  // from now on, allocations can fail
     for (const std::size_t full : {102400U, 102401U}) {
         LogFile::log(full);
         faults.refuse_memory(1, 1);
         DBG->Log(DBG_ERROR, "no memory for this");
-        std::atomic<bool> logged{false};  // orders nothing: what is lost has a lock of its own
+        std::atomic<bool> logged{false};  // relaxed: the lost messages have their own lock
         const std::jthread other([&logged] {
             for (int i = 0; i < 4; i++)
                 LogFile::log(100);
             logged.store(true, std::memory_order_relaxed);
         });
         EXPECT_TRUE(eventually([&logged] { return logged.load(std::memory_order_relaxed); }));
-        DBG->dbg_run();  // writes all and ends, since the logger is stopped
+        DBG->dbg_run();  // writes everything and returns, because the logger is stopped
         EXPECT_EQ(full == 102400 ? 1 : 2, faults.calls("fsync"));
-        expected += full + (full == 102400 ? 100 : 0);  // one more fits then
+        expected += full + (full == 102400 ? 100 : 0);  // then one more fits
         const std::string note = file.text().substr(expected);
         EXPECT_EQ(std::string(" [WARN] LOG FILE WRITE OVERFLOW: ") + (full == 102400 ? "4" : "5") +
                       "messages lost\n",
@@ -142,7 +142,7 @@ TEST(Logger, RotatesItsFileAtTwentyMegabytes)
         if (size < LIMIT) {
             EXPECT_EQ(size + 2500, std::filesystem::file_size(live));
             LogFile::log(2500);
-            DBG->dbg_write_file(false, false);  // whole, since it is the last
+            DBG->dbg_write_file(false, false);  // all, because it is the last
         }
         EXPECT_EQ(1, file.files());
     }

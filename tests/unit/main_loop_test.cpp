@@ -1,4 +1,4 @@
-// The main loop, pass by pass: datagrams come while it waits.
+// The main loop, pass by pass; datagrams arrive while it waits.
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -14,7 +14,7 @@ static Faults& faults = Faults::self();
 static const std::string NEAR = "QOS_EV_TYPE=QOS_NEAREND\nQOS_EV_RTCP_CNAME=",
                          EOS = "QOS_EV_TYPE=QOS_EOS_NEAREND\nQOS_EV_RTCP_CNAME=";
 
-// What was handed on, with one blank between two columns.
+// The lines passed on, with one blank between columns.
 static std::string handed_on()
 {
     std::string log = std::regex_replace(LogCapture::take(), std::regex("  +"), " ");
@@ -23,7 +23,7 @@ static std::string handed_on()
     return replaced(log, "[DEBUG] WebClient::WC_Write() new event: {\"message\":", "post");
 }
 
-// No thread runs, so the log tells all that happens in its order.
+// No other thread runs, so the log shows the order of events.
 TEST(MainLoop, HandsOnWhatComes)
 {
     LogCapture log;

@@ -1,4 +1,4 @@
-// A lack of memory costs a queue one record, which is counted.
+// If memory is short, a queue loses one record and counts it.
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -33,7 +33,7 @@ TEST(Memory, QueuesTakeARecordWholeOrCountIt)
                           record(reinterpret_cast<const char*>(voice.get_pcap_packet()),
                                  static_cast<std::size_t>(voice.get_pcap_size()));
         const auto refused_once = [](auto write) {
-            poll(nullptr, 0, 0);  // from now on allocations count
+            poll(nullptr, 0, 0);  // from now on, allocations count
             faults.refuse_memory(1, 1);
             const bool is_lost = write() == 0;
             faults.disarm();

@@ -27,7 +27,7 @@ TEST(Receiver, ReadsEveryDatagram)
         const auto voice = [&] { return receiver.ReceiveVoicePacket(buffer.data(), SIZE); };
         EXPECT_EQ(0, qos());  // before any wait
         send_udp(faults.ports[0], std::string(40000, 'L'));
-        send_udp(faults.ports[0], "short", 2);  // every address of the machine
+        send_udp(faults.ports[0], "short", 2);  // works on every local address
         send_udp(faults.ports[0], "");
         send_udp(faults.ports[0], "behind");
         send_udp(faults.ports[1], std::string("v\0w", 3));

@@ -1,4 +1,4 @@
-// Reports. Voice records go through the main loop in its test.
+// Reports. The test of the main loop covers voice records.
 #include <gmock/gmock.h>
 
 #include "records/qos_packet.h"

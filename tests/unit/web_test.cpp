@@ -11,14 +11,14 @@
 
 static Faults& faults = Faults::self();
 
-// Without workers: the test looks at the buffer itself.
+// Without workers: the test checks the buffer itself.
 struct IdleClient : WebClient {
     explicit IdleClient(ConfigFile config = config_of("elastic_url=http://127.0.0.1:1/"))
         : WebClient((faults.arm("pthread_create", 1, EAGAIN, true), &config))
     {
         LogCapture::take();
     }
-    // Offers so many JSON lines of so many bytes. Returns what the last has added.
+    // Offers this many JSON lines of this size. Returns how many bytes the last one added.
     int write(std::size_t size, int lines = 1)
     {
         const std::string text = "QOS_EV_TYPE=QOS_NEAREND\nQOS_EV_RTCP_CNAME=";
@@ -60,7 +60,7 @@ TEST(WebClient, SaysHowMuchItPostsWhateverFails)
 {
     struct Row {
         const char* what;
-        int failing;            // of the calls that set a body and its size
+        int failing;            // which call that sets a body or its size
         std::size_t posted[2];  // bytes, of bodies of 204 and 504
         const char* logged;
     };
@@ -72,7 +72,7 @@ TEST(WebClient, SaysHowMuchItPostsWhateverFails)
     LogCapture log;
     for (const Row& row : rows) {
         std::map<long, long> options;
-        std::set<long> bodies;  // libcurl may use any of them at any time
+        std::set<long> bodies;  // libcurl may use any of them
         Faults::set_watch([&](std::string_view function, long option, long value) {
             if (function != "curl_easy_setopt")
                 return;
