@@ -38,7 +38,7 @@ std::vector<Metric> metrics_of(const LiveState& state, const Findings& findings)
     Metric free{
         "voxstat_filesystem_free_bytes", "Free space that the daemon can use.", "directory", {}};
     Metric problems{"voxstat_check_problems",
-                    "Number of errors and of warnings.",
+                    "Number of findings of this severity.",
                     "severity",
                     {{"error", findings.errors()}, {"warning", findings.warnings()}}};
 

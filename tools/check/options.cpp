@@ -41,8 +41,8 @@ void print_key(const keys::Key& key)
 {
     std::printf(
         "Usage: voxstat-check [-f FILE] [--user NAME] [--post]\n"
-        "                     [--live [--format FORMAT | --nagios] [--since PERIOD] [--state "
-        "FILE]]\n"
+        "                     [--live [--format FORMAT | --nagios]\n"
+        "                             [--since PERIOD [--state FILE]]]\n"
         "\n"
         "Checks a configuration of voxstat and shows what its daemon has lost.\n"
         "\n"
