@@ -1,7 +1,7 @@
 "use strict";
 // The page's charts. A chart: [title, curves, range of the values]; a curve: [label, colour, dashes, points].
 
-const TIME_STEPS_S = [1, 5, 15, 60, 300, 900, 3600, 14400, 86400];    // between the marks of a time axis
+const TIME_STEPS_S = [1, 5, 15, 60, 300, 900, 3600, 14400, 86400];    // between the ticks of a time axis
 
 function drawCharts(place, charts, time) {
     for (const canvas of place.querySelectorAll("canvas"))
@@ -43,7 +43,7 @@ const timeLabel = (seconds, span) =>
 const points = (rows, column, factor = 1, later = 0) =>
     rows.map(row => ({x: row.t + later, y: row[column] * factor}));
 
-// The charts of a fleet and of a call; curves(column, factor) gives the curves of one.
+// The charts of a fleet and of a call. curves(column, factor) returns the curves of one chart.
 const charts = curves => [["Loss (%)", curves("loss", 1), {min: 0}],
     [`Jitter (${delayUnit()})`, curves("jitter", scaled(1)), {min: 0}],
     [`Round trip (${delayUnit()})`, curves("rtt", scaled(1)), {min: 0}]];

@@ -1,12 +1,12 @@
 "use strict";
-// The page of the fleet. What the viewer chooses stands in the address, so that a link shows the same. The gateway's
-// fixed queries take numbers, and texts in hexadecimal form. Times are the store's, whatever the browser's clock says.
+// The page of the fleet. The address contains the viewer's selection, so a link shows the same. The gateway's fixed
+// queries take numbers, and texts in hexadecimal form. All times are by the store's clock, not the browser's.
 
 const DAY_S = 86400;
 const SILENT_AFTER_S = 600;                     // two heartbeats missed
 const HEARTBEATS_S = 7 * DAY_S;                 // how far back the page looks for a unit's last heartbeat
 const POLL_MS = 3000, LATE_MS = 6000;           // a store that does not answer is noticed within 10 s
-const TIMEOUT_MS = 40000;                       // a silent node makes answers late, but they come
+const TIMEOUT_MS = 40000;                       // a node that hangs delays answers, but they arrive
 const REFRESH_S = 60, RETRY_S = 10;
 const STEPS = 90;                               // points of a curve over the chosen time
 const DEFAULTS = {period: "900", from: "", to: "", site: "", unit: "", find: "", call: "", scale: "1"};
@@ -16,13 +16,13 @@ const address = changes => "#" + new URLSearchParams(Object.keys(DEFAULTS)
     .map(name => [name, String(changes[name] ?? chosen(name))]).filter(([name, value]) => value !== DEFAULTS[name]));
 const go = changes => { location.hash = address(changes); };
 
-let clock;              // what the store's clock is ahead of the browser's count of seconds
+let clock;              // the store's clock minus performance.now(), in seconds
 const now = () => clock + performance.now() / 1000;
 let down = [];          // the shards that do not answer
 let expected = {};      // the rows of the expected units by their serial numbers
-let rounds = 0;         // how often the page was refreshed
-let finished = -Infinity;   // when the last round was complete; Infinity while one goes on, -Infinity before it
-let unreachable = "";   // why the store does not answer
+let rounds = 0;         // number of refreshes started
+let finished = -Infinity;   // when the last round completed; Infinity during a round, -Infinity before it
+let unreachable = "";   // why the store does not answer, or empty
 
 const hex = text => [...new TextEncoder().encode(text)].map(byte => byte.toString(16).padStart(2, "0")).join("");
 const unhex = digits =>
@@ -38,7 +38,7 @@ function chosenTime() {
 
 // The rows of a query's answer, and how many there are without its limit.
 async function ask(query, parameters) {
-    // from the origin: the page's own address may have a password in it
+    // from the origin, because the page's own address may contain a password
     const url = `${location.origin}/query/${query}?${new URLSearchParams(parameters)}`;
     const text = await (await fetch(url, {signal: AbortSignal.timeout(TIMEOUT_MS)})).text();
     try {
@@ -51,12 +51,12 @@ async function ask(query, parameters) {
 
 const reasonOf = ({name, message}) => name === "TimeoutError" ? "No answer in time." : message;
 
-// Of each query: how often it was asked, when its part of the page was drawn, and why it failed if it did.
+// For each query: how often it was asked, when its part of the page was drawn, and why it failed, if it did.
 const parts = {};
 const placesOf = query => document.querySelectorAll(`[data-query=${query}]`);
 
 // Asks with each set of parameters and draws the answers unless the query was asked again meanwhile. When it fails,
-// its part of the page stays and says how old it is.
+// its part of the page stays and shows its age.
 async function show(query, parameters, draw) {
     const part = parts[query] ??= {asked: 0}, turn = ++part.asked;
     let failure = "";
@@ -92,7 +92,7 @@ function showState() {
         : `Old data in: ${failed.map(([query]) => query.replace("_", " ")).join(", ")}.`,
     ...reasons, "The page retries on its own."].join("\n") : "";
     element("error").hidden = !text;
-    if (element("error").textContent !== text)      // else it would be read out again
+    if (element("error").textContent !== text)      // a screen reader would repeat it
         element("error").textContent = text;
 }
 
@@ -117,7 +117,7 @@ function fillSelect(id, all, options) {
     const select = element(id), value = chosen(id);
     const wanted = new Map([["", all], ...options, ...(value ? [[value, new Map(options).get(value) ?? value]] : [])]);
     const key = JSON.stringify([...wanted]);
-    if (select.dataset.options !== key)     // else an open list would close
+    if (select.dataset.options !== key)     // replacing them would close an open list
         select.replaceChildren(...[...wanted].map(([option, text]) => create("option", {value: option}, text)));
     select.dataset.options = key;
     select.value = value;
@@ -149,7 +149,7 @@ function showSilent(rows, {from, to}) {
         `Units that are not expected (not in units.csv): ${number(known.filter(row => !row.expected).length)}.`);
 }
 
-// The heading of a query's part, with a count in it.
+// Sets the heading of a query's part, with a count.
 function countIn(query, title, count, form = value => value ? number(value) : "none") {
     document.querySelector(`[data-query=${query}] h2`).replaceChildren(title,
         create("span", {className: count ? "bad" : ""}, form(count)));
@@ -206,10 +206,10 @@ function showTrend(rows, before, time) {
         from.length ? figure(column, mean(from, column), form) : "–")]));
 }
 
-// What to ask for the chosen call, and how to draw it.
+// The query, its parameters and the drawing function for the chosen call.
 function callQuery({to}, opened) {
     const [id, since, until] = chosen("call").split("_"), [sn, gcid, tid] = id.split(".");
-    const period = {from: Number(since), to: Math.max(to, Number(until) + 1)};      // it may have gone on
+    const period = {from: Number(since), to: Math.max(to, Number(until) + 1)};      // the call may continue
     return ["call", {...period, sn, gcid, tid}, (latest, total) => {
         const reports = latest.reverse(), section = element("call");
         const begin = reports[0]?.t ?? Number(since), end = reports.at(-1)?.t ?? Number(until);
@@ -228,10 +228,10 @@ function callQuery({to}, opened) {
     }];
 }
 
-// --- what keeps it going -------------------------------------------------------------------------
+// --- refresh -------------------------------------------------------------------------------------
 
-// Asks one query after another, so that the store has little to do at once and silent units show first. A new choice
-// ends the round that it meets.
+// Asks one query after another, to keep the load on the store low and to show silent units first. A new selection
+// cancels the current round.
 async function refresh(opened = false) {
     const mine = ++rounds;
     finished = -Infinity;

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Writes the configuration of a fleet's nodes and gateway, and loads the list of expected units.
 
-    fleet.py DIRECTORY NODE...      first run; later runs keep what they are not told
+    fleet.py DIRECTORY NODE...      first run; later runs keep all settings that are not given again
     fleet.py --units DIRECTORY      after a change of DIRECTORY/units.csv
 
-A node is NAME, ADDRESS or NAME=ADDRESS. docs/fleet.md says what goes where.
+A node is NAME, ADDRESS or NAME=ADDRESS. docs/fleet.md says where to install the files.
 """
 import argparse
 import base64
@@ -25,12 +25,12 @@ import urllib.request
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-# What a parameter may look like, and how it then stands in the statement.
+# The pattern of a parameter's value, and its form in the statement.
 KINDS = {"UInt32": (r"\d{1,10}", "%s"), "Float64": (r"\d{1,6}(?:\.\d{1,9})?", "%s"),
          "String": (r"(?:[0-9A-Fa-f]{2}){0,1023}", "unhex('%s')")}
 PARAMETER = re.compile(r"\{(\w+):(\w+)\}")
-SERIAL = re.compile(r"[A-Za-z0-9_-]{1,32}")     # a user name, a file name and a word of a URL as well
-SN_LENGTH = 5       # so many characters of it stand in a line
+SERIAL = re.compile(r"[A-Za-z0-9_-]{1,32}")     # also a user name, a file name and part of a URL
+SN_LENGTH = 5       # characters of it in a line
 DATA = "/var/lib/clickhouse"
 
 Node = collections.namedtuple("Node", "name address native http data", defaults=(9000, 8123, DATA))
@@ -48,12 +48,12 @@ COMMON = {path.stem: one_statement(path.read_text()) for path in HERE.glob("quer
 
 
 def expand(text, values):
-    """Puts in for each @name@ its value, whose own names are put in as well."""
+    """Replaces each @name@ by its value, also within values."""
     return re.sub(r"@(\w+)@", lambda match: expand(str(values[match[1]]), values), text)
 
 
 def queries(nodes, replicas, places="queries/*.sql"):
-    """The statements by their names, for a fleet of these nodes."""
+    """{name: statement} for a fleet of these nodes."""
     shards = [nodes[first:first + replicas] for first in range(0, len(nodes), replicas)]
     values = {**COMMON, "SHARDS": len(shards),
               "NODES": "[%s]" % ", ".join("[%s]" % ", ".join(f"'{node.name}'" for node in shard) for shard in shards)}
@@ -65,7 +65,7 @@ def in_url(host):
 
 
 def parse_node(text):
-    """A Node; the name is looked up here and now, so that a gateway or node starts without its name server."""
+    """A Node. Resolves the name now, so that gateway and nodes can start without DNS."""
     name, _, address = (part.removeprefix("[").removesuffix("]") for part in text.partition("="))
     if not re.fullmatch(r"[A-Za-z0-9:][A-Za-z0-9.:-]*", name):
         sys.exit(f'fleet.py: "{text}" is neither a host name nor an IP address')
@@ -91,7 +91,7 @@ def parse_nodes(texts, replicas):
 
 
 def read_units(path):
-    """(serial, name, site) of each expected unit; none without the file."""
+    """[serial, name, site] of each expected unit; empty without the file."""
     if not path.exists():
         return []
     with open(path, encoding="utf-8-sig", newline="") as file:
@@ -110,7 +110,7 @@ def read_units(path):
 
 
 def parameter_map(name, kind):
-    """A parameter of a request that has passed its test, as it stands in the statement; any other as an empty one."""
+    """The map that checks a request's parameter and gives its form in the statement; empty if it is invalid."""
     pattern, form = KINDS[kind]
     return f'map $arg_{name} $fleet_{name} {{ default "{form % ""}"; "~^{pattern}$" "{form % ("$arg_" + name)}"; }}'
 
@@ -120,14 +120,14 @@ def in_arguments(sql):
 
 
 def query_location(name, sql):
-    """The statement is fixed here; nginx puts in the parameters."""
+    """The statement is fixed here; nginx inserts the parameters."""
     return (f"        location = /query/{name} {{\n"
             f"            set $args \"default_format=JSON&query={in_arguments(sql)}\";\n"
             "            limit_except GET { deny all; }\n            proxy_pass http://fleet_queries/;\n        }")
 
 
 def replica(node, key):
-    # with a database of its own no node counts as local, so that its rows, too, come in large blocks
+    # with a default database no node counts as local, so its own rows also arrive in large blocks
     return (f"<replica><host>{node.address}</host><port>{node.native}</port><user>gateway{key[0]}</user>"
             f"<password>{key[1]}</password><default_database>fleet</default_database></replica>")
 
@@ -143,13 +143,14 @@ def add_password(path, user):
     if path.exists():
         return None
     password, salt = secrets.token_hex(16), secrets.token_bytes(8)
-    digest = hashlib.sha1(password.encode() + salt).digest() + salt     # long and random, so a fast hash does
+    digest = hashlib.sha1(password.encode() + salt).digest() + salt     # long and random, so a fast hash is enough
     path.write_text(f"{user}:{{SSHA}}{base64.b64encode(digest).decode()}\n")
     return password
 
 
 def write_passwords(gateway, serials):
-    """Of new users; {user: password}. The units' users each have a file, which nginx finds sooner than a line."""
+    """Adds and removes users; returns {user: password} of new ones. Each unit's user has its own file, because nginx
+    finds a file faster than a line."""
     (gateway / "units").mkdir(exist_ok=True)
     known = [path.name for path in (gateway / "units").iterdir()]
     for user in known:
@@ -163,9 +164,9 @@ def write_passwords(gateway, serials):
 
 def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, engine_listen="127.0.0.1", rate=100,
                         timeout=10, ms=1, log="/var/log/nginx"):
-    """Everything but the passwords, in gateway/ and nodes/NAME/. keys: what gateway and nodes know each other by; the
-    last one is used, those before it still count. home: where the gateway will find its folder. ms: of the unit of
-    jitter and round-trip time, for the metrics; the page has its own."""
+    """Writes everything except the passwords to gateway/ and nodes/NAME/. keys: with which gateway and nodes log in to
+    each other; the last one is used, and earlier ones are still accepted. home: path of gateway/ on the gateway. ms:
+    milliseconds in the unit of jitter and round-trip time, for the metrics; viewers of the page select their own."""
     gateway = directory / "gateway"
     current = len(keys), keys[-1]
     sql = queries(nodes, replicas)
@@ -203,7 +204,7 @@ def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, e
 
 
 def node_sql(node, key, number, text, body=b""):
-    """Raises OSError unless the node has done it."""
+    """Runs a statement; raises OSError if the node fails."""
     url = f"http://{in_url(node.address)}:{node.http}/?" + urllib.parse.urlencode({"query": text})
     head = {"X-ClickHouse-User": f"gateway{number}", "X-ClickHouse-Key": key}
     with urllib.request.urlopen(urllib.request.Request(url, body, head), timeout=30) as answer:
@@ -211,7 +212,7 @@ def node_sql(node, key, number, text, body=b""):
 
 
 def load_units(node, keys, units):
-    """Puts these units in the place of those that the node has."""
+    """Replaces the node's list of units."""
     rows = "".join("\t".join(re.sub(r"[\\\t\n]", lambda found: {"\\": r"\\", "\t": r"\t", "\n": r"\n"}[found[0]], word)
                              for word in (serial[:SN_LENGTH], name, site)) + "\n" for serial, name, site in units)
     for text in ("DROP TABLE IF EXISTS fleet.units_new", "DROP TABLE IF EXISTS fleet.units_old",
@@ -223,7 +224,7 @@ def load_units(node, keys, units):
 
 
 def load_on_all(nodes, keys, units):
-    """Whether every node has them."""
+    """Returns True if every node has loaded them."""
     failed = 0
     for node in nodes:
         try:
@@ -238,14 +239,14 @@ def load_on_all(nodes, keys, units):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description="Writes the configuration of a fleet's nodes and gateway.")
-    parser.add_argument("--home", help="where the gateway will find DIRECTORY/gateway, if elsewhere")
-    parser.add_argument("--rate", type=int, help="batches a second from one unit (100)")
+    parser.add_argument("--home", help="path of DIRECTORY/gateway on the gateway, if different")
+    parser.add_argument("--rate", type=int, help="maximum batches per second from one unit (100)")
     parser.add_argument("--replicas", type=int, help="nodes of each shard (1)")
-    parser.add_argument("--ms", type=float, help="for /metrics: what jitter and round-trip time are in (1)")
+    parser.add_argument("--ms", type=float, help="for /metrics: milliseconds per unit of jitter and round trip (1)")
     parser.add_argument("--units", action="store_true", help="also load units.csv into all nodes")
-    parser.add_argument("--rotate", metavar="USER", help="also make one more password for this unit")
-    parser.add_argument("--new-key", action="store_true", help="give gateway and nodes a new key; old ones still count")
-    parser.add_argument("--only-new-key", action="store_true", help="let the old keys no longer count")
+    parser.add_argument("--rotate", metavar="USER", help="also add a second password for this unit")
+    parser.add_argument("--new-key", action="store_true", help="add a key for gateway and nodes; old ones stay valid")
+    parser.add_argument("--only-new-key", action="store_true", help="remove all keys except the newest")
     parser.add_argument("directory", type=Path)
     parser.add_argument("node", nargs="*", help="NAME, ADDRESS or NAME=ADDRESS; the replicas of a shard in a row")
     return parser.parse_intermixed_args()

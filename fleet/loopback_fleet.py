@@ -1,4 +1,4 @@
-"""A fleet's engine nodes and gateway on loopback, with all their files below one directory: for trials, tests and
+"""Runs a fleet's nodes and gateway on loopback, with all files below one directory, for trials, tests and
 measurements."""
 import base64
 import contextlib
@@ -26,7 +26,7 @@ def make_certificate(directory, name):
 
 
 def run(command, directory):
-    """A child that ends with this process, however that ends."""
+    """Starts a child process that is killed when this process exits for any reason."""
     with open(directory / "out", "ab") as out:
         return subprocess.Popen(["setpriv", "--pdeathsig", "TERM", *command], cwd=directory, stdout=out, stderr=out,
                                 stdin=subprocess.DEVNULL)
@@ -60,7 +60,7 @@ class Engine:
             self.sql(statement)
 
     def sql(self, text, **settings):
-        """As the administrator; raises urllib.error.HTTPError if the engine refuses it."""
+        """Runs a statement as the administrator; raises urllib.error.HTTPError if it fails."""
         url = f"http://127.0.0.1:{self.http}/?" + urllib.parse.urlencode(settings)
         with urllib.request.urlopen(url, text.encode(), timeout=60) as answer:
             return answer.read().decode(errors="surrogateescape")
@@ -80,7 +80,7 @@ class Engine:
 
 @contextlib.contextmanager
 def running_fleet(directory, **options):
-    """A Fleet with these options that is up; it ends with the block, or with this process."""
+    """A running Fleet with these options. It stops at the end of the block, or with this process."""
     fleet = Fleet(directory, **options)
     try:
         fleet.start()
@@ -90,7 +90,7 @@ def running_fleet(directory, **options):
 
 
 class Fleet:
-    """units: the text of units.csv. Without it, nobody is expected, and all units share the user "unit"."""
+    """units: the text of units.csv. Without it, no unit is expected, and all units share the user "unit"."""
 
     def __init__(self, directory, shards=2, replicas=1, rate=10000, timeout=10, units=None, connections=4000):
         self.directory = Path(directory)
@@ -162,7 +162,7 @@ class Fleet:
         return self.request(f"/query/{query}?" + urllib.parse.urlencode(words), "viewer")
 
     def stop(self):
-        """At once: what was not delivered stays in the directory."""
+        """Does not wait for deliveries: spool files stay in the directory."""
         for process in (self.gateway, *(engine.process for engine in self.nodes)):
             if process:
                 process.terminate() if process is self.gateway else process.kill()

@@ -1,5 +1,5 @@
--- What Prometheus reads. A unit is heard if a heartbeat or a report of it came within ten minutes; reports count for
--- five minutes.
+-- The metrics for Prometheus. A unit is heard if a heartbeat or a report arrived within ten minutes. Figures of reports
+-- cover five minutes.
 SELECT concat(
     '# HELP voxstat_fleet_', row.1 AS metric, ' ', any(row.2), '\n# TYPE voxstat_fleet_', metric, ' gauge\n',
     arrayStringConcat(groupArray(concat('voxstat_fleet_', metric, labels, ' ', toString(row.3))), '\n'))

@@ -1,8 +1,8 @@
 "use strict";
-// How the page writes figures, and its tables. Text from reports and from units.csv becomes text nodes, never HTML.
+// Formats of figures, and the tables of the page. Text from reports and from units.csv becomes text nodes, never HTML.
 
 const ROWS_SHOWN = 10;
-// A figure is fair from the first value on and bad from the second one on; a MOS is below them.
+// A figure is fair from the first value, and bad from the second; a MOS, below them.
 const LIMITS = {loss: [0.5, 1], jitter: [15, 30], rtt: [150, 300], mos: [4, 3.6]};
 
 const element = id => document.getElementById(id);
@@ -26,7 +26,7 @@ function create(tag, properties, ...children) {
     return made;
 }
 
-// "bad", "fair" or nothing, for a figure whose key begins with its kind.
+// "bad", "fair" or an empty text, for a figure. Its key begins with its kind.
 function level(key, value) {
     const kind = key.split("_")[0], limits = LIMITS[kind];
     if (!limits || kind === "mos" && !msPerUnit())
@@ -46,8 +46,8 @@ const legend = () => `Fair: from ${LIMITS.loss[0]} % loss, ${LIMITS.jitter[0]} m
     `round trip on, or a MOS below ${LIMITS.mos[0]}. Bad: from ${LIMITS.loss[1]} %, ${LIMITS.jitter[1]} ms or ` +
     `${LIMITS.rtt[1]} ms on, or a MOS below ${LIMITS.mos[1]}. Without a word: good. MOS is an estimate.`;
 
-// A column: [key, title, form of its values (without one it is text), address that its text links to].
-const tables = {};      // of each: its order, and whether it shows all rows
+// A column: [key, title, format (text if there is none), address that its text links to].
+const tables = {};      // for each: its order, and whether it shows all rows
 
 function showTable(id, columns, rows, caption) {
     const place = document.querySelector(`[data-table=${id}]`), table = tables[id] ??= {};
@@ -88,7 +88,7 @@ function showTable(id, columns, rows, caption) {
             ?.focus({preventScroll: true});
 }
 
-// Spreadsheets take a text that begins like a formula for one, so it gets an apostrophe.
+// Spreadsheets execute a text that begins like a formula, so it gets an apostrophe.
 function csvText(columns, rows) {
     const quoted = value => `"${String(value).replaceAll('"', '""')}"`;
     const cell = (value, form) => typeof value === "string" ? value.replace(/^[=+\-@\t\r]/, "'$&")

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Tries the fleet out on loopback: two engine nodes, the gateway, and twenty daemons with simulated calls.
+"""Runs a fleet on loopback: two engine nodes, the gateway, and twenty daemons with simulated calls.
 
 Shows what the queries answer, takes a picture of the page, and stays until Ctrl-C (--once: ends by itself).
 """
@@ -23,7 +23,7 @@ PICTURE = HERE.parent / "build/fleet.png"
 
 @contextlib.contextmanager
 def running_units(store, count):
-    """The ports of so many daemons that post to the store and end with the block."""
+    """Runs this many daemons, which post to the store, until the end of the block. Yields their ports."""
     units = {}
     try:
         for number in range(count):

@@ -1,4 +1,4 @@
--- One call over time, both ends, the latest reports first.
+-- The reports of one call, both streams, latest first.
 SELECT toUInt32(at) + ms / 1000 AS t, type, loss, jitter, rtt, lost, packets, name, far_end, port, ssrc
 FROM fleet.reports
 WHERE at >= toDateTime({from:UInt32}) AND at < toDateTime({to:UInt32})

@@ -1,4 +1,4 @@
--- How many units sent anything in the chosen time, how many are expected, and how many calls there were.
+-- How many units were heard in the chosen time, how many are expected, and the number of calls.
 SELECT
     uniqExact(sn) AS units, sum(calls) AS calls, sum(reports) AS reports,
     (SELECT count() FROM fleet.units WHERE @UNITS@) AS expected

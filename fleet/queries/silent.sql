@@ -1,6 +1,6 @@
--- Units that had sent neither heartbeat nor report for more than {after} seconds at the end of the chosen time, and
--- units that are not expected. Of those, the ones that were heard within a day. Without expected units, none is marked.
--- last_heartbeat is 0 for none since {since}, last_report for none since {from}.
+-- Units that were silent for more than {after} seconds at the end of the chosen time, and units that are not expected
+-- but were heard within a day. If no unit is expected, none is marked as not expected. last_heartbeat is 0 if there was
+-- none since {since}, and last_report is 0 if there was none since {from}.
 SELECT
     sn AS unit, max(label) AS unit_name, max(place) AS site,
     toUInt32(max(heartbeat)) AS last_heartbeat, toUInt32(max(report)) AS last_report,

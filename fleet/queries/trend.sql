@@ -1,4 +1,4 @@
--- Means over time, in steps of so many seconds. ms converts jitter and round-trip time to milliseconds. The 95th
+-- Means over time, in steps of {step} seconds. ms converts jitter and round-trip time to milliseconds. The 95th
 -- percentiles are exact up to 30,000 of the reported unit.
 SELECT
     intDiv(toUInt32(at), {step:UInt32}) * {step:UInt32} AS t,

@@ -1,5 +1,5 @@
--- The hundred worst calls. id names a call to call.sql, whatever bytes the names have. The calls are found by their
--- hash first, because keeping the names of all calls costs more than reading those of a hundred.
+-- The hundred worst calls. id identifies a call for call.sql, whatever bytes its names contain. Calls are found by
+-- their hash first, because storing the names of all calls costs more than reading those of a hundred.
 SELECT
     concat(hex(any(sn)), '.', hex(any(gcid)), '.', hex(any(tid))) AS id,
     any(sn) AS unit, any(name) AS rtcp_name, any(gcid) AS call, any(tid) AS terminal,
