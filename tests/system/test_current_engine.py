@@ -26,7 +26,7 @@ PACKAGE = "chdb@3"
 
 
 class CurrentEngine:
-    """Has what the tests use of a fleet."""
+    """The operations of a Fleet that the tests use."""
 
     def __init__(self, directory):
         self.process = subprocess.Popen(

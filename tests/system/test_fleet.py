@@ -1,4 +1,4 @@
-"""The store of many units: two engine nodes and the gateway on loopback, fed by real daemons."""
+"""The fleet's store: two nodes and the gateway on loopback, with real daemons."""
 import contextlib
 import csv
 import json
@@ -38,7 +38,7 @@ def names(fleet):
 
 
 def stored_lines(fleet):
-    """What the store has, as the lines that it came from."""
+    """The rows of the store, as the lines from which they were made."""
     columns = {"TIME_STAMP_SEC": "toUInt32(time)", "TIME_STAMP_USEC": "ms * 1000", "GCID": "gcid", "TID": "tid",
                "FAR_END_IP": "far_end", "PORT": "port", "PACKETS": "packets", "LOST_SINCE_LAST_REPORT": "lost",
                "LOST_LOST_SINCE_LAST_REPORT_PERCENT": "loss", "JITTER_AVG": "jitter", "RTT_AVG": "rtt", "SSRC": "ssrc",
@@ -53,20 +53,20 @@ def stored_lines(fleet):
 HOSTILE = ["back\\slash at the end\\", 'quo"te', '"quoted"', "it's", '"},', '"}', "tab\there", "\x01\x1b[31m", "a, b",
            "<img src=x onerror=alert(1)>", "'; DROP TABLE fleet.reports_shard; --", "  blanks  ", "", "\udcff\udcfe",
            "grün"]
-LOST = [{"RTCP_CNAME": "carriage\rreturn"}, {"RTCP_CNAME": "at the end\r"},     # taken for an end of the line
+LOST = [{"RTCP_CNAME": "carriage\rreturn"}, {"RTCP_CNAME": "at the end\r"},     # counts as the end of the line
         {"LOST_LOST_SINCE_LAST_REPORT_PERCENT": "nan"}]
 
 
 @pytest.mark.parametrize("fleet", [{"timeout": 60}], indirect=True)    # a slow answer costs no batch
 def test_every_report_of_twenty_units(fleet, start):
-    """Once, and equal to the line in the unit's own file; what an odd report costs is its own row at most. A service
-    report is no report but a heartbeat."""
+    """Each row is stored once and is equal to the line in the unit's own file. A malformed report loses only its own
+    row. A service report is stored as a heartbeat, not as a report."""
     units = [start(serial=f"U{number:02d}-long", elastic_url=fleet.elastic_url()) for number in range(20)]
     traffic = [subprocess.Popen([BUILD / "tools/voxstat-sim", "--port", str(unit.port), "--calls", "3", "--speed",
                                  "100", "--seed", str(number)], stdout=subprocess.PIPE, text=True)
                for number, unit in enumerate(units)]
     odd = [{"RTCP_CNAME": name} for name in HOSTILE] + LOST
-    # a loss that cannot be is stored as 100 %
+    # an impossible loss is stored as 100 %
     odd.append({"PORT": 123456, "PACKETS": 2000000000, "LOST_SINCE_LAST_REPORT": -12345, "JITTER_AVG": 9999999,
                 "LOST_LOST_SINCE_LAST_REPORT_PERCENT": 12345, "SSRC": "longer123456", "TIME_STAMP_SEC": 0})
     units[0].send(*(report(**fields).encode("utf-8", "surrogateescape") for fields in odd))
@@ -139,7 +139,7 @@ def test_queries(fleet):
                       for column in columns.split()) for row in json.loads(answer)["data"]]
 
     # By hand: R is 93.2 without impairment, 80.5 at a delay of 240 ms, and 89.6, 86.2, 77.4 and 57.7 at 1, 2, 5 and
-    # 15 % of loss. More of such figures are in a table that voxstat-plot is tested with as well.
+    # 15 % of loss. The tests of voxstat-plot use the same table of further figures.
     with open(ROOT / "tests/system/data/speech_quality.csv") as table:
         figures = list(csv.DictReader(table))
     post(fleet, *(call(row["call"], gcid=row["call"], sn="Q", seconds=now - 5000, loss=row["loss_percent"],
@@ -175,7 +175,7 @@ def test_queries(fleet):
     assert rows("shards", "shard total up") == [(0, 2, 1), (1, 2, 1)]
 
 
-REFUSED = [  # units.csv, nodes, what the set-up says
+REFUSED = [  # units.csv, nodes, message of fleet.py
     ("", ["a<b=::1"], "neither a host name"), ("", ["fe80::1%<x>"], "neither a host name"),
     ("", ["a=::1", "a=::2"], "the name a"), ("", ["127.0.0.1", "b=127.0.0.1"], "the address 127.0.0.1"),
     ("", ["n.invalid"], "cannot resolve n.invalid"), ("serial,site\n", ["::1"], "does not begin"),
@@ -215,7 +215,7 @@ UNITS = 'serial,name,site\nU1,one,"K""ö\\ln\nx"\nU2-long,two,Bonn\nU9,nine,Bonn
 
 @pytest.mark.parametrize("fleet", [{"units": UNITS, "shards": 1}], indirect=True)
 def test_metrics(fleet):
-    """Prometheus reads them, with a site's name that holds all that could break them; what cannot be is cut."""
+    """Prometheus can read the metrics, even with special characters in a site's name. Impossible values are limited."""
     rows = [call("x", sn="U1", jitter=-2147483648), call("x", sn="U1", loss=1e300, rtt=2147483647),
             call("x", sn="U2-lo", jitter=12), call("x", sn="U3", loss=-7)]
     assert fleet.request("/ingest", "U2-long", body=batch(rows[2:3]).encode())[0] == 200
@@ -260,7 +260,7 @@ scrape_configs:
 
 
 def test_over_tls(fleet, start):
-    """The machine's store of certificates is what a unit trusts; here, in a mount namespace."""
+    """A unit trusts the machine's store of certificates, here in a mount namespace."""
     launch = ["unshare", "-rm", "sh", "-c", 'mount --bind "$0" /etc/ssl/certs/ca-certificates.crt && exec "$@"',
               fleet.directory / "gateway/tls.crt"]
     if subprocess.run([*launch, "true"], capture_output=True).returncode != 0:

@@ -1,4 +1,4 @@
-"""Units post and a viewer asks while something happens to a node of the fleet."""
+"""Failures of a fleet's nodes while units post and a viewer reads."""
 import collections
 import json
 import os
@@ -18,7 +18,7 @@ SPOOL = "node*/data/data/fleet/lines/*"
 
 
 class Traffic:
-    """Four senders of batches of five lines, and the query of the page that shows the shards, until the block ends."""
+    """Four senders of batches of five lines, and the page's query for the shards, until the end of the block."""
 
     def __init__(self, store):
         self.store, self.going = store, True
@@ -59,10 +59,10 @@ class Traffic:
         wait_for(lambda: self.posts[200] > goal, 120, "for more batches")
 
     def settle(self, replicas):
-        """(lost lines, duplicate lines) when all is delivered; each replica must have all lines of its shard."""
+        """(lost lines, duplicate lines) after all deliveries; each replica must have all lines of its shard."""
         def delivered():
             for path in self.store.directory.glob(SPOOL + "/broken/*.bin"):
-                path.rename(path.parents[1] / path.name)    # the old release takes them for broken when their node dies
+                path.rename(path.parents[1] / path.name)    # 18.16 sets them aside as broken when their node dies
             return not [path for _ in range(2) for path in self.store.directory.glob(SPOOL + "/**/*.bin")]
         wait_for(delivered, 120, "for the deliveries")
         lost = duplicate = 0
@@ -118,7 +118,7 @@ def silence(traffic, engine):
 
 
 LONG = pytest.mark.long
-FAULTS = [  # shards, replicas, what happens to the last node; at most: refused posts, failed queries, seconds for one
+FAULTS = [  # shards, replicas, fault of the last node; maximum of refused posts, failed queries, seconds per query
     pytest.param(2, 1, kill, 12, 3, 5, id="the only node of a shard is killed"),
     pytest.param(1, 2, kill_thrice, 24, 3, 5, id="a replica is killed three times", marks=LONG),
     pytest.param(1, 2, shut_down, 8, 0, 9, id="a replica is shut down", marks=LONG),
@@ -128,7 +128,7 @@ FAULTS = [  # shards, replicas, what happens to the last node; at most: refused 
 
 @pytest.mark.parametrize("shards, replicas, fault, refused, failed, seconds", FAULTS)
 def test_no_acknowledged_line_is_lost(tmp_path, shards, replicas, fault, refused, failed, seconds):
-    """A delivery that a kill interrupts may be stored and repeated; the engine can take the duplicates out."""
+    """A delivery that a kill interrupts may be stored and repeated; the engine can remove the duplicates."""
     store = Fleet(tmp_path / "fleet", shards=shards, replicas=replicas)
     try:
         store.start()
@@ -166,7 +166,7 @@ def missing(store):
 
 @pytest.mark.long
 def test_a_replica_is_rebuilt(tmp_path):
-    """What docs/fleet.md says: an empty node gets what waits for it, the rest from its twin."""
+    """As in docs/fleet.md: an empty node gets the spool files that wait for it, and the rest from the other replica."""
     store = Fleet(tmp_path / "fleet", shards=1, replicas=2)
     try:
         store.start()
@@ -178,7 +178,7 @@ def test_a_replica_is_rebuilt(tmp_path):
             traffic.more()
             setup = store.directory / "nodes/node1/users.xml"
             users = setup.read_text()
-            setup.write_text(re.sub("(?s)<gateway1>.*</viewer1>", "", users))   # nobody delivers to a half-made node
+            setup.write_text(re.sub("(?s)<gateway1>.*</viewer1>", "", users))   # no deliveries before all tables exist
             restart(lost)
             lost.make_tables()
             setup.write_text(users)
@@ -187,7 +187,7 @@ def test_a_replica_is_rebuilt(tmp_path):
             traffic.more()
             lost.sql(f"INSERT INTO fleet.reports_shard SELECT * FROM remote('127.0.0.1:{twin.native}', fleet, "
                      f"reports_shard, 'gateway1', '{store.keys[-1]}')")
-        gone, _ = traffic.settle(2)     # with the disk went what the node had taken, and not delivered yet
+        gone, _ = traffic.settle(2)     # the lost disk had batches that were not delivered yet
         assert gone <= 2 * 125
         assert deduplicate(twin) == deduplicate(lost)
         assert len(traffic.accepted) - gone / 2 <= int(deduplicate(lost).split()[0])
@@ -228,7 +228,7 @@ def refuses(engine):
 
 @pytest.mark.parametrize("fleet", [{"connections": 300}], indirect=True)
 def test_slow_headers(fleet):  # noqa: F811
-    """Half-open requests that take all connections of the gateway are thrown out after five seconds."""
+    """The gateway closes incomplete requests after five seconds, even if they use all its connections."""
     slow = []
     try:
         for _ in range(1200):

@@ -27,7 +27,7 @@ PERIOD_S, DAY_S, LATE_S = 900, 86400, 2520
 
 
 class Store:
-    """Gives the recorded answers. faults: of a query, or of "" for all: a (status, text), or an event to wait for."""
+    """Serves the recorded answers. faults[query], or faults[""] for all, is a (status, text) or an event to wait for."""
 
     def __init__(self):
         self.answers, self.faults, self.asked = json.loads(RECORDED.read_text()), {}, []
@@ -82,7 +82,7 @@ class Page:
         wait_for(lambda: text in "\n".join(self.texts(selector)), seconds, f"for {text}")
 
     def press(self, selector):
-        """Enter, as soon as nothing is going to be drawn again."""
+        """Presses Enter as soon as no drawing is pending."""
         wait_for(lambda: self.run("return isFinite(finished)"), 20, "for the round's end")
         self.find(selector).send_keys("\n")
 
@@ -129,7 +129,7 @@ def size(page, width):
 
 
 def test_what_is_wrong_comes_first(store, page):
-    """The recorded answers are from another time than the browser's: the store's clock counts."""
+    """The page uses the store's clock: the recorded answers are older than the browser's time."""
     size(page, 1300)
     page.browser.get(store.url)
     page.shows("[data-query=trend] h2", "The whole fleet over time")
@@ -256,7 +256,7 @@ def fill(fleet, now):  # noqa: F811
 
 
 def ask_all(fleet, now):  # noqa: F811
-    """The answers that RECORDED has."""
+    """The answers for RECORDED."""
     period = {"from": now - PERIOD_S, "to": now, "ms": 1, "step": 10, "since": now - 7 * DAY_S, "after": 600}
     before = {**period, "from": now - PERIOD_S - DAY_S, "to": now - DAY_S}
     worst = json.loads(fleet.query("worst_calls", **period)[1])["data"][0]
@@ -268,7 +268,7 @@ def ask_all(fleet, now):  # noqa: F811
 
 @needs_engine
 def test_served_by_the_gateway(fleet, page):  # noqa: F811
-    """VOXSTAT_RECORD=1 records the answers again."""
+    """With VOXSTAT_RECORD=1, records the answers again."""
     now = int(time.time())
     fill(fleet, now)
     answers = ask_all(fleet, now)
