@@ -19,9 +19,9 @@ import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(ROOT / "fleet"))
+sys.path.insert(0, str(ROOT / "scripts"))
 from loopback_fleet import running_fleet, wait_for  # noqa: E402
-from trial import running_units  # noqa: E402
+from trial_fleet import running_units  # noqa: E402
 
 SECONDS = int(os.environ.get("SECONDS_EACH", 5))
 MILLIONS = 10

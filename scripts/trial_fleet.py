@@ -13,12 +13,12 @@ import tempfile
 import time
 from pathlib import Path
 
-from fleet import HERE
 from loopback_fleet import free_port, run, running_fleet, wait_for
 
-BUILD = HERE.parent / "build/release"
+ROOT = Path(__file__).resolve().parents[1]
+BUILD = ROOT / "build/release"
 UNITS = 20
-PICTURE = HERE.parent / "build/fleet.png"
+PICTURE = ROOT / "build/fleet.png"
 
 
 @contextlib.contextmanager

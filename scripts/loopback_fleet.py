@@ -13,10 +13,10 @@ import urllib.parse
 import urllib.request
 from pathlib import Path
 
-from fleet import Node, load_units, queries, read_units, statements, write_configuration, write_passwords
+from loopback import free_port, wait_for
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "scripts"))
-from loopback import free_port, wait_for  # noqa: E402
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "fleet"))
+from fleet import Node, load_units, queries, read_units, statements, write_configuration, write_passwords  # noqa: E402
 
 
 def make_certificate(directory, name):
