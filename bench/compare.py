@@ -1,11 +1,11 @@
-"""Measures what the daemon costs, beside bare programs of its shape, and prints ratios.
+"""Measures the CPU time and memory of the daemon and of bare programs that do a part of its work, and prints ratios.
 
-    compare.py BUILD          everything; about three minutes, and worth little on a busy machine
+    compare.py BUILD          everything; about three minutes; only an idle machine gives useful figures
     compare.py BUILD --once   each measurement once and briefly, to see that it works
 
-BUILD is a build directory with the daemon, its tools and bench/. Processor time is the kernel's account
-of all threads of a process, in nanoseconds. The programs to be compared run side by side and get the
-same load in turn; the figures are medians of the turns.
+BUILD is a build directory with the daemon, its tools and bench/. The kernel counts the CPU time of all threads
+of a process, in nanoseconds. The programs to compare run at the same time and get the same load in turn; the
+figures are medians of the turns. docs/performance.md explains them.
 """
 
 import contextlib
@@ -29,7 +29,7 @@ ONCE = "--once" in sys.argv[2:]
 ROUNDS = 1 if ONCE else 9
 PACED = ("--rate", "5000", "--burst", "20")
 SCRATCH = pathlib.Path(tempfile.mkdtemp(prefix="voxstat-bench-"))
-PROGRAMS = []  # all that were started
+PROGRAMS = []  # all programs that were started
 
 
 def scaled(count):
@@ -85,7 +85,7 @@ class Program:
         return sum(dropped for _, dropped in sockets(self.port))
 
     def load(self, kind, count, *options):
-        """Sends datagrams and waits until they are received. The pause pays for two writer passes."""
+        """Sends datagrams and waits until they are received. The pause includes two writer passes."""
         subprocess.run(
             [BUILD / "tools" / "voxstat-sim", "--port", str(self.port), "--load", kind, "--count", str(count), *options],
             stdout=subprocess.DEVNULL, check=True)
@@ -93,14 +93,14 @@ class Program:
         time.sleep(0.25)
 
     def cost(self, kind, count, *options):
-        """Nanoseconds of processor time per datagram that was received."""
+        """Nanoseconds of CPU time per datagram that was received."""
         before, dropped = self.cpu_ns(), self.drops()
         self.load(kind, count, *options)
         return (self.cpu_ns() - before) / (count - self.drops() + dropped)
 
 
 def start_on_ports(make_command):
-    """Again with other ports when somebody has taken these meanwhile."""
+    """Starts the program, with other ports if these are in use."""
     for _ in range(20):
         port = free_port()
         program = Program(make_command(port), port)
@@ -110,7 +110,7 @@ def start_on_ports(make_command):
 
 
 def bare_drain(*queue):
-    """The floor; with BYTES and PAUSE_MS it also queues and writes that much."""
+    """The bare drain; with BYTES and PAUSE_MS, the queueing drain."""
     if queue:
         queue = (*map(str, queue), str(SCRATCH / f"queued-{random.random()}"))
     return start_on_ports(lambda port: [BUILD / "bench" / "bare-drain", str(port), *queue])
@@ -141,7 +141,7 @@ def together(*programs):
 
 
 def compare_report():
-    """From the text of a report to both lines queued, beside the C library's calls in it."""
+    """From the text of a report to both lines queued, compared with the C library's calls alone."""
     options = ["--benchmark_enable_random_interleaving=true"]
     options += ["--benchmark_min_time=0.01"] if ONCE else ["--benchmark_min_time=0.2", f"--benchmark_repetitions={ROUNDS}"]
     output = subprocess.run([BUILD / "bench" / "report-bench", *options], stdout=subprocess.PIPE, check=True).stdout
@@ -150,17 +150,17 @@ def compare_report():
         if run["run_type"] == "iteration":
             times.setdefault(run["run_name"], []).append(run["cpu_time"])
     bare, own = (statistics.median(times[name]) for name in ("c_library_of_one_report", "text_to_both_lines_queued"))
-    table("From the text of a report to both lines queued", "beside", "ns", "daemon, ns", "ratio")
-    row("the C library's calls for it", round(bare), round(own), own / bare)
+    table("A report, from its text to both lines queued", "bare program", "ns", "daemon, ns", "ratio")
+    row("the C library's calls alone", round(bare), round(own), own / bare)
 
 
 def compare_datagrams():
-    table("Processor time per datagram, at 5,000/s in bursts of 20 unless unpaced",
-          "load", "bare drain, ns", "drain that queues and writes, ns", "daemon, ns", "daemon / drain", "daemon / queueing drain")
+    table("CPU time per datagram, at 5,000/s in bursts of 20, or as fast as they can be sent",
+          "load", "bare drain, ns", "queueing drain, ns", "daemon, ns", "daemon / bare", "daemon / queueing")
     # A statistics line and its line feed, a pcap record, and the writer's pause under each load.
     for kind, size, pause_ms in (("reports", 140, 100), ("voice", 218, 10)):
         with together(bare_drain(), bare_drain(size, pause_ms), daemon()) as programs:
-            for what, count, pace in (("", 10000, PACED), (" unpaced", 100000, ())):
+            for what, count, pace in (("", 10000, PACED), (", as fast as possible", 100000, ())):
                 if kind == "reports" and not pace:
                     continue  # the receive queue is what this would measure
                 turns = [[p.cost(kind, scaled(count), *pace) for p in programs] for _ in range(ROUNDS + 1)]
@@ -195,21 +195,21 @@ def check_losses():
 
 
 def compare_rest():
-    table("At rest and in memory", "what", "bare program", "daemon", "ratio")
+    table("Idle, and memory", "what", "bare program", "daemon", "ratio")
     for what, arguments, settings in (
             ("files only", ("2", "0"), {}), ("with a server", ("7", "5"), {"elastic_url": "http://127.0.0.1:9/"})):
         with together(Program([BUILD / "bench" / "bare-pool", *arguments]), daemon(**settings)) as (bare, own):
-            time.sleep(1)  # the start is no rest
+            time.sleep(1)  # the start is not idle
             before = bare.cpu_ns(), own.cpu_ns()
             seconds = 1 if ONCE else 20
             time.sleep(seconds)
             bare_us, own_us = ((p.cpu_ns() - b) / seconds / 1000 for p, b in zip((bare, own), before))
-            row(f"processor time a second, {what}, µs", round(bare_us), round(own_us), own_us / bare_us)
+            row(f"idle, CPU time per second, {what}, µs", round(bare_us), round(own_us), own_us / bare_us)
             own.load("reports", scaled(25000), *PACED)
             row(f"peak memory under load, {what}, kB", bare.peak_kb(), own.peak_kb(), own.peak_kb() / bare.peak_kb())
 
 
-print(f"{os.cpu_count()} processors, load average {os.getloadavg()[0]:.2f}, {ROUNDS} rounds")
+print(f"{os.cpu_count()} cores, load average {os.getloadavg()[0]:.2f}, {ROUNDS} rounds")
 try:
     compare_report()
     compare_datagrams()

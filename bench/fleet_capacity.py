@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""How much the store of a fleet takes on this machine, with the load generator (wrk) on it as well.
+"""Measures the capacity of a fleet's store on this machine, with the load generator (wrk) on the same machine.
 
-Batches of 1, 10 and 65 lines are posted as fast as they are answered, straight to an engine node and through the
-gateway, with one and two nodes on loopback; then the queries of the page run over ten million reports. Last, the time
-from a datagram at a daemon to its row.
+First, posts batches of 1, 10 and 65 lines as fast as they are answered, directly to a node and through the gateway,
+with one and with two nodes on loopback. Then runs the queries of the page over ten million reports. Last, measures the time
+from a datagram at a daemon to its row. docs/fleet.md explains the figures.
 
-TMPDIR says on which file system: a batch is a file, and one that is slow at making files makes a slow store.
+TMPDIR selects the file system. Each batch is a file, so a file system that creates files slowly makes the store slow.
 """
 import base64
 import json
@@ -25,7 +25,7 @@ from trial_fleet import running_units  # noqa: E402
 
 SECONDS = int(os.environ.get("SECONDS_EACH", 5))
 MILLIONS = 10
-UNIT_REPORTS_PER_SECOND = 40    # a hundred calls, two ends, a report of each every five seconds
+UNIT_REPORTS_PER_SECOND = 40    # a hundred calls with two streams, a report of each every five seconds
 LINE = ('{"message": "%s    3-%04d       2.117 near_end     203.0.113.5  5004     250    2   0.8     12    40 '
         '3735928559 SN000 unit7@192.0.2.7"}')
 FILL = """
@@ -35,7 +35,7 @@ INSERT INTO fleet.reports_shard SELECT now() AS received, now() - toUInt32(numbe
     toFloat32(rand(1) % 30 / 10) AS loss, rand(2) % 20 AS jitter, 30 + rand(3) % 40 AS rtt, toString(rand(4)) AS ssrc,
     toString(10000 + number % {units}) AS sn, concat('unit', toString(number % {units}), '@192.0.2.7') AS name
 FROM system.numbers LIMIT {reports}"""
-# Every request comes from another unit, so that both shards get their part.
+# Each request is from another unit, so that both shards get some.
 SCRIPT = """
 local count, file = 0, io.open("%s"); local body = file:read("*a"); file:close()
 local bodies = {}
@@ -46,7 +46,7 @@ function request() count = count + 1; return wrk.format("POST", nil, nil, bodies
 
 
 def processor_seconds(process):
-    """Of a process and its children."""
+    """The CPU time of a process and its children."""
     children = Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text().split()
     stats = [Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split() for pid in (str(process.pid), *children)]
     return sum(int(stat[11]) + int(stat[12]) for stat in stats) / os.sysconf("SC_CLK_TCK")
@@ -75,15 +75,15 @@ def batches_per_second(store, lines, through_gateway):
     late = time.monotonic() - begin
     reports = store.count("reports") - rows
     used = sum(map(processor_seconds, processes)) - used
-    rate = reports / lines / (SECONDS + late)      # what is stored counts, not what is answered
+    rate = reports / lines / (SECONDS + late)      # counts what is stored, not what is answered
     print(f"{len(store.nodes)} shards, {'gateway' if through_gateway else 'direct':7}, {lines:2} lines: "
-          f"{rate:6.0f} batches/s, {1000 * used / reports * 1000:6.2f} ms of processor for 1,000 reports, "
+          f"{rate:6.0f} batches/s, {1000 * used / reports * 1000:6.2f} ms of CPU time for 1,000 reports, "
           f"{refused} refused, stored {late:.1f} s after the last answer"
           + (f"; {rate * lines / UNIT_REPORTS_PER_SECOND:.0f} units" if lines == 65 else ""), flush=True)
 
 
 def query_times(store, units):
-    """Over the reports of an hour, of a hundred calls of each unit."""
+    """The time of each query over the reports of one hour, with a hundred calls of each unit."""
     store.nodes[0].sql("TRUNCATE TABLE fleet.reports_shard")
     store.nodes[0].sql(FILL.format(units=units, reports=MILLIONS * 1000000))
     size = store.nodes[0].sql(
@@ -101,12 +101,12 @@ def query_times(store, units):
             times.append(time.monotonic() - begin)
             assert status == 200, answer
         used = processor_seconds(store.nodes[0].process) - used
-        print(f"  {query:12} {min(times):.2f} s, {used / 3:.2f} s of processor, {json.loads(answer)['rows']} rows",
+        print(f"  {query:12} {min(times):.2f} s, {used / 3:.2f} s of CPU time, {json.loads(answer)['rows']} rows",
               flush=True)
 
 
 def latency(store):
-    """Of a report at different moments between two posts of its unit, and of a batch that a unit posts."""
+    """The latency of a report that its unit posts at once, and of reports at different times between two posts."""
     begun, seen = {}, {}
 
     def look():
@@ -119,7 +119,7 @@ def latency(store):
         sender.sendto(f"QOS_EV_TYPE=QOS_NEAREND\nQOS_EV_RTCP_CNAME={name}".encode(), ("127.0.0.1", port))
 
     with running_units(store, 10) as units, socket.socket(type=socket.SOCK_DGRAM) as sender:
-        for number, port in enumerate(units):      # posted at once, being the unit's first
+        for number, port in enumerate(units):      # posted at once, because it is the unit's first
             probe(f"probe-first-{number}", port)
         wait_for(look, 30, "the first reports")
         for number, port in enumerate(units):
