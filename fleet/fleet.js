@@ -44,7 +44,7 @@ async function ask(query, parameters) {
     try {
         const {data, rows_before_limit_at_least: total = data.length} = JSON.parse(text);
         return [data, total];
-    } catch {   // the gateway's own page, or what the engine says
+    } catch {   // the gateway's own page, or the node's error
         throw new Error(/<title>(.*?)<\/title>/.exec(text)?.[1] ?? text.replace(/\s+/g, " ").slice(-300));
     }
 }
@@ -55,7 +55,7 @@ const reasonOf = ({name, message}) => name === "TimeoutError" ? "No answer in ti
 const parts = {};
 const placesOf = query => document.querySelectorAll(`[data-query=${query}]`);
 
-// Asks with each set of parameters and draws the answers unless the query was asked again meanwhile. When it fails,
+// Asks with each set of parameters and draws the answers, unless the query has been asked again. When it fails,
 // its part of the page stays and shows its age.
 async function show(query, parameters, draw) {
     const part = parts[query] ??= {asked: 0}, turn = ++part.asked;

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs a fleet on loopback: two engine nodes, the gateway, and twenty daemons with simulated calls.
 
-Shows what the queries answer, takes a picture of the page, and stays until Ctrl-C (--once: ends by itself).
+Prints the answers of the queries, takes a picture of the page, and runs until Ctrl-C (--once: exits then).
 """
 import contextlib
 import json

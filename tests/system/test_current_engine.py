@@ -91,8 +91,8 @@ def engine(tmp_path):
 
 
 def test_lines(engine):
-    """Each line is stored as it is, whatever its name holds, carriage returns included; a broken one costs its own row
-    at most."""
+    """Each line is stored unchanged, whatever its name contains, even carriage returns. A malformed line loses at most
+    its own row."""
     odd = [{"RTCP_CNAME": name} for name in test_fleet.HOSTILE if not re.search("[\udc00-\udcff]", name)]   # text only
     odd += [fields for fields in test_fleet.LOST if "RTCP_CNAME" in fields]
     odd.append({"PORT": 123456, "PACKETS": 2000000000, "SSRC": "longer123456", "TIME_STAMP_SEC": 0})
