@@ -28,7 +28,7 @@ std::string in_lower_case(std::string text)
     return text;
 }
 
-// How many characters must be added, removed or replaced to make one text of the other.
+// How many characters must be added, removed or replaced to change one text into the other.
 std::size_t edit_distance(const std::string& a, const std::string& b)
 {
     std::vector<std::size_t> row(b.size() + 1);
@@ -44,11 +44,11 @@ std::size_t edit_distance(const std::string& a, const std::string& b)
     return row.back();
 }
 
-// The known key that this one is most like; null when it is like none of them.
+// The most similar known key; null if none is similar.
 const keys::Key* nearest_key(const std::string& name)
 {
     const keys::Key* nearest = nullptr;
-    std::size_t least = name.size() / 3 + 1;  // as many slips as are still taken for slips
+    std::size_t least = name.size() / 3 + 1;  // more differences are not a typing error
     for (const keys::Key& key : keys::ALL) {
         const std::size_t distance = edit_distance(in_lower_case(name), key.name);
         if (distance <= least && (nearest == nullptr || distance < least)) {

@@ -25,7 +25,7 @@ const passwd* find_user(const std::optional<std::string>& name)
 
 }  // namespace
 
-// Takes over the effective identity only, so that root can have its own back.
+// Changes only the effective identity, so that root can restore its own.
 class DaemonUser::Impersonation {
 public:
     explicit Impersonation(const DaemonUser& user) : _changed(geteuid() == 0 && user._uid != 0)

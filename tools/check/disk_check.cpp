@@ -27,12 +27,12 @@ namespace {
 
 constexpr std::uint64_t MIB = 1048576;
 
-std::string parent_of(const std::string& directory)  // which ends in a slash
+std::string parent_of(const std::string& directory)  // directory ends in a slash
 {
     return fs::absolute(directory).parent_path().parent_path();
 }
 
-// The daemon makes the last component only, and with a mode that keeps everybody else out.
+// The daemon creates only the last component, with a mode that excludes all other users.
 void find_missing(const OutputFile& file, const DaemonUser& user, Findings& findings)
 {
     const std::string parent = parent_of(file.directory);
@@ -62,7 +62,7 @@ const char* home_remedy(const std::string& directory)
     return is_below(directory, {"/home/", "/root/", "/run/user/"}) ? " and ProtectHome=no" : "";
 }
 
-// A symbolic link as state directory, with which systemd does not start the service.
+// systemd does not start a service whose state directory is a symbolic link.
 bool find_link(const OutputFile& file, const Service& service, Findings& findings)
 {
     const std::string directory = file.directory.substr(0, file.directory.size() - 1);
@@ -110,7 +110,7 @@ void find_forbidden(const OutputFile& file, bool hidden, Findings& findings)
                    home_remedy(file.directory), ", and restart it");
 }
 
-// Judges as the daemon does: in_view tells that this process sees the files as the running one.
+// in_view: this process sees the file system as the running daemon does.
 void check_directory(const OutputFile& file, const DaemonUser& user, const Service& service,
                      bool in_view, Findings& findings)
 {
@@ -137,7 +137,7 @@ void check_directory(const OutputFile& file, const DaemonUser& user, const Servi
                          ", so the daemon deletes no archives; chmod a+r ", file.directory);
 }
 
-// Lines of two daemons would mix, and each would rename the file under the other.
+// The lines of two daemons would mix, and each would rename the other's file.
 void find_other_writer(const OutputFile& file, const Service& service, Findings& findings)
 {
     if (!service.daemon && !service.unit.is_installed())
@@ -152,7 +152,7 @@ void find_other_writer(const OutputFile& file, const Service& service, Findings&
     }
 }
 
-// A file that somebody else has made, by a trial run as root for example, is as bad as none.
+// A file may belong to another user, for example after a trial run as root.
 void check_file(const OutputFile& file, const DaemonUser& user, Findings& findings)
 {
     const std::string path = file.path();
@@ -166,7 +166,7 @@ void check_file(const OutputFile& file, const DaemonUser& user, Findings& findin
 
 struct Need {
     const OutputFile* first;  // the first file of the disk
-    std::uint64_t bytes = 0;  // that its files may still grow by
+    std::uint64_t bytes = 0;  // by which its files may still grow
 };
 
 void check_space(const Need& need, Findings& findings)

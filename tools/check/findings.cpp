@@ -26,7 +26,7 @@ std::string counted(std::size_t count, const std::string& what)
     return std::to_string(count) + ' ' + what + (count == 1 ? "" : "s");
 }
 
-// What the file holds may be anything: only what can be seen goes to a terminal.
+// The file may contain anything: only printable characters may go to a terminal.
 std::string printable(const std::string& text)
 {
     std::string shown;
@@ -62,7 +62,7 @@ void Findings::add(Level level, std::size_t line, const std::string& text)
 void Findings::print()
 {
     std::stable_sort(_pending.begin(), _pending.end(), [](const Finding& a, const Finding& b) {
-        return a.line - 1 < b.line - 1;  // so that those about no line come last
+        return a.line - 1 < b.line - 1;  // so that line 0 comes last
     });
     for (const Finding& finding : _pending) {
         std::cout << _file << ':';

@@ -10,7 +10,7 @@
 
 namespace {
 
-// A number, null without a sample, or an object with a member for each value of the label.
+// A number, null without a sample, or an object with one member per value of the label.
 std::string value_of(const Metric& metric)
 {
     if (metric.label == nullptr)

@@ -43,7 +43,7 @@ std::optional<time_t> last_in_text(const std::string& path, TimeOfLine time_of)
     return last;
 }
 
-// A dump has no marks to look for from its end: the way leads from record to record.
+// A dump cannot be searched from its end: only its record headers lead to the next record.
 std::optional<time_t> last_in_dump(const std::string& path)
 {
     struct {

@@ -49,7 +49,7 @@ void add_file(LiveState& state, const OutputFile& file)
             {file.directory, std::uint64_t{space.f_bavail} * space.f_frsize});
 }
 
-// A file that somebody moved or deleted goes on receiving, where nobody looks for it.
+// The daemon keeps writing to a file that has been moved or deleted, where nobody looks for it.
 void check_open_files(const Process& daemon, const std::vector<OutputFile>& files,
                       Findings& findings)
 {
@@ -64,8 +64,7 @@ void check_open_files(const Process& daemon, const std::vector<OutputFile>& file
                            "or deleted; restart it, and do not move or delete live files");
 }
 
-// The log is in files of the daemon's own, in a file that is its standard output, or in the
-// journal.
+// The log is in the daemon's own files, in a file that is its standard output, or in the journal.
 bool read_log(const Settings& settings, const Process& daemon, const OutputFile& last_file,
               time_t since, LossLog& log)
 {
@@ -77,7 +76,7 @@ bool read_log(const Settings& settings, const Process& daemon, const OutputFile&
     const std::string output = daemon.standard_output();
     if (std::error_code error; std::filesystem::is_regular_file(output, error))
         return log.add_file(output);
-    // Without the right to look at the daemon its output is unknown; the journal is likely.
+    // Without permission, the daemon's standard output is unknown; the journal is likely.
     return (output.empty() || output.starts_with("socket:")) &&
            add_journal(daemon.id(), since, log);
 }

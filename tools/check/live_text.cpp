@@ -7,7 +7,7 @@
 
 namespace {
 
-// What the kernel charges for a report of 500 bytes, with all that it keeps beside the text.
+// The kernel's charge for a report of 500 bytes, with its own overhead.
 constexpr unsigned long CHARGED_FOR_REPORT = 1280;
 constexpr std::uint64_t MIB = 1048576;
 

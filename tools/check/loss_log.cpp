@@ -16,7 +16,7 @@ struct Message {
     const char* level;  // empty: a text without time and level
     const char* text;
     Counting counting;
-    const char* what;  // with the next two: of a kind; null for the kind of the row before
+    const char* what;  // this and the next two describe a kind; null: same kind as the row before
     const char* lost;
     const char* remedy;
 };
@@ -65,8 +65,8 @@ constexpr Message MESSAGES[] = {
 
 constexpr unsigned long FIRST_REFUSAL = 400;
 
-// What stands behind the text; null without it. What follows a colon may come from a report, which
-// can say anything.
+// What follows the text; null without it. The text must begin before the first colon: what follows
+// a colon may come from a report, which can contain anything.
 const char* behind(const std::string& message, const char* text)
 {
     const std::size_t place = message.find(text);
@@ -75,7 +75,7 @@ const char* behind(const std::string& message, const char* text)
                : nullptr;
 }
 
-// Of an answer's first line, which goes on with "1.1 413 TEXT".
+// For the first line of an answer, whose rest is "1.1 413 TEXT".
 bool is_refusal(const char* version)
 {
     const char* status = std::strchr(version, ' ');
@@ -104,7 +104,7 @@ void LossLog::add_line(const std::string& line)
 {
     const std::optional<time_t> logged = log_line_time(line);
     if (logged)
-        _is_due = *logged >= _since;  // as what follows it without a time
+        _is_due = *logged >= _since;  // also for lines without a time that follow
     if (!_is_due)
         return;
     const std::size_t level = line.find('[') + 1, level_end = line.find(']', level);
@@ -129,9 +129,10 @@ void LossLog::add_message(const std::string& level, const std::string& message)
             count += number;
         else if (row.counting == LINES || (row.counting == REFUSALS && is_refusal(rest)))
             count++;
-        else if (row.counting == POSTED_REPORTS && level.empty())  // each is printed at once ...
+        else if (row.counting == POSTED_REPORTS &&
+                 level.empty())  // each is printed immediately ...
             count++, _unsummed++;
-        else if (row.counting == POSTED_REPORTS)  // ... and later they are added up
+        else if (row.counting == POSTED_REPORTS)  // ... and later their total
             count += number - std::exchange(_unsummed, 0);
         return;
     }

@@ -23,11 +23,11 @@ MountView::MountView(const std::optional<Process>& process)
     _own = open_read("/proc/self/ns/mnt");
     _directory = open_read(".");
     const int theirs = open_read("/proc/" + std::to_string(process->id()) + "/ns/mnt");
-    // A thread enters only if it shares neither root nor working directory with another.
+    // The kernel refuses a thread that shares its root or working directory with another.
     _entered = _own != -1 && _directory != -1 && theirs != -1 && unshare(CLONE_FS) == 0 &&
                setns(theirs, CLONE_NEWNS) == 0;
     if (theirs != -1)
-        (void)close(theirs);  // it was only looked at
+        (void)close(theirs);  // only needed to enter it
 }
 
 MountView::~MountView()

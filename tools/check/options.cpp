@@ -140,7 +140,7 @@ Options Options::read(int argc, char** argv)
         else if (given == VERSION)
             std::exit(std::printf("voxstat-check %s\n", VOXSTAT_VERSION) < 0);
         else
-            fail(options, "invalid option");  // getopt has said which
+            fail(options, "invalid option");  // getopt has named it
     }
     if (optind < argc)
         fail(options, std::string("unexpected argument \"") + argv[optind] + '"');

@@ -17,7 +17,7 @@ void find_obstacle(std::uint16_t port, int error, std::size_t line, const Daemon
 {
     const std::optional<UdpSocket> socket = UdpSocket::at(port);
     const std::optional<Process> owner = socket ? socket->owner() : std::nullopt;
-    if (owner && owner->is_daemon())  // whatever the user may do, the unit allowed it
+    if (owner && owner->is_daemon())  // the unit allowed it, whatever the user may do
         findings.note(line, "port ", port, " is in use by the running daemon, process ",
                       owner->id());
     else if (error == EACCES && service.unit.may_bind_low_ports())

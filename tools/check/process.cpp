@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* DAEMON_NAME = "voxstat";
 constexpr std::int64_t MS_PER_SECOND = 1000, NS_PER_MS = 1000000;
-constexpr int START_TIME = 19;  // of the words behind the name in "stat", counted from 0
+constexpr int START_TIME = 19;  // index in "stat" of the words after the name
 
 std::string directory(pid_t id)
 {
@@ -78,7 +78,7 @@ time_t Process::started() const
     std::string word;
     for (int i = 0; i <= START_TIME; i++)
         words >> word;
-    const long ticks = std::atol(word.c_str());  // from the machine's start to the process's
+    const long ticks = std::atol(word.c_str());  // from the boot to the start of the process
     return (milliseconds(CLOCK_REALTIME) - milliseconds(CLOCK_BOOTTIME) +
             ticks * MS_PER_SECOND / sysconf(_SC_CLK_TCK)) /
            MS_PER_SECOND;

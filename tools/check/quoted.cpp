@@ -5,7 +5,7 @@
 
 std::string quoted(std::string_view text)
 {
-    // A locale that every system has, whatever the user's is.
+    // Every system has this locale, whatever the user's is.
     [[maybe_unused]] static const char* const utf8 = std::setlocale(LC_CTYPE, "C.UTF-8");
     std::string result = "\"";
     while (!text.empty()) {

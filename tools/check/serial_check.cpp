@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr std::size_t SHOWN = 5;  // characters of the serial number that a line has room for
+constexpr std::size_t SHOWN = 5;  // characters of the serial number in a line
 constexpr const char* EFFECT = ", so reports without a serial number of their own get 0; ";
 
 std::string remedy(const std::string& path, int error, const DaemonUser& user,
@@ -36,7 +36,7 @@ std::string remedy(const std::string& path, int error, const DaemonUser& user,
     return "set sn_file_path to a file";
 }
 
-// 0, or the error number of what keeps the daemon from reading the file.
+// 0, or the error number that the daemon would get when it reads the file.
 int obstacle(const std::string& path, const DaemonUser& user, const Service& service, bool in_view)
 {
     struct stat info {};

@@ -31,7 +31,7 @@ bool is_in(const std::string& path, const Places& places)
                        [&](const auto& place) { return is_at_or_below(path, place); });
 }
 
-// Where a path leads to, as far as it exists.
+// Resolves symbolic links, as far as the path exists.
 std::string real_path(const std::string& path)
 {
     std::error_code error;
@@ -133,7 +133,8 @@ std::optional<Process> ServiceUnit::main_process() const
 std::vector<std::string> ServiceUnit::environment() const
 {
     std::vector<std::string> found = words("Environment");
-    for (std::string& setting : found)  // one with a blank is quoted, which no proxy's address has
+    for (std::string& setting :
+         found)  // systemd quotes settings with blanks; proxy addresses have none
         setting.erase(std::remove(setting.begin(), setting.end(), '"'), setting.end());
     return found;
 }

@@ -17,8 +17,8 @@
 namespace {
 
 constexpr long TIMEOUT_SECONDS = 30;
-constexpr double SLOW_SECONDS = 5;         // the daemon begins a batch that often
-constexpr std::size_t BATCH_SIZE = 10240;  // bytes, as the daemon posts while a unit is busy
+constexpr double SLOW_SECONDS = 5;         // the daemon starts a batch this often
+constexpr std::size_t BATCH_SIZE = 10240;  // bytes, like the batches of a busy unit
 constexpr const char* ENVIRONMENT[] = {"http_proxy", "https_proxy",   "HTTPS_PROXY",
                                        "all_proxy",  "ALL_PROXY",     "no_proxy",
                                        "NO_PROXY",   "SSL_CERT_FILE", "SSL_CERT_DIR"};
@@ -72,7 +72,7 @@ std::string remedy_for(const Remedy (&remedies)[Size], long code, const char* ot
 std::string service_line(int (*print_report)(char*), const std::string& serial_number)
 {
     std::array<char, 512> text{};
-    (void)print_report(text.data());  // fails for a null buffer only
+    (void)print_report(text.data());  // fails only for a null buffer
     return QoSPacket(text.data(), serial_number).http_log_string();
 }
 
@@ -89,7 +89,7 @@ struct Answer {
     std::array<char, CURL_ERROR_SIZE> error_text{};
     long status = 0;
     double seconds = 0;
-    std::string location;   // where it wants to send us instead
+    std::string location;   // target of a redirect
     std::string beginning;  // of the body
 };
 
@@ -127,7 +127,7 @@ void find_arrived(double seconds, const std::string& told, std::size_t line, Fin
                          "make the server faster");
 }
 
-// The service has the environment of its unit, whatever this shell has.
+// The service has the environment of its unit, not that of this shell.
 void use_environment(const Service& service, std::size_t line, Findings& findings)
 {
     const std::vector<std::string> theirs =

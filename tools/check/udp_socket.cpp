@@ -15,7 +15,7 @@ constexpr int VALUES = 5;
 
 std::optional<UdpSocket> UdpSocket::at(unsigned port)
 {
-    // A socket of IPv6 takes IPv4 too, unless it was told not to.
+    // An IPv6 socket also receives IPv4, unless this is switched off.
     for (const char* table : {"/proc/self/net/udp", "/proc/self/net/udp6"}) {
         std::ifstream file(table);
         for (std::string row; std::getline(file, row);) {

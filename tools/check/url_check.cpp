@@ -14,7 +14,7 @@ namespace {
 
 constexpr int LEVEL_OF_DIALOGUE = 3;  // of log.http: from here on the log has what is sent
 
-// One part of the address; empty when it has none.
+// One part of the address; empty if it is absent.
 std::string part(CURLU* address, CURLUPart which)
 {
     char* text = nullptr;
@@ -24,7 +24,7 @@ std::string part(CURLU* address, CURLUPart which)
     return text;
 }
 
-// What keeps libcurl from finding the host in a URL; null when nothing does.
+// Why libcurl does not find the host in a URL; null if it does.
 const char* mistake_in_host(const std::string& url)
 {
     const std::size_t scheme = url.find("://");

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int BLOCK_SIZE = 1024;  // the daemon writes whole blocks as soon as it has them
+constexpr int BLOCK_SIZE = 1024;  // bytes; the daemon writes whole blocks
 constexpr std::string_view LEVELS[] = {"error", "warn", "info", "trace", "debug"};
 
 std::string port_text(int port)
@@ -22,7 +22,7 @@ std::string port_text(int port)
     return kept == 0 ? "any free port" : "port " + std::to_string(kept);
 }
 
-// What a number below or above the range of a key does; null where there is no such number.
+// The effect of a number below or above the range of a key; null if there is no such number.
 struct Consequence {
     const keys::Key* key;
     const char *below, *above;
@@ -62,7 +62,7 @@ consteval bool each_range_has_a_consequence()
 }
 static_assert(each_range_has_a_consequence(), "a new key with a range takes a row above");
 
-// What a number out of range does; empty when it is within.
+// The effect of a number out of range; empty if it is in the range.
 std::string consequence(const keys::Key& key, int value)
 {
     if ((value >= key.min && value <= key.max) || key.kind == keys::Kind::SWITCH)
@@ -77,7 +77,7 @@ std::string consequence(const keys::Key& key, int value)
                : text;
 }
 
-// How the text of a number is read when that is not what it says; empty when it is.
+// How the daemon reads the text of a number, if it differs from the text; otherwise empty.
 std::string misreading(const std::string& text, int value)
 {
     char* end = nullptr;
@@ -89,7 +89,7 @@ std::string misreading(const std::string& text, int value)
     return "";
 }
 
-// The number that the name of a level stands for; otherwise what is allowed.
+// The number of a level's name; otherwise the allowed numbers.
 std::string number_to_write(const keys::Key& key, const std::string& text)
 {
     for (int level = 0; level <= key.max && key.kind == keys::Kind::LEVEL; level++)

@@ -1,4 +1,4 @@
-// voxstat-check: finds what is wrong in a configuration of the daemon, or would go wrong with it.
+// voxstat-check: checks the configuration of the daemon, and shows what the daemon has lost.
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,7 +33,7 @@ namespace {
 
 constexpr int ERROR_STATUS = 2, UNKNOWN_STATUS = 3;
 
-// As a program has them, and a text of two bytes a character.
+// Binary files contain zero bytes, and so do texts in UTF-16.
 bool has_zero_bytes(const std::string& file)
 {
     std::ifstream stream(file);
@@ -41,7 +41,7 @@ bool has_zero_bytes(const std::string& file)
     return std::find(begin, end, '\0') != end;
 }
 
-// False when the daemon would get no settings from the file, which is found then.
+// Returns false, after adding a finding, if the daemon could not read settings from the file.
 bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& findings)
 {
     std::error_code error;
@@ -73,7 +73,7 @@ bool can_be_loaded(const std::string& file, const DaemonUser& user, Findings& fi
     return findings.status() == 0;
 }
 
-// Returns the running daemon's state, if it is asked for and the configuration can be loaded.
+// Returns the state of the running daemon, with --live and if the configuration can be loaded.
 std::optional<LiveState> check(const Options& options, Findings& findings)
 {
     const DaemonUser user(options.user);
@@ -90,7 +90,7 @@ std::optional<LiveState> check(const Options& options, Findings& findings)
         findings.note(0, "the permissions of the user ", user.name(), " were not checked; ",
                       "run sudo voxstat-check");
     if (options.format == Format::TEXT)
-        findings.print();  // before what takes time
+        findings.print();  // before the checks that take time
     if (options.post)
         post_once(settings, serial_number, service, findings);
     if (!options.live)

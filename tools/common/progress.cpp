@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr std::chrono::seconds SHORT_RUN(1);     // needs no progress
-constexpr std::chrono::milliseconds PAUSE(100);  // a reader's eye takes no more
+constexpr std::chrono::seconds SHORT_RUN(1);     // shows no progress
+constexpr std::chrono::milliseconds PAUSE(100);  // between two updates
 constexpr const char* ERASE_LINE = "\r\x1b[K";
 
 }  // namespace

@@ -50,7 +50,7 @@ std::string call_table(const std::vector<Call>& calls, const Caption& caption)
         for (std::size_t i = 0; i < row.size(); i++)
             widths[i] = std::max(widths[i], columns_of(row[i]) + (i > 0 ? 1 : 0));
 
-    const std::size_t columns = WIDTHS.size() - (caption.in_ms ? 0 : 2);  // no quality, then
+    const std::size_t columns = WIDTHS.size() - (caption.in_ms ? 0 : 2);  // without R and MOS
     std::string table;
     for (const Row& row : rows) {
         for (std::size_t i = 0; i < columns; i++)

@@ -51,7 +51,7 @@ std::string quoted(std::string_view text)
     std::string result = "'";
     for (const char c : text) {
         if (c == '\'')
-            result += c;  // doubled, it stands for itself
+            result += c;  // a doubled quote is a literal one
         result += c;
     }
     return result + "'";
@@ -61,7 +61,7 @@ std::string quoted(std::string_view text)
 
 bool run_gnuplot(std::string_view script)
 {
-    // A gnuplot that gives up must not end this program before it can say so.
+    // If gnuplot exits early, this program must survive to report it.
     (void)std::signal(SIGPIPE, SIG_IGN);
     pid_t child = 0;
     int script_fd = -1;

@@ -14,7 +14,7 @@ constexpr long TAIL_SIZE = 1 << 16;
 
 [[noreturn]] void fail(const std::string& name)
 {
-    const int err = errno;  // before the text can change it
+    const int err = errno;  // before building the text can change it
     throw std::runtime_error(name + ": " + std::strerror(err));
 }
 
@@ -22,7 +22,7 @@ constexpr long TAIL_SIZE = 1 << 16;
 
 void InputFile::Closer::operator()(std::FILE* file) const
 {
-    (void)std::fclose(file);  // nothing was written that matters
+    (void)std::fclose(file);  // no written data can be lost
 }
 
 InputFile::InputFile(const std::string& name)
@@ -34,7 +34,7 @@ InputFile::InputFile(const std::string& name)
         fail(_name);
     if (S_ISREG(status.st_mode))
         _size = static_cast<std::uint64_t>(status.st_size);
-    (void)std::setvbuf(_file.get(), nullptr, _IONBF, 0);  // the buffer here is enough
+    (void)std::setvbuf(_file.get(), nullptr, _IONBF, 0);  // this class has its own buffer
 }
 
 std::size_t InputFile::read_into(char* buffer, std::size_t size)
@@ -85,7 +85,7 @@ std::string InputFile::tail()
     if (std::fseek(_file.get(), 0, SEEK_END) != 0)
         copy_to_temporary();
     if (std::fseek(_file.get(), -TAIL_SIZE, SEEK_END) != 0)
-        std::rewind(_file.get());  // it is shorter
+        std::rewind(_file.get());  // the file is shorter
     std::string bytes(TAIL_SIZE, '\0');
     bytes.resize(read_into(bytes.data(), bytes.size()));
     std::rewind(_file.get());

@@ -62,7 +62,7 @@ const option LONG_OPTIONS[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-constexpr std::size_t GCID_SIZE = 9;  // the statistics files hold no more of it
+constexpr std::size_t GCID_SIZE = 9;  // the statistics files contain no more
 
 bool read_threshold(const char* text, double& threshold)
 {
@@ -109,7 +109,7 @@ bool store(PlotOptions& options, int option, const char* text)
     }
 }
 
-// In the working directory, since few may write where the statistics are.
+// In the working directory, because few users can write to the directory of the statistics.
 std::string picture_for(const std::string& file)
 {
     const std::string name = file.substr(file.rfind('/') + 1);
@@ -138,7 +138,7 @@ std::optional<PlotOptions> PlotOptions::parse(int argc, char** argv)
             std::puts("voxstat-plot " VOXSTAT_VERSION);
             std::exit(0);
         }
-        if (option == '?')  // getopt_long has said why
+        if (option == '?')  // getopt_long has printed the reason
             return std::nullopt;
         if (!store(options, option, optarg)) {
             (void)std::fprintf(stderr, "voxstat-plot: invalid value \"%s\" for --%s; see --help\n",

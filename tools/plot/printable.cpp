@@ -10,18 +10,18 @@ namespace {
 struct Character {
     std::size_t bytes;
     wchar_t code;
-    int columns;  // 0 and less cannot be shown
+    int columns;  // 0 or less: not printable
 };
 
-// The character that a text which is not empty begins with.
+// The first character of a text, which must not be empty.
 Character first_of(std::string_view text)
 {
-    // A locale that every system has, whatever the user's is.
+    // Every system has this locale, whatever the user's is.
     [[maybe_unused]] static const char* const utf8 = std::setlocale(LC_CTYPE, "C.UTF-8");
     std::mbstate_t state{};
     wchar_t code = 0;
     const std::size_t bytes = std::mbrtowc(&code, text.data(), text.size(), &state);
-    if (bytes == 0 || bytes > text.size())  // a zero, or the two values for an error
+    if (bytes == 0 || bytes > text.size())  // zero byte, or one of the two error values
         return {1, 0, -1};
     return {bytes, code, wcwidth(code)};
 }

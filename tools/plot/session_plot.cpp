@@ -7,7 +7,7 @@
 
 #include "tools/plot/gnuplot.h"
 
-// One of the diagrams, one below the other.
+// One of the diagrams, which are drawn below each other.
 struct SessionPlot::Panel {
     std::string title, unit;
     int decimals;
@@ -24,7 +24,7 @@ constexpr int TOP_PIXELS = 105, PANEL_PIXELS = 215, GAP_PIXELS = 16, BOTTOM_PIXE
 constexpr int MOST_TICS = 7;
 constexpr double LEFT = 0.075, RIGHT = 0.785;  // parts of the width
 
-// Of the worst call, if it is not bad, and of the next ones; all others are grey.
+// For the worst call, unless it is bad, and the following ones; all others are grey.
 constexpr std::array<const char*, 6> COLOURS = {PLAIN_COLOUR, "#0072b2", "#009e73",
                                                 "#cc79a7",    "#56b4e9", "#e69f00"};
 constexpr const char* GREY = "#b8b8b8";
@@ -50,7 +50,7 @@ double score_of(const Sample& report)
     return opinion_score(report.rating);
 }
 
-// What a picture can show of the reports that lie in one column of its pixels.
+// The visible part of the reports in one column of pixels.
 class Range {
 public:
     void take(double place, const Sample& report)
@@ -92,10 +92,10 @@ private:
     Values _lowest{}, _highest{};
 };
 
-// From 0, with room for a text above the highest value and above the threshold.
+// From 0, with space for a text above the highest value and the threshold.
 std::string range_for(double highest, double threshold)
 {
-    constexpr double LONG_NUMBER = 100000;  // whose tics need a letter like "M" to be short
+    constexpr double LONG_NUMBER = 100000;  // from here on, tics need a suffix such as "M"
     std::ostringstream range;
     range << "[0:" << std::max(1.25 * highest, 1.1 * threshold) << "]\nset ytics autofreq format '"
           << (highest < LONG_NUMBER ? "%h" : "%.1s%c") << "'";
@@ -160,7 +160,7 @@ std::vector<SessionPlot::Panel> SessionPlot::panels() const
          limits.jitter, false},
         {"Round trip" + axis_unit, unit, 0, round_trip_of, 4,
          range_for(worst.round_trip, limits.round_trip), limits.round_trip, false}};
-    if (_caption.in_ms)  // the room below 1, which no score is, is for a text
+    if (_caption.in_ms)  // the space below 1, the lowest score, is for a text
         panels.push_back({"MOS, estimated", "", 1, score_of, 5,
                           "[0.4:4.7]\nset ytics 1,1,4 format '%h'", 0, true});
     return panels;
@@ -210,7 +210,7 @@ std::string SessionPlot::rows(const std::vector<Sample>& samples) const
     return text.str();
 }
 
-// A curve for each direction of each call.
+// One curve per stream.
 std::string SessionPlot::grey_rows() const
 {
     std::string text;
@@ -219,7 +219,7 @@ std::string SessionPlot::grey_rows() const
     return text;
 }
 
-// A stroke from the lowest to the highest value of all calls for each column of pixels.
+// For each column of pixels, a line from the lowest to the highest value of all calls.
 std::string SessionPlot::grey_ranges() const
 {
     std::vector<Range> ranges(COLUMNS);
@@ -294,7 +294,7 @@ std::string SessionPlot::diagram(const Panel& panel, int top, bool last) const
     return script.str() + worst_label(panel) + "plot " + key_entries(panel) + curves(panel) + "\n";
 }
 
-// Marks the worst point of the worst call, if it is to be seen.
+// Marks the worst point of the worst call, if it is visible.
 std::string SessionPlot::worst_label(const Panel& panel) const
 {
     const Call& call = _calls.front();
@@ -325,7 +325,7 @@ std::string SessionPlot::worst_label(const Panel& panel) const
     return script.str();
 }
 
-// How the call of this rank is drawn; the first one is the worst.
+// The style of the call with this rank; 0 is the worst.
 std::string SessionPlot::style_of(std::size_t rank) const
 {
     const bool stands_out = rank == 0 && _calls.front().is_bad();
@@ -333,8 +333,8 @@ std::string SessionPlot::style_of(std::size_t rank) const
            (stands_out ? BAD_COLOUR : COLOURS[rank]) + "'";
 }
 
-// Curves without points, so that the key has its own order: the worst call, which is drawn last,
-// comes first.
+// Curves without points give the key its own order: the worst call is first, although it is drawn
+// last.
 std::string SessionPlot::key_entries(const Panel& panel) const
 {
     std::string entries;
@@ -355,7 +355,7 @@ std::string SessionPlot::key_entries(const Panel& panel) const
     return entries;
 }
 
-// The worst call comes last, over the others.
+// The worst call is drawn last, on top of the others.
 std::string SessionPlot::curves(const Panel& panel) const
 {
     const std::string columns = " using 1:" + std::to_string(panel.column);

@@ -26,7 +26,7 @@ bool StatisticsFile::next(StatisticsLine& line)
     return false;
 }
 
-// Returns the reason when the line cannot be read.
+// Returns the reason if the line cannot be read, otherwise null.
 const char* StatisticsFile::read_line(std::string_view text, StatisticsLine& line)
 {
     const char* reason = nullptr;

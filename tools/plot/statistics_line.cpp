@@ -11,7 +11,7 @@ namespace {
 constexpr double DAY_S = 86400;
 constexpr std::string_view HEADER_START = "       Date ";
 
-// Where the columns of fixed place begin and end; a blank follows each.
+// The columns with fixed positions; a blank follows each.
 struct Column {
     std::size_t begin, end;
 };
@@ -29,7 +29,7 @@ std::string_view text_of(std::string_view line, Column column)
     return text;
 }
 
-// Takes the next word from the text; an empty one at the end.
+// Removes the next word from the text and returns it; empty at the end.
 std::string_view next_word(std::string_view& text)
 {
     text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
@@ -44,18 +44,18 @@ bool read_numbers(std::string_view& text, std::initializer_list<double*> numbers
                        [&text](double* number) { return to_number(next_word(text), *number); });
 }
 
-// The latest point of time, not after the limit, at which the clock showed this in the line's zone.
+// The latest time, not after the limit, at which clocks in the line's time zone showed this.
 double latest_with_clock(double clock_s, double limit_s, const StatisticsLine& line)
 {
     const double place = limit_s + static_cast<double>(line.zone_offset_s);
     return limit_s - (place - clock_s - DAY_S * std::floor((place - clock_s) / DAY_S));
 }
 
-// Reads the times of day of the first and the last packet. Without them, or with a call of a single
-// packet, both are the same; the time of the report has to do then.
+// Reads the times of day of the first and the last packet. If they are missing, or there was only
+// one packet, both are equal; then the time of the report is used.
 bool read_packet_times(std::string_view& text, StatisticsLine& line)
 {
-    constexpr double CLOCKS_DIFFER_S = 3600;  // by this much at most, from packets to report
+    constexpr double CLOCKS_DIFFER_S = 3600;  // at most, between the packets and the report
     const std::optional<double> first = read_clock(next_word(text));
     const std::optional<double> last = read_clock(next_word(text));
     if (!first || !last)
@@ -68,8 +68,8 @@ bool read_packet_times(std::string_view& text, StatisticsLine& line)
     return true;
 }
 
-// Reads what follows the five columns of fixed place. The loss, the only number with a point,
-// tells the kinds of lines apart: a summary has its span before it.
+// Reads the columns after the five fixed ones. The position of the loss, the only number with a
+// point, shows the kind of line: in a summary, the span precedes it.
 bool read_figures(std::string_view text, StatisticsLine& line)
 {
     std::string_view ahead = text;

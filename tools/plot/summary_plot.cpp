@@ -21,7 +21,7 @@ constexpr double LEFT = 0.295;  // part of the width
 constexpr double CHARACTER_PIXELS = 7.3;
 constexpr int FIGURES = 32, FIGURES_WITH_SCORE = 45;  // characters
 
-// All three keep their columns below each other in a font of one width.
+// All three align their columns, in a font of fixed width.
 std::string call_columns(const std::string& gcid, const std::string& tid,
                          const std::string& direction, const std::string& far_end)
 {
@@ -40,7 +40,7 @@ std::string score_columns(const std::string& rating, const std::string& score)
     return right_aligned(rating, 8) + right_aligned(score, 5);
 }
 
-// A pair of texts to the left and to the right of the bars, at a height in gnuplot's words.
+// The texts to the left and to the right of the bars, at a position in gnuplot's syntax.
 std::string side_labels(const std::string& call, const std::string& figures,
                         const std::string& height, const std::string& colour)
 {
@@ -58,7 +58,7 @@ SummaryPlot::SummaryPlot(const std::vector<Call>& calls, const Caption& caption)
     choose_bars();
 }
 
-// Whole calls, but for one that does not fit by itself.
+// Whole calls, except for a single one that does not fit.
 void SummaryPlot::choose_bars()
 {
     for (const Call& call : _calls) {
@@ -78,7 +78,7 @@ int SummaryPlot::height() const
     return TOP_PIXELS + BOTTOM_PIXELS + std::min(ROW_PIXELS, room / rows) * rows;
 }
 
-// Where the bars end, as a part of the width.
+// The right edge of the bars, as a part of the width.
 double SummaryPlot::right() const
 {
     return 0.985 - (_caption.in_ms ? FIGURES_WITH_SCORE : FIGURES) * CHARACTER_PIXELS / WIDTH;
@@ -97,8 +97,8 @@ std::string SummaryPlot::gnuplot_script() const
            << ".5:0.5]\nunset ytics\nunset key\nset grid xtics\n"
            << "set xlabel 'time from the first to the last packet, " << _axis.zone_text()
            << "'\nset style fill solid 0.9 border rgb '#555555'\n"
-           // Few listeners hear a loss below one per cent, all are annoyed by more than five.
-           // From light to dark, since not everybody can tell red from green.
+           // Few listeners notice a loss below 1 %; more than 5 % annoys all.
+           // From light to dark, because not everybody can distinguish red from green.
            << "set palette defined (0 '#ffffe5', 1 '#fee391', 2.5 '#fe9929', 5 '#8c2d04')\n"
            << "set cbrange [0:5]\nset cblabel 'loss in %, darkest: 5 or more'\n"
            << "set colorbox horizontal user origin screen " << right() + 0.02 << ","

@@ -60,13 +60,13 @@ std::vector<Period> periods_of(const std::vector<Call>& calls)
     return periods;
 }
 
-// The time of all reports but the earliest and the latest hundredth, one at least of each, and
-// three times as much, a week at least, on both sides. Puts the periods into another order.
+// The period of all reports except the earliest and the latest hundredth, at least one of each,
+// extended on both sides by three times its length, at least a week. Reorders the periods.
 Period usual_period(std::vector<Period>& periods)
 {
     constexpr double LEAST_ROOM = 7 * DAY;
     const std::size_t few = std::max<std::size_t>(1, periods.size() / 100);
-    if (periods.size() < 2 * few + 1)  // nobody can tell which of two is wrong
+    if (periods.size() < 2 * few + 1)  // of two, either may be wrong
         return {-std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity()};
     const auto early = periods.begin() + static_cast<std::ptrdiff_t>(few);
     std::nth_element(periods.begin(), early, periods.end(), begins_earlier);

@@ -7,7 +7,7 @@
 
 namespace {
 
-// How far the text has the form that strptime is given; nothing when it does not have it.
+// How many characters of the text match the strptime format; nothing if it does not match.
 std::optional<std::size_t> read_form(const std::string& text, const char* form, std::tm& calendar)
 {
     const char* const end = strptime(text.c_str(), form, &calendar);
@@ -59,7 +59,7 @@ std::optional<double> read_time_of_day(std::string_view text)
 std::optional<double> read_day_and_time(std::string_view text)
 {
     const std::string whole(text);
-    // %b takes the month as a name, %m as a number; what is left out counts as 0.
+    // %b is the name of a month, %m its number; omitted parts are 0.
     for (const char* form : {"%Y-%b-%d", "%Y-%m-%d", "%Y-%b-%d %H:%M", "%Y-%m-%d %H:%M",
                              "%Y-%b-%d %H:%M:%S", "%Y-%m-%d %H:%M:%S"}) {
         std::tm calendar{};

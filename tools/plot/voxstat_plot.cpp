@@ -1,4 +1,4 @@
-// voxstat-plot: draws statistics and session-summary files, so that a bad call is seen at a glance.
+// voxstat-plot: draws or lists the calls in statistics and session-summary files.
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -24,7 +24,7 @@
 
 namespace {
 
-// What is looked at of all files.
+// The reports of all files.
 struct Reports {
     std::optional<StatisticsKind> kind;
     CallBook calls;
@@ -64,7 +64,7 @@ void show_progress(const InputFile& input, Progress& progress)
 
 void take_file(InputFile& input, const PlotOptions& options, Reports& reports, Progress& progress)
 {
-    constexpr unsigned FEW = 4096;  // lines, which take no time
+    constexpr unsigned FEW = 4096;  // lines between two looks at the clock
     StatisticsFile file(input, [&](const UnreadLines& lines) {
         progress.erase();
         tell_unread(input.name(), lines);
@@ -83,12 +83,12 @@ void take_file(InputFile& input, const PlotOptions& options, Reports& reports, P
         if (count % FEW == 0 && progress.is_due())
             show_progress(input, progress);
     }
-    if (file.kind())  // which a header without lines tells as well
+    if (file.kind())  // known from a header, even without lines
         check_kind(input, *file.kind(), reports);
 }
 
-// When the last report that the end of the file holds was written, by the clock of its zone; one
-// with a clock that is ahead does not count.
+// The local time of the last report at the end of the file. Reports from a clock that is ahead do
+// not count.
 std::optional<double> last_report_s(InputFile& input)
 {
     constexpr double DAY_S = 86400;
@@ -167,7 +167,7 @@ bool draw(const PlotOptions& options, StatisticsKind kind, const std::vector<Cal
                         ? script_of(SessionPlot(calls, caption), options.picture)
                         : script_of(SummaryPlot(calls, caption), options.picture)))
         return true;
-    (void)std::remove(options.picture.c_str());  // it is empty or not whole
+    (void)std::remove(options.picture.c_str());  // it is empty or incomplete
     return false;
 }
 

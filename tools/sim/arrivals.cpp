@@ -9,13 +9,13 @@ namespace {
 
 using std::chrono::microseconds;
 
-// A packet that is not lost, and its part of the longest delay.
+// A packet that arrives, and its share of the longest delay.
 struct Sent {
     std::size_t packet;  // cppcheck-suppress unusedStructMember
     double delay;        // cppcheck-suppress unusedStructMember; 0 to 1
 };
 
-// Takes lost packets out at random, but for the first one and the last one.
+// Removes lost packets at random, except for the first and the last one.
 std::vector<Sent> sent_packets(std::size_t packets, std::size_t lost, std::mt19937& random)
 {
     std::vector<Sent> sent;
@@ -70,8 +70,8 @@ double mean_jitter_ms(const std::vector<Arrival>& arrivals, microseconds packet_
 std::vector<Arrival> arrivals_with(std::size_t packets, std::size_t lost, double jitter_ms,
                                    microseconds packet_time, std::uint32_t seed)
 {
-    // Packets that queue up arrive late but in order; a higher jitter than the time between two
-    // packets allows comes only from packets that overtake each other.
+    // Packets in a queue arrive late but in order. A jitter higher than the time between two
+    // packets is only possible if packets overtake each other.
     const bool in_order =
         jitter_ms < std::chrono::duration<double, std::milli>(packet_time).count();
     std::mt19937 random(seed);
@@ -86,7 +86,7 @@ std::vector<Arrival> arrivals_with(std::size_t packets, std::size_t lost, double
         const microseconds middle = (low + high) / 2;
         (miss_ms(middle) >= 0 ? high : low) = middle;
     }
-    // Where packets overtake each other the jitter leaps; a delay nearby may fit better.
+    // If packets overtake each other, the jitter jumps; a similar delay may fit better.
     constexpr int NEARBY = 32, PARTS = 1000;
     microseconds best = high;
     double least_ms = std::fabs(miss_ms(best));

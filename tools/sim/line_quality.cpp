@@ -5,7 +5,7 @@
 
 namespace {
 
-// What the worst trouble adds.
+// The maximum that a disturbance adds.
 constexpr double WORST_LOSS_PERCENT = 16;
 constexpr double WORST_JITTER_MS = 75;
 constexpr double WORST_ROUND_TRIP_MS = 310;
@@ -31,14 +31,14 @@ QualitySample LineQuality::at(double seconds)
                              trouble * WORST_ROUND_TRIP_MS * uniform(0.9, 1.1)};
 }
 
-// Not std::uniform_real_distribution: the same seed shall give the same calls with every library.
+// Not std::uniform_real_distribution: the same seed must give the same calls with every library.
 double LineQuality::uniform(double low, double high)
 {
     const double fraction = static_cast<double>((*_random)()) / std::mt19937::max();
     return low + (high - low) * fraction;
 }
 
-// Rises and falls in the form of a sine.
+// Rises and falls like a sine.
 double LineQuality::trouble_at(double seconds) const
 {
     if (seconds <= _trouble.begin_s || seconds >= _trouble.end_s)

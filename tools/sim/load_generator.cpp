@@ -14,11 +14,11 @@ namespace {
 
 using Clock = std::chrono::system_clock;
 
-constexpr std::size_t REPORT_SIZE = 500;    // a longer report stays as it is
-constexpr std::size_t SESSION_FIELDS = 11;  // those of a session report; a summary has them all
+constexpr std::size_t REPORT_SIZE = 500;    // longer reports are not padded
+constexpr std::size_t SESSION_FIELDS = 11;  // the number in a session report; a summary has all
 
-// With this many digits the lines of small numbers have one length, and a line that was put
-// together from two is noticed.
+// With this many digits, the lines of small numbers have the same length, so tests notice a line
+// that was joined from two.
 constexpr int NAME_DIGITS = 5;
 
 // The RTP stream of the voice records. Sequence number and time stamp follow from the number.
@@ -45,8 +45,8 @@ struct Field {
     const char* value;
 };
 
-// What a report carries besides its type, number and time, first those of a session report.
-// RTT_MIN, which no output line shows, follows and takes the padding.
+// The fields besides type, number and time; those of a session report come first. RTT_MIN, which is
+// not in any output line, follows and contains the padding.
 constexpr Field FIELDS[] = {
     {"GCID", "3-1016"},
     {"TID", "2.117"},
@@ -89,7 +89,8 @@ bool LoadGenerator::run()
 void LoadGenerator::send_all()
 {
     constexpr std::uint64_t NANOSECONDS = 1000000000;
-    constexpr std::uint64_t BURSTS_TO_LOOK_AFTER = 256;  // for a signal; unpaced, each look costs
+    constexpr std::uint64_t BURSTS_TO_LOOK_AFTER =
+        256;  // for a signal; without pauses, each look costs time
     Progress progress;
     const Pacer pacer;
     std::uint32_t done = 0;

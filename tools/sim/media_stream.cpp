@@ -18,9 +18,8 @@ std::string dotted(std::uint32_t address)
            std::to_string((address >> 8) & 0xFF) + "." + std::to_string(address & 0xFF);
 }
 
-// A packet of a line where nobody speaks: one period of a quiet hum of 50 Hz. So near to silence
-// the PCMU codes count the steps from 0 down, from 255 for positive samples and from 127 for
-// negative.
+// A packet of a line without voice: one period of a quiet hum of 50 Hz. For samples this small,
+// PCMU codes count down from 255 for positive and from 127 for negative samples.
 std::string hum()
 {
     constexpr double STEPS = 15;
@@ -145,7 +144,7 @@ VoiceRecord MediaStream::voice_record() const
     record.source_port = _call->unit_port;
     record.destination_port = _call->far_end_port;
     record.ssrc = _ssrc;
-    if (_end == CallEnd::FAR) {  // what comes from there
+    if (_end == CallEnd::FAR) {  // sent by the far end
         std::swap(record.source_address, record.destination_address);
         std::swap(record.source_port, record.destination_port);
     }

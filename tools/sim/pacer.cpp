@@ -9,7 +9,7 @@ Pacer::Pacer()
     sigemptyset(&_stop_signals);
     sigaddset(&_stop_signals, SIGINT);
     sigaddset(&_stop_signals, SIGTERM);
-    (void)sigprocmask(SIG_BLOCK, &_stop_signals, nullptr);  // fails for wrong arguments only
+    (void)sigprocmask(SIG_BLOCK, &_stop_signals, nullptr);  // fails only for invalid arguments
 }
 
 bool Pacer::wait_until(std::chrono::nanoseconds since_start) const

@@ -131,7 +131,7 @@ std::optional<SimOptions> SimOptions::parse(int argc, char** argv)
             std::puts("voxstat-sim " VOXSTAT_VERSION);
             std::exit(0);
         }
-        if (letter == '?')  // getopt_long has said why
+        if (letter == '?')  // getopt_long has printed the reason
             return std::nullopt;
         if (!store(options, letter, optarg)) {
             (void)std::fprintf(stderr, "voxstat-sim: invalid value \"%s\" for --%s; see --help\n",

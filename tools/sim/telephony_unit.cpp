@@ -9,12 +9,12 @@
 
 namespace {
 
-// The simulation advances by what one voice datagram holds of a stream.
+// The simulation advances by the time that one voice datagram covers.
 constexpr std::size_t RECORDS_PER_DATAGRAM = 5;
 constexpr SimTime TICK = MediaStream::PACKET_TIME * RECORDS_PER_DATAGRAM;
 
-// Every third call is without voice for an interval, unless that is so long that the packets of all
-// such calls would not fit into memory.
+// Every third call carries no voice for an interval, unless the interval is so long that the
+// packets of all these calls would not fit into memory.
 constexpr unsigned SILENT_CALL = 3;
 constexpr SimTime LONGEST_SILENCE = std::chrono::minutes(1);
 
@@ -33,9 +33,9 @@ void TelephonyUnit::plan_calls()
         _calls.emplace_back(plan_call(number), _random);
 }
 
-// The calls begin in the first third of the time and end, one after the other, in the last third.
-// The bad ones lie as evenly among them as can be and are bad for half of the time that all calls
-// share. Where a call is without voice, it is so at its begin, or when it is at its worst.
+// The calls start in the first third of the time and end, one after the other, in the last third.
+// The bad ones are spread evenly among them, and are bad for a quarter of the time. A call without
+// voice for an interval has it at its start, or when it is worst.
 CallPlan TelephonyUnit::plan_call(unsigned number)
 {
     const SimTime third = _duration / 3;
@@ -59,7 +59,7 @@ CallPlan TelephonyUnit::plan_call(unsigned number)
     return plan;
 }
 
-// Of 6 calls with 1 bad one it is number 3, from 0 on; with 2 bad ones, 1 and 4.
+// Of 6 calls from 0 to 5, number 3 is bad if there is 1 bad call; 1 and 4 if there are 2.
 bool TelephonyUnit::is_bad(unsigned number) const
 {
     const auto bad_before = [this](unsigned calls) {
@@ -87,7 +87,7 @@ SimTime TelephonyUnit::play()
              std::chrono::duration_cast<SimTime>(to_real(_duration));
     Progress progress;
     const Pacer pacer;
-    // Records follow their report, maybe the last one.
+    // Records follow their report, possibly the last one.
     for (SimTime now = SimTime::zero(); now <= _duration || has_records_left(); now += TICK) {
         if (!pacer.wait_until(to_real(now)))
             return now;

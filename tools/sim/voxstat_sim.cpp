@@ -1,4 +1,4 @@
-// voxstat-sim: plays a telephony unit on loopback, to try out, test and measure the daemon.
+// voxstat-sim: simulates a telephony unit on loopback, to try, test and measure the daemon.
 #include <cstdio>
 #include <exception>
 #include <optional>
