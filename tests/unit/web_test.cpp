@@ -152,6 +152,7 @@ TEST(WebClient, KeepsTheBatchWhenNoHandleIsIdle)
     client.wc_perform();
     EXPECT_EQ(" [INFO] Skipping http transmission - no available idle curl handles!\n", log.take());
     EXPECT_EQ(202, client.write(200));
+    EXPECT_EQ(2, faults.calls("curl_global_init"));  // no more once it has succeeded
 }
 
 TEST(HttpHanle, LogsTheTraceAndDropsTheAnswer)
