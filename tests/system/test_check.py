@@ -105,7 +105,7 @@ def test_what_keeps_the_daemon_from_starting(write):
 
 
 STRICT = "ProtectSystem=strict\nReadWritePaths=-/var/log/current "
-DENIED = "error: the unit does not let the service {} DIR/stat/; systemctl edit voxstat, [Service] ReadWritePaths=DIR/stat/, and restart it"
+DENIED = "error: the unit does not let the service {} DIR/stat/; run systemctl edit voxstat, add [Service] ReadWritePaths=DIR/stat/, and restart it"
 UNITS = [   # case, properties of the unit, commands to run first, lines of the configuration, findings
     ("not allowed", STRICT, "", ["qos_stat_dir = DIR/stat"], [DENIED.format("write to")]),
     ("allowed", STRICT + "DIR/stat", "", ["qos_stat_dir = DIR/stat"], []),
@@ -126,8 +126,8 @@ UNITS = [   # case, properties of the unit, commands to run first, lines of the 
     ("hidden", "InaccessiblePaths=-DIR/stat", "", ["qos_stat_dir = DIR/stat"], [DENIED.format("see")]),
     ("hidden serial number", "InaccessiblePaths=DIR/own", "mkdir -m 777 own; cp sn own", ["sn_file_path = DIR/own/sn"], [
         "warning: DIR/own/sn cannot be read by the user USER: Permission denied, so reports without a serial number of "
-        "their own get 0; the unit hides it from the service; set sn_file_path to a file elsewhere, or systemctl "
-        "edit voxstat, [Service] ProtectHome=read-only, and restart it"]),
+        "their own get 0; the unit hides it from the service; set sn_file_path to a file elsewhere, or run "
+        "systemctl edit voxstat, add [Service] ProtectHome=read-only, and restart it"]),
     ("low port", "AmbientCapabilities=cap_net_bind_service", "", ["qos_port = 1"], []),
     ("private /tmp", "PrivateTmp=yes", "", ["qos_stat_dir = DIR/stat"], [
         "warning: the packaged service has a private /tmp and /var/tmp, which are deleted when it stops; name a directory "

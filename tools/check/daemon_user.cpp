@@ -50,7 +50,7 @@ DaemonUser::DaemonUser(const std::optional<std::string>& name)
 {
     const passwd* entry = find_user(name);
     if (entry == nullptr)
-        throw std::invalid_argument("there is no user " + name.value_or("of this process"));
+        throw std::invalid_argument("unknown user: " + name.value_or("the user of this process"));
     _name = entry->pw_name;
     _uid = entry->pw_uid;
     _gid = entry->pw_gid;

@@ -106,7 +106,7 @@ void find_forbidden(const OutputFile& file, bool hidden, Findings& findings)
 {
     findings.error(file.line, "the unit does not let the service ", hidden ? "see " : "write to ",
                    file.directory,
-                   "; systemctl edit voxstat, [Service] ReadWritePaths=", file.directory,
+                   "; run systemctl edit voxstat, add [Service] ReadWritePaths=", file.directory,
                    home_remedy(file.directory), ", and restart it");
 }
 

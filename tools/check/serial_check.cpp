@@ -25,7 +25,7 @@ std::string remedy(const std::string& path, int error, const DaemonUser& user,
     const std::string closed = user.closed_directory(path);
     if (service.unit.access(path) == ServiceUnit::Access::HIDDEN)
         return "the unit hides it from the service; set sn_file_path to a file elsewhere, or "
-               "systemctl edit voxstat, [Service] ProtectHome=read-only, and restart it";
+               "run systemctl edit voxstat, add [Service] ProtectHome=read-only, and restart it";
     if (error == ENOENT)
         return "mkdir -p " + std::filesystem::path(path).parent_path().string() +
                " && echo serial: ABC12 > " + path;
