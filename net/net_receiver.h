@@ -34,14 +34,14 @@ public:
     // sockets, 0 on time-out, negative on failure or when a signal ended the wait.
     int WaitForPackets(unsigned int timeoutMs);
 
-    // Reads one datagram when the last wait reported the socket readable. At most size - 1 bytes
-    // are stored, and a zero byte behind them; the rest of a longer datagram is discarded.
-    // Returns its length; 0 for an empty datagram or nothing to read; negative when the queue is
-    // empty or the read failed. Called again until it returns 0 or less.
+    // Reads one datagram if the last wait reported the socket readable. Stores at most size - 1
+    // bytes and a zero byte after them, and discards the rest of a longer datagram. Returns its
+    // length, 0 for an empty datagram or nothing to read, or a negative number when the queue is
+    // empty or the read failed. Call it until it returns 0 or less.
     int ReceiveQoSPacket(char* buf, int size);
     int ReceiveVoicePacket(char* buf, int size);
 
-    // The read that both share.
+    // The read that both functions share.
     int receive_packet(char* buf, int size, unsigned short port, int& sock);
 
     // Closes one socket if it is open and takes it out of the poll set.

@@ -35,8 +35,8 @@ public:
     // web client's lock, after is_idle(), so that a handle goes to one worker only.
     void set_state(HANDLE_STATE new_state);
 
-    // Makes the lines, joined by json_frame::SEPARATOR, the next request's body, and empties them.
-    // By the worker that made the handle busy, as the two below. Never throws.
+    // Moves the lines, which json_frame::SEPARATOR joins, into the body of the next request, as a
+    // JSON array. This and the next two are for the worker that made the handle busy. Never throws.
     void take_lines(std::string& lines);
     const std::string& request_body() const { return body; }
 
