@@ -248,4 +248,4 @@ def test_silent_nodes_free_the_units(fleet):  # noqa: F811
         begin = time.monotonic()
         assert post(fleet, call("next")) == status
         assert time.monotonic() - begin < 10      # the time-out is 2 s here
-    wait_for(lambda: fleet.count("reports") == 1, 40, "for the next batch")
+    wait_for(lambda: fleet.count("reports") >= 1, 40, "for the next batch")     # a node may also keep the first one
