@@ -86,11 +86,11 @@ function showState() {
         }
     const drawn = Object.values(parts).map(part => part.drawn).filter(Boolean);
     if (drawn.length)
-        element("age").textContent = `Data of ${moment(Math.min(...drawn))}, ${age(now() - Math.min(...drawn))} old`;
+        element("age").textContent = `Data as of ${moment(Math.min(...drawn))}, ${age(now() - Math.min(...drawn))} old`;
     const reasons = new Set(unreachable ? [unreachable] : failed.map(([, {failure}]) => failure));
     const text = reasons.size ? [unreachable ? "The store does not answer. This page shows old data."
         : `Old data in: ${failed.map(([query]) => query.replace("_", " ")).join(", ")}.`,
-    ...reasons, "The page retries on its own."].join("\n") : "";
+    ...reasons, "The page retries automatically."].join("\n") : "";
     element("error").hidden = !text;
     if (element("error").textContent !== text)      // a screen reader would repeat it
         element("error").textContent = text;
@@ -135,7 +135,7 @@ function showExpected(rows) {
     section.hidden = !down.length;
     section.querySelector("h2").textContent =
         `No answer from ${down.flatMap(({nodes}) => nodes).join(", ")}. Missing units: ${number(lost.length)}`;
-    showTable("missing", [UNIT, ...NAMES], lost, "The page shows no data of these units until their shard answers.");
+    showTable("missing", [UNIT, ...NAMES], lost, "The page shows no data from these units until their shard answers.");
 }
 
 function showSilent(rows, {from, to}) {
@@ -145,7 +145,7 @@ function showSilent(rows, {from, to}) {
     countIn("silent", "Silent units: ", known.filter(row => row.silent).length);
     showTable("silent", [UNIT, ["state", "State"], ...NAMES,
         ["last_heartbeat", "Last heartbeat", atTime(to - HEARTBEATS_S)], ["last_report", "Last report", atTime(from)]],
-    known, `A unit is silent when nothing arrived for more than ${SILENT_AFTER_S / 60} minutes. ` +
+    known, `A unit is silent when nothing has arrived from it for more than ${SILENT_AFTER_S / 60} minutes. ` +
         `Units that are not expected (not in units.csv): ${number(known.filter(row => !row.expected).length)}.`);
 }
 
@@ -159,8 +159,8 @@ function showCalls(rows) {
     const bad = rows.filter(({severity}) => severity >= 1).length;
     countIn("worst_calls", "Worst calls: ", bad, count => count < 100 ? `${count} bad` : "100 or more bad");
     showTable("calls", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME, ["loss_mean", "Loss (%)", percent],
-        TRAFFIC[1], LAST], rows.map(withUnit), "Worst calls first. What counts is the worst report of a call: its " +
-        "loss, jitter or round-trip time, each divided by the value from which it is bad.");
+        TRAFFIC[1], LAST], rows.map(withUnit), "Worst calls first, ranked by the highest loss, jitter or " +
+        "round-trip time of each call, divided by the value from which it is bad.");
 }
 
 function showUnits(rows, total) {
@@ -178,7 +178,7 @@ function showFound(rows) {
         `Search for “${text}”. Units: ${number(units.length)}, calls: ${number(rows.length)}`;
     showTable("found", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME, TRAFFIC[1], LAST],
         [...units.map(unit => ({...unit, call: "", terminal: "", rtcp_name: ""})), ...rows.map(withUnit)],
-        "Calls of the chosen time, site and unit, the latest first.");
+        "Calls of the selected time, site and unit, the latest first.");
 }
 
 function showTiles(id, tiles) {

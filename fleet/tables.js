@@ -42,9 +42,9 @@ function figure(key, value, form) {
     return create("span", {className: word}, value === undefined ? "" : form(value), word && ` ${word}`);
 }
 
-const legend = () => `Fair: from ${LIMITS.loss[0]} % loss, ${LIMITS.jitter[0]} ms jitter or ${LIMITS.rtt[0]} ms ` +
-    `round trip on, or a MOS below ${LIMITS.mos[0]}. Bad: from ${LIMITS.loss[1]} %, ${LIMITS.jitter[1]} ms or ` +
-    `${LIMITS.rtt[1]} ms on, or a MOS below ${LIMITS.mos[1]}. Without a word: good. MOS is an estimate.`;
+const legend = () => ["Fair", "Bad"].map((word, place) => `${word}: loss of at least ${LIMITS.loss[place]} %, jitter ` +
+    `of at least ${LIMITS.jitter[place]} ms, round trip of at least ${LIMITS.rtt[place]} ms, or a MOS below ` +
+    `${LIMITS.mos[place]}. `).join("") + "Figures that are not marked are good. The MOS is an estimate.";
 
 // A column: [key, title, format (text if there is none), address that its text links to].
 const tables = {};      // for each: its order, and whether it shows all rows
