@@ -70,7 +70,7 @@ def test_findings(write, case):
         else:
             place = f"{number}: "
     if mounts and SELF != "root":
-        pytest.skip("mounts need root")
+        pytest.skip("needs root")
     status, (*found, summary) = check(config, first=mounts)
     assert [row for row in found if "/var/log/current/" not in row] == findings     # missing on most machines
     text = "\n".join(found)
