@@ -86,7 +86,7 @@ def parse_nodes(texts, replicas):
             if times > 1:
                 sys.exit(f"fleet.py: {times} nodes have the {what} {value}")
     if not nodes or len(nodes) % replicas:
-        sys.exit(f"fleet.py: {len(nodes)} nodes cannot be shared out to shards of {replicas}")
+        sys.exit(f"fleet.py: {len(nodes)} nodes cannot be divided into shards of {replicas} nodes")
     return nodes
 
 
@@ -97,14 +97,14 @@ def read_units(path):
     with open(path, encoding="utf-8-sig", newline="") as file:
         reader = csv.reader(file, strict=True)
         if next(reader, None) != ["serial", "name", "site"]:
-            sys.exit(f"fleet.py: {path} does not begin with the line serial,name,site")
+            sys.exit(f"fleet.py: {path} does not start with the line serial,name,site")
         units, seen = [], {}
         for row in filter(None, reader):
             where = f"fleet.py: {path}, line {reader.line_num}"
             if len(row) != 3 or not SERIAL.fullmatch(row[0]):
                 sys.exit(f"{where}: not a serial number of letters, digits, - and _, a name and a site")
             if (other := seen.setdefault(row[0][:SN_LENGTH], row[0])) != row[0] or row in units:
-                sys.exit(f"{where}: {row[0]} begins like {other}; the store has {SN_LENGTH} characters of each")
+                sys.exit(f"{where}: {row[0]} and {other} have the same first {SN_LENGTH} characters, and the store keeps no more")
             units.append(row)
     return units
 
@@ -231,9 +231,9 @@ def load_on_all(nodes, keys, units):
             load_units(node, keys, units)
         except OSError as error:
             reason = error.read().decode(errors="replace") if isinstance(error, urllib.error.HTTPError) else error
-            print(f"fleet.py: {node.name} has not taken the units: {reason}", file=sys.stderr)
+            print(f"fleet.py: {node.name} did not accept the list of units: {reason}", file=sys.stderr)
             failed += 1
-    print(f"{len(units)} units are expected; {len(nodes) - failed} of {len(nodes)} nodes know them.")
+    print(f"{len(units)} units are expected; {len(nodes) - failed} of {len(nodes)} nodes have the list.")
     return not failed
 
 

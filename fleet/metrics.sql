@@ -5,10 +5,10 @@ SELECT concat(
     arrayStringConcat(groupArray(concat('voxstat_fleet_', metric, labels, ' ', toString(row.3))), '\n'))
 FROM (
     SELECT arrayJoin([
-        ('units_expected', 'Units of units.csv.', toFloat64(countIf(listed))),
+        ('units_expected', 'Units listed in units.csv.', toFloat64(countIf(listed))),
         ('units_heard', 'Units heard within ten minutes.', toFloat64(countIf(heard))),
         ('units_silent', 'Expected units that were not heard.', toFloat64(countIf(listed AND NOT heard))),
-        ('units_unexpected', 'Units heard that units.csv does not have.', toFloat64(countIf(heard AND NOT listed)))
+        ('units_unexpected', 'Units heard that are not listed in units.csv.', toFloat64(countIf(heard AND NOT listed)))
     ]) AS row, '' AS labels
     FROM (
         SELECT sn, max(from_list) AS listed, max(from_store) AS heard FROM (
@@ -24,7 +24,7 @@ FROM (
     SELECT arrayJoin([
         ('reports', 'Reports of the last five minutes.', toFloat64(sum(n))),
         ('calls', 'Calls with reports in the last five minutes.', toFloat64(count())),
-        ('bad_calls', 'Those of them whose worst figures pass a threshold.', toFloat64(countIf(severity >= 1)))
+        ('bad_calls', 'Calls with a figure above a threshold in the last five minutes.', toFloat64(countIf(severity >= 1)))
     ]) AS row, '' AS labels
     FROM (
         SELECT cityHash64(@CALL@) AS hash, count() AS n, @SEVERITY@ AS severity
@@ -48,11 +48,11 @@ FROM (
     ANY LEFT JOIN (SELECT name AS node, 1 AS up FROM fleet.nodes) USING node
     UNION ALL
     SELECT arrayJoin([
-        ('node_free_bytes', 'Free bytes of the disk of the store.', toFloat64(free_bytes)),
-        ('node_size_bytes', 'Size of that disk.', toFloat64(size_bytes)),
-        ('node_spool_files', 'Files that the node has still to deliver.', toFloat64(spool_files)),
-        ('node_broken_files', 'Files that it has set aside as broken.', toFloat64(broken_files)),
-        ('node_parts', 'Parts of the table of reports.', toFloat64(parts))
+        ('node_free_bytes', 'Free bytes on the disk of the store.', toFloat64(free_bytes)),
+        ('node_size_bytes', 'Size of the disk of the store in bytes.', toFloat64(size_bytes)),
+        ('node_spool_files', 'Files that the node has not delivered yet.', toFloat64(spool_files)),
+        ('node_broken_files', 'Files that the node has marked as broken.', toFloat64(broken_files)),
+        ('node_parts', 'Parts of the reports table.', toFloat64(parts))
     ]) AS row, concat('{node="', name, '"}') AS labels
     FROM fleet.nodes
 )

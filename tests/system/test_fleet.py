@@ -178,9 +178,9 @@ def test_queries(fleet):
 REFUSED = [  # units.csv, nodes, message of fleet.py
     ("", ["a<b=::1"], "neither a host name"), ("", ["fe80::1%<x>"], "neither a host name"),
     ("", ["a=::1", "a=::2"], "the name a"), ("", ["127.0.0.1", "b=127.0.0.1"], "the address 127.0.0.1"),
-    ("", ["n.invalid"], "cannot resolve n.invalid"), ("serial,site\n", ["::1"], "does not begin"),
+    ("", ["n.invalid"], "cannot resolve n.invalid"), ("serial,site\n", ["::1"], "does not start"),
     ("serial,name,site\n1 2,,\n", ["::1"], "line 2: not a serial"),
-    ("serial,name,site\n123456,,\n123457,,\n", ["::1"], "line 3: 123457 begins like 123456"),
+    ("serial,name,site\n123456,,\n123457,,\n", ["::1"], "line 3: 123457 and 123456 have the same first 5 characters"),
 ]
 
 
