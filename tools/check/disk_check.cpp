@@ -145,8 +145,7 @@ void find_other_writer(const OutputFile& file, const Service& service, Findings&
     for (const Process& process : Process::all()) {
         if (!process.is_daemon() || (service.daemon && process.id() == service.daemon->id()))
             continue;
-        const std::vector<std::string> open = process.open_files();
-        if (std::find(open.begin(), open.end(), file.path()) != open.end())
+        if (process.has_open(file.path()))
             findings.error(file.line, "another daemon, process ", process.id(), ", also writes ",
                            file.path(), "; give each daemon its own directory");
     }

@@ -20,21 +20,21 @@ MountView::MountView(const std::optional<Process>& process)
 {
     if (!process)
         return;
-    _own = open_read("/proc/self/ns/mnt");
+    _root = open_read("/");
     _directory = open_read(".");
-    const int theirs = open_read("/proc/" + std::to_string(process->id()) + "/ns/mnt");
-    // The kernel refuses a thread that shares its root or working directory with another.
-    _entered = _own != -1 && _directory != -1 && theirs != -1 && unshare(CLONE_FS) == 0 &&
-               setns(theirs, CLONE_NEWNS) == 0;
-    if (theirs != -1)
-        (void)close(theirs);  // only needed to enter it
+    // Its root leads to its mounts, and is the right one in a container without mounts of its own.
+    // All threads have one root and one working directory unless a thread asks for its own.
+    _entered = _root != -1 && _directory != -1 && unshare(CLONE_FS) == 0 &&
+               chroot(("/proc/" + std::to_string(process->id()) + "/root").c_str()) == 0;
+    if (_entered && chdir("/") != 0)
+        std::abort();
 }
 
 MountView::~MountView()
 {
-    if (_entered && (setns(_own, CLONE_NEWNS) != 0 || fchdir(_directory) != 0))
+    if (_entered && (fchdir(_root) != 0 || chroot(".") != 0 || fchdir(_directory) != 0))
         std::abort();  // a mixture of two views would give wrong findings
-    for (const int fd : {_own, _directory})
+    for (const int fd : {_root, _directory})
         if (fd != -1)
             (void)close(fd);
 }

@@ -10,7 +10,7 @@
 
 class MountView {
 public:
-    // Does nothing without a process, or without the permission to enter its namespace.
+    // Does nothing without a process, or without the permission to enter its view.
     explicit MountView(const std::optional<Process>& process);
     ~MountView();
     MountView(const MountView&) = delete;
@@ -19,7 +19,7 @@ public:
     bool entered() const { return _entered; }
 
 private:
-    int _own = -1;        // this process's namespace
-    int _directory = -1;  // and its working directory there
+    int _root = -1;       // this process's own
+    int _directory = -1;  // and its working directory
     bool _entered = false;
 };

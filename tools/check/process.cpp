@@ -94,6 +94,18 @@ std::vector<std::string> Process::open_files() const
     return targets;
 }
 
+bool Process::has_open(const std::string& path) const
+{
+    std::error_code error;
+    for (fs::directory_iterator entry(directory(_id) + "fd", error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code other;  // of sockets and the like
+        if (fs::equivalent(entry->path(), path, other))
+            return true;
+    }
+    return false;
+}
+
 std::vector<std::string> Process::environment() const
 {
     std::vector<std::string> found;

@@ -25,6 +25,8 @@ public:
     // The targets of its descriptors: paths, and texts like "socket:[4711]". Empty without
     // permission.
     std::vector<std::string> open_files() const;
+    // Whether it has this very file open, whatever its path is called in its own view.
+    bool has_open(const std::string& path) const;
 
     // Its environment, as NAME=VALUE; empty without permission.
     std::vector<std::string> environment() const;
