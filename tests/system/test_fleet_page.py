@@ -19,6 +19,7 @@ sys.path.insert(0, str(ROOT / "fleet"))
 from fleet import load_units  # noqa: E402
 
 webdriver = pytest.importorskip("selenium.webdriver", reason="no python3-selenium")
+exceptions = pytest.importorskip("selenium.common.exceptions")
 CHART_JS = Path("/usr/share/javascript/chart.js/chart.min.js")
 RECORDED = ROOT / "tests/system/data/fleet_answers.json"
 ODD = ["<img src=x onerror=document.title='odd'>", "'; DROP TABLE fleet.reports_shard; --", "</script><script>x()"]
@@ -84,7 +85,18 @@ class Page:
     def press(self, selector):
         """Presses Enter as soon as no drawing is pending."""
         wait_for(lambda: self.run("return isFinite(finished)"), 20, "for the round's end")
-        self.find(selector).send_keys("\n")
+        self.use(selector, "\n")
+
+    def use(self, selector, keys=None):
+        """Types into an element, or clicks it, even if it is drawn anew meanwhile."""
+        def used():
+            try:
+                element = self.find(selector)
+                element.send_keys(keys) if keys else element.click()
+                return True
+            except exceptions.StaleElementReferenceException:
+                return False
+        wait_for(used, 20, f"for {selector} to stay")
 
     def csv(self, table):
         path = self.directory / f"{table}.csv"
@@ -166,7 +178,7 @@ def test_the_choice_stands_in_the_address(store, page):
     first = store.answers["worst_calls"]["data"][0]
     page.browser.get(f"{store.url}#period=chosen&from=1e300&scale=x&call=x")     # costs what it is needed for only
     page.shows("[data-query=trend] h2", "The whole fleet over time")
-    page.find("form a").click()
+    page.use("form a")
     wait_for(lambda: not page.find("#error").is_displayed(), 20, "for the valid address")
     page.browser.get(f"{store.url}#period=chosen&from={store.now - 3600}&to={store.now}&site=Bonn&unit=U2")
     page.shows("[data-query=trend] h2", "Unit U2 Bonn 1 over time")
@@ -174,7 +186,7 @@ def test_the_choice_stands_in_the_address(store, page):
     assert query == {"from": str(store.now - 3600), "to": str(store.now), "site": b"Bonn".hex(), "unit": b"U2".hex(),
                      "ms": "1"}
     assert page.texts("#unit option") == ["all", "LATE =1+1", "U2 Bonn 1"]
-    page.find("form a").click()
+    page.use("form a")
     page.shows("[data-query=trend] h2", "The whole fleet")
     page.press("[data-table=calls] tbody a")
     page.shows("#call h2", "Call 3-77 of unit U2")
@@ -185,18 +197,18 @@ def test_the_choice_stands_in_the_address(store, page):
     page.browser.get("about:blank")
     page.browser.get(link)
     page.shows("#call h2", "Call 3-77 of unit U2")
-    page.find("#close").click()
+    page.use("#close")
     wait_for(lambda: not page.find("#call").is_displayed())
     assert page.browser.switch_to.active_element.text == "3-77"
     page.browser.back()
     page.shows("#call h2", "Call 3-77")
-    page.find("#find").send_keys(ODD[0] + "\n")
+    page.use("#find", ODD[0] + "\n")
     page.shows("#found h2", ODD[0])
     assert dict(store.asked)["search"]["find"] == ODD[0].encode().hex()
-    page.find("#scale option[value='0']").click()
+    page.use("#scale option[value='0']")
     wait_for(lambda: dict(store.asked)["trend"]["ms"] == "0" and page.rows("calls")[0][2] == "–")
     store.faults["units"] = threading.Event()
-    page.find("#period option[value='3600']").click()
+    page.use("#period option[value='3600']")
     page.shows("[data-query=units][aria-busy=true] h2", "Worst units")
     store.faults.pop("units").set()
     table = page.csv("silent")
@@ -220,7 +232,7 @@ def test_old_data_says_so(store, page):
     page.shows("[data-query=trend] h2", "The whole fleet")
     assert page.browser.execute_async_script(LATE) == ["newer", "no failure"]
     store.faults["silent"] = 500, b"Code: 47"
-    page.find("#refresh").click()
+    page.use("#refresh")
     page.shows("#error", "Old data in: silent.\nCode: 47")
     assert len(page.texts(".stale")) == 1 and len(page.rows("silent")) == 3
     del store.faults["silent"]
