@@ -39,7 +39,7 @@ def test_package(tmp_path, arch, emulator):
         libraries = re.findall(r"lib[a-z0-9.+-]+", subprocess.check_output(["dpkg-deb", "-f", deb, "Depends"], text=True))
         release = re.search("^VERSION_CODENAME=(.*)", Path("/etc/os-release").read_text(), re.M)[1]
         subprocess.run([ROOT / "scripts/debian-root", release, arch, root, "--variant=extract",
-                        "--include=" + ",".join(libraries)], check=True)
+                        "--include=" + ",".join(["base-files", *libraries])], check=True)
     subprocess.run(["dpkg-deb", "--extract", deb, root], check=True)
     settings = re.findall(r"^\w.*", (root / "etc/voxstat/voxstat.cfg").read_text(), re.M)
     assert [row.split()[0] for row in settings] == ["qos_stat_dir"]     # which the comparison replaces
