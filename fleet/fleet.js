@@ -149,6 +149,14 @@ function showSilent(rows, {from, to}) {
         `Units that are not expected (not in units.csv): ${number(known.filter(row => !row.expected).length)}.`);
 }
 
+function showForeign(rows) {
+    document.querySelector("[data-query=foreign]").hidden = !rows.length;
+    countIn("foreign", "Batches with another unit's number: ", rows.reduce((sum, row) => sum + row.batches, 0));
+    showTable("foreign", [["user", "Sent by"], ["address", "From address"], ["unit", "As unit", null, toUnit], ...NAMES,
+        ["batches", "Batches", number], ["since", "First", atTime()], ["until", "Last", atTime()]], rows.map(withUnit),
+    "The store trusts the serial number in a line. Check the serial number and the URL of the sender.");
+}
+
 // Sets the heading of a query's part, with a count.
 function countIn(query, title, count, form = value => value ? number(value) : "none") {
     document.querySelector(`[data-query=${query}] h2`).replaceChildren(title,
@@ -251,6 +259,7 @@ async function refresh(opened = false) {
         ...(find ? [["search", {...all, find: hex(find)}, showFound]] : []),
         ...(call ? [callQuery(time, opened)] : []),
         ["silent", {...all, since: time.to - HEARTBEATS_S, after: SILENT_AFTER_S}, rows => showSilent(rows, time)],
+        ["foreign", all, showForeign],
         ["worst_calls", all, showCalls],
         ["units", all, showUnits],
         ["sites", all, showSites],

@@ -163,7 +163,7 @@ def write_passwords(gateway, serials):
 
 
 def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, engine_listen="127.0.0.1", rate=100,
-                        timeout=10, ms=1, log="/var/log/nginx"):
+                        timeout=10, ms=1):
     """Writes everything except the passwords to gateway/ and nodes/NAME/. keys: with which gateway and nodes log in to
     each other; the last one is used, and earlier ones are still accepted. home: path of gateway/ on the gateway. ms:
     milliseconds in the unit of jitter and round-trip time, for the metrics; viewers of the page select their own."""
@@ -177,7 +177,7 @@ def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, e
         "KEY": current[1], "GENERATION": current[0], "HOME": home or gateway, "RATE": rate, "TIMEOUT": timeout,
         "ENGINE_LISTEN": engine_listen, "SHARDS": shard_list(nodes, replicas, current),
         "NODES": shard_list(nodes, 1, current),
-        "LOG": log, "INGEST": servers.replace("@FAIL@", "5"), "QUERY_NODES": servers.replace("@FAIL@", "30"),
+        "INGEST": servers.replace("@FAIL@", "5"), "QUERY_NODES": servers.replace("@FAIL@", "30"),
         "LISTEN": "\n".join(f"    listen {address};" for address in listen),
         "PARAMETERS": "\n".join(parameter_map(name, kind) for name, kind in parameters),
         "METRICS": in_arguments(queries(nodes, replicas, "metrics.sql")["metrics"].replace("{ms:Float64}", str(ms))),

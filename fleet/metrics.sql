@@ -21,6 +21,10 @@ FROM (
         ) GROUP BY sn
     )
     UNION ALL
+    SELECT ('foreign_batches', 'Batches within ten minutes that have another serial number than their user.',
+        toFloat64(count())) AS row, '' AS labels
+    FROM fleet.foreign WHERE received >= now() - 600
+    UNION ALL
     SELECT arrayJoin([
         ('reports', 'Reports of the last five minutes.', toFloat64(sum(n))),
         ('calls', 'Calls with reports in the last five minutes.', toFloat64(count())),

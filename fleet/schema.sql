@@ -1,19 +1,20 @@
 -- The tables of the fleet's store. Run this on every node. It does not change existing tables.
 --
--- incoming --accept--> lines (all shards) --> lines_shard --cut--> reports_shard, heartbeats_shard
+-- incoming --accept--> lines (all shards) --> lines_shard --cut--> reports_shard, heartbeats_shard, foreign_shard
 --
 -- incoming and lines_shard store nothing. The node that accepts a batch keeps it in a spool file until it has
 -- delivered it to the unit's shard. The shard cuts the lines of many batches into columns at once, because the setup
 -- of this work costs more than the work for one batch. The cluster "fleet" (engine.xml) defines the shards. Read from
--- reports and heartbeats, which cover all shards.
+-- reports, heartbeats and foreign, which cover all shards.
 --
 -- Retention: each month is a partition; on each node
 --     ALTER TABLE fleet.reports_shard DROP PARTITION 202601
---     ALTER TABLE fleet.heartbeats_shard DROP PARTITION 202601
+--     ALTER TABLE fleet.heartbeats_shard DROP PARTITION 202601    -- likewise foreign_shard
 
 CREATE DATABASE IF NOT EXISTS fleet;
 
--- A line of a posted batch, unchanged: [ or {"message": "..."}, or ]
+-- A line of a posted batch, unchanged: [ or {"message": "..."}, or ]. In front of a batch with another unit's serial
+-- number, the gateway inserts a line: |USER ADDRESS SERIAL
 CREATE TABLE IF NOT EXISTS fleet.incoming (message String) ENGINE = Null;
 CREATE TABLE IF NOT EXISTS fleet.lines_shard (received DateTime, message String) ENGINE = Null;
 
@@ -22,7 +23,7 @@ CREATE TABLE IF NOT EXISTS fleet.lines_shard (received DateTime, message String)
 CREATE TABLE IF NOT EXISTS fleet.lines AS fleet.lines_shard
 ENGINE = Distributed(fleet, fleet, lines_shard, cityHash64(substring(message, 141, 5)));
 CREATE MATERIALIZED VIEW IF NOT EXISTS fleet.accept TO fleet.lines AS
-SELECT now() AS received, message FROM fleet.incoming WHERE substring(message, 1, 1) = '{'
+SELECT now() AS received, message FROM fleet.incoming WHERE message >= '{'    -- also |
     AND throwIf(dictGetUInt64('node', 'free_bytes', toUInt64(0)) < 500000000) = 0;
 
 -- received  when the batch arrived
@@ -89,6 +90,14 @@ SELECT received, replaceRegexpOne(substring(message, 141, 5), '^ +', '') AS sn
 FROM fleet.lines_shard
 WHERE substring(message, 91, 50) = '     0       0    0   0.0      0     0      00000 '
     AND substring(message, 146) IN (' Service_Packet"}', ' Service_Packet"},');
+
+-- Batches with lines that do not have the serial number of the user who posted them; sn is the first other number.
+CREATE TABLE IF NOT EXISTS fleet.foreign_shard (received DateTime, user String, address String, sn String)
+ENGINE = MergeTree PARTITION BY toYYYYMM(received) ORDER BY received;
+CREATE TABLE IF NOT EXISTS fleet.foreign AS fleet.foreign_shard ENGINE = Distributed(fleet, fleet, foreign_shard);
+CREATE MATERIALIZED VIEW IF NOT EXISTS fleet.cut_foreign TO fleet.foreign_shard AS
+WITH splitByChar(' ', substring(message, 2)) AS words
+SELECT received, words[1] AS user, words[2] AS address, words[3] AS sn FROM fleet.lines_shard WHERE message LIKE '|%';
 
 -- The expected units, from units.csv; sn is the part of the serial number that a line contains.
 CREATE TABLE IF NOT EXISTS fleet.units (sn String, name String, site String) ENGINE = MergeTree ORDER BY sn;

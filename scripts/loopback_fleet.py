@@ -103,7 +103,7 @@ class Fleet:
         self.gateway, self.connections = None, connections
         self.keys = [secrets.token_hex(16)]
         write_configuration(self.directory, nodes, [f"127.0.0.1:{self.http}", f"127.0.0.1:{self.https} ssl"],
-                            self.keys, replicas, rate=rate, timeout=timeout, log=self.directory)
+                            self.keys, replicas, rate=rate, timeout=timeout)
         if units is not None:
             (self.directory / "units.csv").write_text(units)
         self.units = read_units(self.directory / "units.csv")

@@ -173,6 +173,11 @@ def test_queries(fleet):
     assert rows("trend", "reports loss_mean mos_mean", step=86400, ms=1, unit="D") == [(1, 2, 4.23)]
     assert rows("call", "t type", sn="A", gcid="3-1", tid="") == [(now, "near_end"), (now - 9, "far_end")]
     assert rows("shards", "shard total up") == [(0, 2, 1), (1, 2, 1)]
+    for user, other in (("A", "B"), ("A", "B"), ("F", "C")):
+        fleet.nodes[0].sql(f"INSERT INTO fleet.incoming VALUES ('|{user} ::1 {other}')")
+    wait_for(lambda: fleet.count("foreign") == 3, 30, "for the foreign batches")
+    assert sorted(rows("foreign", "user address unit batches")) == [("A", "::1", "B", 2), ("F", "::1", "C", 1)]
+    assert rows("foreign", "user", site="east") == [("F",)]
 
 
 REFUSED = [  # units.csv, nodes, message of fleet.py
@@ -218,18 +223,22 @@ def test_metrics(fleet):
     """Prometheus can read the metrics, even with special characters in a site's name. Impossible values are limited."""
     rows = [call("x", sn="U1", jitter=-2147483648), call("x", sn="U1", loss=1e300, rtt=2147483647),
             call("x", sn="U2-lo", jitter=12), call("x", sn="U3", loss=-7)]
-    assert fleet.request("/ingest", "U2-long", body=batch(rows[2:3]).encode())[0] == 200
-    assert fleet.request("/ingest", "U1", body=batch(rows[:2] + rows[3:]).encode())[0] == 200
-    log = fleet.directory / "fleet-foreign.log"     # not the first batch, of its own unit
-    assert wait_for(log.read_text, 10, "for the foreign batch").split()[2] == "U1"
-    wait_for(lambda: fleet.count("reports") == 4, 30, "for the rows")
-    assert fleet.nodes[0].sql("SELECT loss, jitter, rtt FROM fleet.reports ORDER BY rtt, jitter DESC, sn LIMIT 4") == (
+    wide = [line(SERIAL_NUM="U9", PORT=123456, PACKETS=2000000000, SSRC="longer123456", RTCP_CNAME="U2 U2",
+                 TIME_STAMP_SEC=time.time() - 9000)]
+    for user, posted in (("U2-long", batch(rows[2:3])), ("U9", batch(wide)), ("U1", batch(rows[:2] + rows[3:])),
+                         ("U2-long", batch(wide)), ("U2-long", "[\n|U1 10.0.0.1 U9\n]")):
+        assert fleet.request("/ingest", user, body=posted.encode())[0] == 200
+    wait_for(lambda: fleet.count("foreign") == 3 and fleet.count("reports") == 6, 30, "for the rows")
+    assert fleet.nodes[0].sql("SELECT user, address, sn FROM fleet.foreign ORDER BY user, sn") == (
+        "U1\t127.0.0.1\tU3\nU2-long\t127.0.0.1\t\nU2-long\t127.0.0.1\tU9\n")
+    figures = "SELECT loss, jitter, rtt FROM fleet.reports WHERE name = 'x' ORDER BY rtt, jitter DESC"
+    assert fleet.nodes[0].sql(figures) == (
         "0\t12\t0\n0\t0\t0\n0\t0\t0\n100\t0\t10000000\n")
     wait_for(lambda: fleet.request("/metrics", "monitor")[0] == 200, 30, "for the node's dictionary")
     text = fleet.request("/metrics", "monitor")[1].decode()
     for sample in ("units_expected 3", "units_heard 3", "units_silent 1", "units_unexpected 1", "reports 4", "calls 3",
-                   "bad_calls 1", 'site_loss_percent{site="K\\"ö\\\\ln\\nx"} 50', 'site_loss_percent{site="Bonn"} 0',
-                   'node_up{node="node0"} 1', 'node_spool_files{node="node0"} 0'):
+                   "bad_calls 1", "foreign_batches 3", 'site_loss_percent{site="K\\"ö\\\\ln\\nx"} 50',
+                   'site_loss_percent{site="Bonn"} 0', 'node_up{node="node0"} 1', 'node_spool_files{node="node0"} 0'):
         assert f"\nvoxstat_fleet_{sample}\n" in text
     free = float(re.search(r'node_free_bytes\{node="node0"\} (\S+)', text)[1])
     assert abs(free - shutil.disk_usage(fleet.directory).free) < 1e9

@@ -146,7 +146,8 @@ def test_what_is_wrong_comes_first(store, page):
     page.browser.get(store.url)
     page.shows("[data-query=trend] h2", "The whole fleet over time")
     assert page.texts("main > section:not([hidden]) h2") == [
-        "Silent units: 2", "Worst calls: 4 bad", "Worst units", "Sites", "Traffic", "The whole fleet over time"]
+        "Silent units: 2", "Batches with another unit's number: 2", "Worst calls: 4 bad", "Worst units", "Sites",
+        "Traffic", "The whole fleet over time"]
     silent = page.rows("silent")
     assert [row[:4] for row in silent] == [
         ["LATE", "silent for 42 min", "=1+1", "Bonn"], ["NEVER", "silent", "<i>", "Aachen"],
@@ -154,6 +155,7 @@ def test_what_is_wrong_comes_first(store, page):
     stamp = time.strftime("%Y-%m-%d %H:%M", time.gmtime(store.now - LATE_S + 19800))
     assert silent[0][4].startswith(stamp) and silent[0][4].endswith(" GMT+5:30")
     assert silent[0][5].startswith("none since ") and silent[1][4].startswith("none since ")
+    assert page.rows("foreign")[0][:6] == ["U1", "192.0.2.7", "U2", "Bonn 1", "Bonn", "2"]
     calls = page.rows("calls")
     assert len(calls) == 10 and calls[0][:6] == ["3-77", "U2", "2.65 bad", "9 bad", "60 bad", "300 bad"]
     assert [row[3] for row in calls[1:5]] == ["3 bad", "2 bad", "1 bad", "0.6 fair"]
@@ -244,10 +246,13 @@ def test_old_data_says_so(store, page):
     store.faults.pop("").set()
     wait_for(lambda: not page.find("#error").is_displayed(), 20, "for a retry")
     page.shows("[data-query=trend] h2", "Unit U2")
+    assert page.find("[data-query=foreign]").is_displayed()
     store.answers["shards"]["data"][1].update(up=0, missing=["LATE"])
+    store.answers["foreign"]["data"] = []
     page.shows("#missing h2", "No answer from node1. Missing units: 1")
     assert page.rows("missing") == [["LATE", "=1+1", "Bonn"]]
     page.shows("[data-query=silent] h2", "Silent units: 1")
+    wait_for(lambda: not page.find("[data-query=foreign]").is_displayed(), 20, "for the foreign batches to go")
 
 
 def fill(fleet, now):  # noqa: F811
@@ -262,6 +267,7 @@ def fill(fleet, now):  # noqa: F811
     for engine in fleet.nodes:
         load_units(engine.node, fleet.keys, UNITS)
     fleet.nodes[0].sql(f"INSERT INTO fleet.heartbeats_shard VALUES ({now - LATE_S}, 'LATE')")
+    fleet.nodes[0].sql("INSERT INTO fleet.foreign_shard VALUES " + f"({now - 50}, 'U1', '192.0.2.7', 'U2')," * 2)
     fleet.nodes[0].sql("INSERT INTO fleet.reports_shard (received, at, sn, name, gcid, type, loss) SELECT at, "
                        f"toDateTime({now - DAY_S - 600} + 10 * number) AS at, 'U1', 'unit1', '2-1', 'near_end', 0.2 "
                        "FROM system.numbers LIMIT 50")
