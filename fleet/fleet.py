@@ -85,7 +85,9 @@ def parse_nodes(texts, replicas):
         for value, times in collections.Counter(getattr(node, what) for node in nodes).items():
             if times > 1:
                 sys.exit(f"fleet.py: {times} nodes have the {what} {value}")
-    if not nodes or len(nodes) % replicas:
+    if not nodes:
+        sys.exit("fleet.py: the directory has no fleet.json; specify the nodes")
+    if len(nodes) % replicas:
         sys.exit(f"fleet.py: {len(nodes)} nodes cannot be divided into shards of {replicas} nodes")
     return nodes
 
@@ -197,10 +199,10 @@ def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, e
         write(place, "node_dictionary.xml", NAME=node.name, DATA=node.data)
         (place / "users.xml").write_text(users.replace(pair[0], "".join(
             expand(pair[1], {"KEY": key, "GENERATION": number}) for number, key in enumerate(keys, 1) if key)))
-        shutil.copy(HERE / "schema.sql", place)
+        shutil.copyfile(HERE / "schema.sql", place / "schema.sql")
     (gateway / "page").mkdir(exist_ok=True)
     for path in (HERE / "index.html", *HERE.glob("*.js")):
-        shutil.copy(path, gateway / "page")
+        shutil.copyfile(path, gateway / "page" / path.name)
 
 
 def node_sql(node, key, number, text, body=b""):
@@ -265,12 +267,15 @@ def main():
     if options.only_new_key:
         state["keys"] = [""] * (len(state["keys"]) - 1) + state["keys"][-1:]
     nodes, units = parse_nodes(state["nodes"], state["replicas"]), read_units(options.directory / "units.csv")
+    serials = [serial for serial, *_ in units]
+    if options.rotate and options.rotate not in (serials or ["unit"]):
+        sys.exit(f"fleet.py: there is no unit {options.rotate}")
     os.umask(0o027)
     write_configuration(directory, nodes, ["443 ssl", "[::]:443 ssl"], state["keys"], state["replicas"], state["home"],
                         "::", state["rate"], ms=state["ms"])
     path.write_text(json.dumps(state, indent=4) + "\n")
     gateway = directory / "gateway"
-    passwords = write_passwords(gateway, [serial for serial, *_ in units])
+    passwords = write_passwords(gateway, serials)
     if options.rotate:
         user = next(name for number in range(2, 1000)
                     if not (gateway / "units" / (name := f"{options.rotate}.{number}")).exists())
@@ -282,4 +287,7 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except (OSError, UnicodeError, csv.Error) as error:
+        sys.exit(f"fleet.py: {error}")

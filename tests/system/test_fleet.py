@@ -186,6 +186,8 @@ REFUSED = [  # units.csv, nodes, message of fleet.py
     ("", ["n.invalid"], "cannot resolve n.invalid"), ("serial,site\n", ["::1"], "does not start"),
     ("serial,name,site\n1 2,,\n", ["::1"], "line 2: not a serial"),
     ("serial,name,site\n123456,,\n123457,,\n", ["::1"], "line 3: 123457 and 123456 have the same first 5 characters"),
+    ('serial,name,site\n1,"a\n', ["::1"], "fleet.py: unexpected end of data"), ("", [], "specify the nodes"),
+    ("", ["--rotate=../40731", "::1"], "no unit ../40731"),
 ]
 
 
@@ -212,7 +214,7 @@ def test_set_up(tmp_path):
     assert "<host>fd00::2</host>" in (tmp_path / "kept/nodes/a/engine.xml").read_text()
     set_up("--rotate=40731", units="serial,name,site\n40731,,\n")
     assert sorted(path.name for path in tmp_path.glob("kept/gateway/units/*")) == ["40731", "40731.2"]
-    assert not any(path.stat().st_mode & 0o007 for path in tmp_path.glob("kept/gateway/*.*") if path.is_file())
+    assert not any(path.stat().st_mode & 0o007 for path in tmp_path.glob("kept/gateway/**/*.*") if path.is_file())
 
 
 UNITS = 'serial,name,site\nU1,one,"K""ö\\ln\nx"\nU2-long,two,Bonn\nU9,nine,Bonn\n'
