@@ -51,25 +51,25 @@ async function ask(query, parameters) {
 
 const reasonOf = ({name, message}) => name === "TimeoutError" ? "No answer in time." : message;
 
-// For each query: how often it was asked, when its part of the page was drawn, and why it failed, if it did.
+// For each query: when its part of the page was drawn, and why it failed, if it did.
 const parts = {};
 const placesOf = query => document.querySelectorAll(`[data-query=${query}]`);
 
-// Asks with each set of parameters and draws the answers, unless the query has been asked again. When it fails,
-// its part of the page stays and shows its age.
+// Asks with each set of parameters and draws the answers, unless a new round has started: they would stand under its
+// selection. When the query fails, its part of the page stays and shows its age.
 async function show(query, parameters, draw) {
-    const part = parts[query] ??= {asked: 0}, turn = ++part.asked;
+    const part = parts[query] ??= {}, mine = rounds;
     let failure = "";
     try {
         const answers = await Promise.all([parameters].flat().map(each => ask(query, each)));
-        if (turn === part.asked) {
+        if (mine === rounds) {
             draw(...answers.flat());
             part.drawn = now();
         }
     } catch (error) {
         failure = reasonOf(error);
     }
-    if (turn !== part.asked)
+    if (mine !== rounds)
         return;
     part.failure = failure;
     placesOf(query).forEach(place => { place.ariaBusy = null; });
