@@ -64,6 +64,11 @@ def in_url(host):
     return f"[{host}]" if ":" in host else host
 
 
+def listen_host(address):
+    """All addresses of the node; ClickHouse does not start with :: on a machine without IPv6."""
+    return address if ipaddress.ip_address(address).is_loopback else "::" if ":" in address else "0.0.0.0"
+
+
 def parse_node(text):
     """A Node. Resolves the name now, so that gateway and nodes can start without DNS."""
     name, _, address = (part.removeprefix("[").removesuffix("]") for part in text.partition("="))
@@ -164,8 +169,7 @@ def write_passwords(gateway, serials):
     return {user: password for user, password in made.items() if password}
 
 
-def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, engine_listen="127.0.0.1", rate=100,
-                        timeout=10, ms=1):
+def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, rate=100, timeout=10, ms=1):
     """Writes everything except the passwords to gateway/ and nodes/NAME/. keys: with which gateway and nodes log in to
     each other; the last one is used, and earlier ones are still accepted. home: path of gateway/ on the gateway. ms:
     milliseconds in the unit of jitter and round-trip time, for the metrics; viewers of the page select their own."""
@@ -177,7 +181,7 @@ def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, e
                         for node in nodes)
     common = {
         "KEY": current[1], "GENERATION": current[0], "HOME": home or gateway, "RATE": rate, "TIMEOUT": timeout,
-        "ENGINE_LISTEN": engine_listen, "SHARDS": shard_list(nodes, replicas, current),
+        "SHARDS": shard_list(nodes, replicas, current),
         "NODES": shard_list(nodes, 1, current),
         "INGEST": servers.replace("@FAIL@", "5"), "QUERY_NODES": servers.replace("@FAIL@", "30"),
         "LISTEN": "\n".join(f"    listen {address};" for address in listen),
@@ -195,7 +199,7 @@ def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, e
     pair = re.search("(?s)        <!-- For each key. -->\n(.*?)(?=    </users>)", users)
     for node in nodes:
         place = directory / "nodes" / node.name
-        write(place, "engine.xml")
+        write(place, "engine.xml", LISTEN_HOST=listen_host(node.address))
         write(place, "node_dictionary.xml", NAME=node.name, DATA=node.data)
         (place / "users.xml").write_text(users.replace(pair[0], "".join(
             expand(pair[1], {"KEY": key, "GENERATION": number}) for number, key in enumerate(keys, 1) if key)))
@@ -272,7 +276,7 @@ def main():
         sys.exit(f"fleet.py: there is no unit {options.rotate}")
     os.umask(0o027)
     write_configuration(directory, nodes, ["443 ssl", "[::]:443 ssl"], state["keys"], state["replicas"], state["home"],
-                        "::", state["rate"], ms=state["ms"])
+                        state["rate"], ms=state["ms"])
     path.write_text(json.dumps(state, indent=4) + "\n")
     gateway = directory / "gateway"
     passwords = write_passwords(gateway, serials)

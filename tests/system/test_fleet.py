@@ -211,7 +211,9 @@ def test_set_up(tmp_path):
     assert before == {path: path.read_text() for path in tmp_path.glob("kept/**/*") if path.is_file()}
     gateway = (tmp_path / "kept/gateway/gateway.conf").read_text()
     assert "server [fd00::2]:8123 " in gateway and "rate=7r/s" in gateway
-    assert "<host>fd00::2</host>" in (tmp_path / "kept/nodes/a/engine.xml").read_text()
+    engines = {path.parent.name: path.read_text() for path in tmp_path.glob("kept/nodes/*/engine.xml")}
+    assert "<host>fd00::2</host>" in engines["a"] and ">0.0.0.0</listen_host>" in engines["a"]
+    assert ">::</listen_host>" in engines["fd00::2"]
     set_up("--rotate=40731", units="serial,name,site\n40731,,\n")
     assert sorted(path.name for path in tmp_path.glob("kept/gateway/units/*")) == ["40731", "40731.2"]
     assert not any(path.stat().st_mode & 0o007 for path in tmp_path.glob("kept/gateway/**/*.*") if path.is_file())
