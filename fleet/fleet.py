@@ -245,16 +245,21 @@ def load_on_all(nodes, keys, units):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description="Writes the configuration of a fleet's nodes and gateway.")
-    parser.add_argument("--home", help="path of DIRECTORY/gateway on the gateway, if different")
+    parser.add_argument("--home", help="path of DIRECTORY/gateway on the gateway's machine, if different")
     parser.add_argument("--rate", type=int, help="maximum batches per second from one unit (100)")
     parser.add_argument("--replicas", type=int, help="nodes of each shard (1)")
-    parser.add_argument("--ms", type=float, help="for /metrics: milliseconds per unit of jitter and round trip (1)")
+    parser.add_argument("--ms", type=float,
+                        help="for /metrics: milliseconds in one unit of jitter and round-trip time (1)")
     parser.add_argument("--units", action="store_true", help="also load units.csv into all nodes")
-    parser.add_argument("--rotate", metavar="USER", help="also add a second password for this unit")
-    parser.add_argument("--new-key", action="store_true", help="add a key for gateway and nodes; old ones stay valid")
+    parser.add_argument("--rotate", metavar="UNIT", help="also add a second password for this unit")
+    parser.add_argument("--new-key", action="store_true",
+                        help="add a key with which gateway and nodes log in to each other; old keys stay valid")
     parser.add_argument("--only-new-key", action="store_true", help="remove all keys except the newest")
-    parser.add_argument("directory", type=Path)
-    parser.add_argument("node", nargs="*", help="NAME, ADDRESS or NAME=ADDRESS; the replicas of a shard in a row")
+    parser.add_argument("directory", metavar="DIRECTORY", type=Path,
+                        help="where the files are written; contains units.csv, if you list the expected units")
+    parser.add_argument("node", metavar="NODE", nargs="*",
+                        help="NAME, ADDRESS or NAME=ADDRESS; name the replicas of a shard one after another. "
+                             "Without nodes and options, those of the previous run are used.")
     return parser.parse_intermixed_args()
 
 
@@ -264,7 +269,10 @@ def main():
     state = {"nodes": [], "rate": 100, "replicas": 1, "ms": 1, "home": None, "keys": [secrets.token_hex(16)]}
     if path.exists():
         state.update(json.loads(path.read_text()))
-    state.update({name: given for name in ("rate", "replicas", "ms", "home") if (given := getattr(options, name))})
+    state.update({name: given for name in ("rate", "replicas", "ms", "home")
+                  if (given := getattr(options, name)) is not None})
+    if min(state["rate"], state["replicas"], state["ms"]) <= 0:
+        sys.exit("fleet.py: --rate, --replicas and --ms need a number greater than 0")
     state["nodes"] = options.node or state["nodes"]
     if options.new_key:
         state["keys"].append(secrets.token_hex(16))

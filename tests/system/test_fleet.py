@@ -187,7 +187,7 @@ REFUSED = [  # units.csv, nodes, message of fleet.py
     ("serial,name,site\n1 2,,\n", ["::1"], "line 2: not a serial"),
     ("serial,name,site\n123456,,\n123457,,\n", ["::1"], "line 3: 123457 and 123456 have the same first 5 characters"),
     ('serial,name,site\n1,"a\n', ["::1"], "fleet.py: unexpected end of data"), ("", [], "specify the nodes"),
-    ("", ["--rotate=../40731", "::1"], "no unit ../40731"),
+    ("", ["--rotate=../40731", "::1"], "no unit ../40731"), ("", ["--replicas=0", "::1"], "a number greater than 0"),
 ]
 
 
