@@ -97,7 +97,7 @@ def test_what_keeps_the_daemon_from_starting(write):
     if sysctl("net/ipv4/ip_unprivileged_port_start") > 1:
         assert first(write(port=1)) == (
             "1: error: the user USER may not open port 1, so the daemon would exit immediately; use a port above "
-            "1023, or allow it in the unit as its comments say")
+            "1023, or allow it in the service's unit as its comments explain")
     assert first(write().parent / "none") == (
         "error: the file does not exist, so the daemon would exit immediately; name the configuration with -f FILE")
     assert check(write().parent / "stat") == (2, [
@@ -107,7 +107,7 @@ def test_what_keeps_the_daemon_from_starting(write):
 
 
 STRICT = "ProtectSystem=strict\nReadWritePaths=-/var/log/current "
-DENIED = "error: the unit does not let the service {} DIR/stat/; run systemctl edit voxstat, add [Service] ReadWritePaths=DIR/stat/, and restart it"
+DENIED = "error: the service's unit does not let it {} DIR/stat/; run systemctl edit voxstat, add [Service] ReadWritePaths=DIR/stat/, and restart it"
 UNITS = [   # case, properties of the unit, commands to run first, lines of the configuration, findings
     ("not allowed", STRICT, "", ["qos_stat_dir = DIR/stat"], [DENIED.format("write to")]),
     ("allowed", STRICT + "DIR/stat", "", ["qos_stat_dir = DIR/stat"], []),
@@ -128,7 +128,7 @@ UNITS = [   # case, properties of the unit, commands to run first, lines of the 
     ("hidden", "InaccessiblePaths=-DIR/stat", "", ["qos_stat_dir = DIR/stat"], [DENIED.format("see")]),
     ("hidden serial number", "InaccessiblePaths=DIR/own", "mkdir -m 777 own; cp sn own", ["sn_file_path = DIR/own/sn"], [
         "warning: DIR/own/sn cannot be read by the user USER: Permission denied, so reports without a serial number of "
-        "their own get 0; the unit hides it from the service; set sn_file_path to a file elsewhere, or run "
+        "their own get 0; the service's unit hides it; set sn_file_path to a file elsewhere, or run "
         "systemctl edit voxstat, add [Service] ProtectHome=read-only, and restart it"]),
     ("low port", "AmbientCapabilities=cap_net_bind_service", "", ["qos_port = 1"], []),
     ("private /tmp", "PrivateTmp=yes", "", ["qos_stat_dir = DIR/stat"], [

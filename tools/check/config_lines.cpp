@@ -113,7 +113,7 @@ void ConfigLines::look_at_value(const keys::Key& key, const std::string& value, 
 {
     std::size_t& line = _keys[key.name];
     if (line != 0)
-        _findings.warning(_number, key.name, " is also in line ", line,
+        _findings.warning(_number, key.name, " is also set in line ", line,
                           ", and the daemon uses this later line; delete one of them");
     line = _number;
     if (cut)
@@ -124,7 +124,7 @@ void ConfigLines::look_at_value(const keys::Key& key, const std::string& value, 
     _text_has_return = _text_has_return || value.ends_with('\r');
     if (value.starts_with('"') || value.starts_with('\''))
         _findings.error(_number, "the quotes become part of the value of ", key.name,
-                        "; delete them, even if the value contains blanks");
+                        "; delete them, even if the value contains spaces");
 }
 
 void ConfigLines::find_unknown(const std::string& key)

@@ -104,7 +104,7 @@ void find_denied(const OutputFile& file, const DaemonUser& user, int error, Find
 
 void find_forbidden(const OutputFile& file, bool hidden, Findings& findings)
 {
-    findings.error(file.line, "the unit does not let the service ", hidden ? "see " : "write to ",
+    findings.error(file.line, "the service's unit does not let it ", hidden ? "see " : "write to ",
                    file.directory,
                    "; run systemctl edit voxstat, add [Service] ReadWritePaths=", file.directory,
                    home_remedy(file.directory), ", and restart it");

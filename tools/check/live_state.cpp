@@ -98,7 +98,7 @@ void find_losses(const LiveState& state, const Settings& settings, Findings& fin
         findings.note(
             0, "at log.default = 0 the log does not contain all losses; set log.default = 1");
     if (all == 0)
-        findings.note(0, "lost: nothing, according to the receive queues",
+        findings.note(0, "nothing was lost, according to the receive queues",
                       state.log_is_read ? " and the log" : "");
 }
 
@@ -121,7 +121,7 @@ LiveState LiveState::gather(const Settings& settings, const Options& options, Fi
     const std::optional<UdpSocket> reports = UdpSocket::at(port), voice = UdpSocket::at(port + 1);
     const std::optional<Process> daemon = reports ? reports->owner() : std::nullopt;
     if (!voice || !daemon || !daemon->is_daemon()) {
-        findings.error(settings.line(keys::QOS_PORT), "no daemon listens on the ports ", port,
+        findings.error(settings.line(keys::QOS_PORT), "no daemon listens on ports ", port,
                        " and ", port + 1, "; journalctl -u voxstat shows why");
         return state;
     }

@@ -62,7 +62,8 @@ void print_key(const keys::Key& key)
         "  --version        print the version\n"
         "  --help           print this text\n"
         "\n"
-        "Exit status: 0 if there are no problems, 1 if there are warnings, 2 if there are errors.\n"
+        "Exit status: 0 if there are no problems, 1 if there are warnings, 2 if there are errors;\n"
+        "with --nagios, 3 if the state is unknown.\n"
         "\n"
         "  %-24s %-26s %s\n",
         PACKAGED_FILE, "Key", "Default", "Range (unit)");

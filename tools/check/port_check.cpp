@@ -25,7 +25,7 @@ void find_obstacle(std::uint16_t port, int error, std::size_t line, const Daemon
     else if (error == EACCES)
         findings.error(line, "the user ", user.name(), " may not open port ", port,
                        ", so the daemon would exit immediately; use a port above 1023, or allow ",
-                       "it in the unit as its comments say");
+                       "it in the service's unit as its comments explain");
     else
         findings.error(line, "port ", port, " cannot be opened: ", std::strerror(error),
                        owner ? " by " + owner->name() : "",

@@ -24,7 +24,7 @@ std::string remedy(const std::string& path, int error, const DaemonUser& user,
 {
     const std::string closed = user.closed_directory(path);
     if (service.unit.access(path) == ServiceUnit::Access::HIDDEN)
-        return "the unit hides it from the service; set sn_file_path to a file elsewhere, or "
+        return "the service's unit hides it; set sn_file_path to a file elsewhere, or "
                "run systemctl edit voxstat, add [Service] ProtectHome=read-only, and restart it";
     if (error == ENOENT)
         return "mkdir -p " + std::filesystem::path(path).parent_path().string() +
@@ -73,7 +73,7 @@ std::string check_serial_number(const Settings& settings, const DaemonUser& user
                        " characters of the serial number, which makes every posted batch invalid; ",
                        "write letters and digits only");
     else if (serial.find_last_not_of('\r') >= SHOWN)
-        findings.warning(line, path, " has the serial number ", serial, ", of which lines show ",
+        findings.warning(line, path, " has the serial number ", serial, ", but lines show ",
                          "only ", serial.substr(0, SHOWN), "; write a shorter one if you can");
     return serial;
 }

@@ -31,7 +31,7 @@ stream). Several files of the same kind, such as a live file and its archives, m
   --call GCID         show only this call
   --from TIME         show only reports from this time on: "2026-11-24", "2026-11-24 19:35",
                       "2026-11-24 19:35:20", or the last "19:35" or "19:35:20" before the
-                      last report; in the time zone of the file
+                      last report; local times, as in the files
   --to TIME           show only reports up to this time
 
   --loss PERCENT      a call with this loss or more is bad (default 1)
