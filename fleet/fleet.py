@@ -111,7 +111,8 @@ def read_units(path):
             if len(row) != 3 or not SERIAL.fullmatch(row[0]):
                 sys.exit(f"{where}: not a serial number of letters, digits, - and _, a name and a site")
             if (other := seen.setdefault(row[0][:SN_LENGTH], row[0])) != row[0] or row in units:
-                sys.exit(f"{where}: {row[0]} and {other} have the same first {SN_LENGTH} characters, and the store keeps no more")
+                sys.exit(f"{where}: {row[0]} and {other} have the same first {SN_LENGTH} characters, "
+                         "and the store keeps no more")
             units.append(row)
     return units
 
