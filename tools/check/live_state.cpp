@@ -121,8 +121,8 @@ LiveState LiveState::gather(const Settings& settings, const Options& options, Fi
     const std::optional<UdpSocket> reports = UdpSocket::at(port), voice = UdpSocket::at(port + 1);
     const std::optional<Process> daemon = reports ? reports->owner() : std::nullopt;
     if (!voice || !daemon || !daemon->is_daemon()) {
-        findings.error(settings.line(keys::QOS_PORT), "no daemon listens on ports ", port,
-                       " and ", port + 1, "; journalctl -u voxstat shows why");
+        findings.error(settings.line(keys::QOS_PORT), "no daemon listens on ports ", port, " and ",
+                       port + 1, "; journalctl -u voxstat shows why");
         return state;
     }
     state.is_up = true;

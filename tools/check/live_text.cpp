@@ -25,8 +25,8 @@ std::string date_and_time(time_t moment)
 void print_queues(const LiveState& state)
 {
     const unsigned long limit = LiveState::queue_limit();
-    std::printf("\nvoxstat has been running as process %d since %s\n\n", static_cast<int>(state.process),
-                date_and_time(state.started).c_str());
+    std::printf("\nvoxstat has been running as process %d since %s\n\n",
+                static_cast<int>(state.process), date_and_time(state.started).c_str());
     std::printf(HEADING, "receive queue", "waiting", "limit", "dropped datagrams");
     for (const LiveState::Queue& queue : state.queues) {
         const std::string name = std::string(queue.what) + ", port " + std::to_string(queue.port);
