@@ -222,7 +222,10 @@ def test_the_choice_stands_in_the_address(store, page):
 LATE = """
 const ask = fetch, answers = [], drawn = [];
 fetch = () => new Promise(resolve => answers.push(text => resolve({ok: true, text: () => text})));
-const shown = ["older", "broken", "newer"].map(() => show("silent", {}, ([row]) => drawn.push(row)));
+const shown = ["older", "broken", "newer"].map(() => {
+    ++rounds;
+    return show("silent", {}, ([row]) => drawn.push(row));
+});
 fetch = ask;
 answers[2]('{"data": ["newer"]}');
 shown[2].then(() => { answers[0]('{"data": ["older"]}'); answers[1]("broken"); });
