@@ -1,12 +1,11 @@
-// Floors of the daemon's receive path: waits and drains as the daemon does, and only counts, or
-// also queues and writes as much, at the same pauses.
+// The least that the daemon's receive path can cost. Like the daemon, it waits for datagrams on the
+// UDP ports PORT and PORT + 1, and then reads each socket until it is empty.
 //
-//   bare-drain PORT                       counts
-//   bare-drain PORT BYTES PAUSE_MS FILE   queues that many bytes for each datagram; a thread
-//                                         writes them into the file after each pause
+//   bare-drain PORT                       only counts the datagrams
+//   bare-drain PORT BYTES PAUSE_MS FILE   also queues BYTES bytes for each datagram; a thread
+//                                         writes them to FILE every PAUSE_MS milliseconds
 //
-// Two non-blocking UDP sockets, on PORT and PORT + 1, a 32768-byte buffer, each socket drained
-// after every wait. Prints the number of datagrams at SIGTERM.
+// On SIGTERM, it prints the number of datagrams and exits.
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -34,7 +33,7 @@ constexpr useconds_t US_PER_MS = 1000;
     std::exit(EXIT_FAILURE);
 }
 
-// A buffer, and the thread that empties it into a file.
+// A buffer, and a thread that writes its contents to a file.
 class Queue {
 public:
     Queue(std::size_t bytes, useconds_t pause_us, const char* file)

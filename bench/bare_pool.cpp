@@ -1,9 +1,9 @@
-// The floor of what the daemon costs at rest: threads that only pause, and the libraries.
+// The least that an idle daemon can cost: its libraries, and threads that only sleep.
 //
 //   bare-pool THREADS HANDLES
 //
-// Links libcurl and uses text streams, as the daemon does, and makes that many handles. Each thread
-// sleeps 100 ms at a time; the main thread waits, as the daemon's does. Ends at SIGTERM.
+// Like the daemon, it links libcurl, creates HANDLES handles and uses text streams. Each of the
+// THREADS threads sleeps for 100 ms at a time, and the main thread waits. Exits on SIGTERM.
 #include <curl/curl.h>
 #include <poll.h>
 #include <unistd.h>

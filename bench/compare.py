@@ -1,7 +1,7 @@
-"""Measures the CPU time and memory of the daemon and of bare programs that do a part of its work, and prints ratios.
+"""Measures the CPU time and memory of the daemon and of bare programs that do part of its work, and prints ratios.
 
     compare.py BUILD          everything; about three minutes; only an idle machine gives useful figures
-    compare.py BUILD --once   each measurement once and briefly, to see that it works
+    compare.py BUILD --once   each measurement once and briefly, to check that it works
 
 BUILD is a build directory with the daemon, its tools and bench/. The kernel counts the CPU time of all threads
 of a process, in nanoseconds. The programs to compare run at the same time and get the same load in turn; the
@@ -48,7 +48,7 @@ def row(*cells):
 
 
 def sockets(port):
-    """The kernel's lines for the pair of UDP ports: waiting bytes and dropped datagrams of each."""
+    """For each of the two UDP ports: the waiting bytes and the dropped datagrams, according to the kernel."""
     wanted = (f":{port:04X}", f":{port + 1:04X}")
     with open("/proc/net/udp", encoding="ascii") as lines:
         cells = [line.split() for line in lines]
@@ -56,7 +56,7 @@ def sockets(port):
 
 
 class Program:
-    """A running program, the daemon or a bare one, with its pair of ports if it has one."""
+    """The daemon or a bare program, running, with its two ports if it has any."""
 
     def __init__(self, command, port=None):
         self.port = port
@@ -85,22 +85,22 @@ class Program:
         return sum(dropped for _, dropped in sockets(self.port))
 
     def load(self, kind, count, *options):
-        """Sends datagrams and waits until they are received. The pause includes two writer passes."""
+        """Sends datagrams and waits until they are received, and until the writer has run twice."""
         subprocess.run(
-            [BUILD / "tools" / "voxstat-sim", "--port", str(self.port), "--load", kind, "--count", str(count), *options],
+            [BUILD / "tools/voxstat-sim", "--port", str(self.port), "--load", kind, "--count", str(count), *options],
             stdout=subprocess.DEVNULL, check=True)
         wait_for(lambda: not any(waiting for waiting, _ in sockets(self.port)), what="an empty receive queue")
         time.sleep(0.25)
 
     def cost(self, kind, count, *options):
-        """Nanoseconds of CPU time per datagram that was received."""
+        """Nanoseconds of CPU time per received datagram."""
         before, dropped = self.cpu_ns(), self.drops()
         self.load(kind, count, *options)
         return (self.cpu_ns() - before) / (count - self.drops() + dropped)
 
 
 def start_on_ports(make_command):
-    """Starts the program, with other ports if these are in use."""
+    """Starts the program on free ports."""
     for _ in range(20):
         port = free_port()
         program = Program(make_command(port), port)
@@ -141,7 +141,7 @@ def together(*programs):
 
 
 def compare_report():
-    """From the text of a report to both lines queued, compared with the C library's calls alone."""
+    """Parsing a report and queueing its lines, compared with the C library's calls alone."""
     options = ["--benchmark_enable_random_interleaving=true"]
     options += ["--benchmark_min_time=0.01"] if ONCE else ["--benchmark_min_time=0.2", f"--benchmark_repetitions={ROUNDS}"]
     output = subprocess.run([BUILD / "bench" / "report-bench", *options], stdout=subprocess.PIPE, check=True).stdout
@@ -150,26 +150,26 @@ def compare_report():
         if run["run_type"] == "iteration":
             times.setdefault(run["run_name"], []).append(run["cpu_time"])
     bare, own = (statistics.median(times[name]) for name in ("c_library_of_one_report", "text_to_both_lines_queued"))
-    table("A report, from its text to both lines queued", "bare program", "ns", "daemon, ns", "ratio")
+    table("Parsing a report and queueing the line and the JSON object", "bare program", "ns", "daemon, ns", "ratio")
     row("the C library's calls alone", round(bare), round(own), own / bare)
 
 
 def compare_datagrams():
     table("CPU time per datagram, at 5,000/s in bursts of 20, or as fast as they can be sent",
           "load", "bare drain, ns", "queueing drain, ns", "daemon, ns", "daemon / bare", "daemon / queueing")
-    # A statistics line and its line feed, a pcap record, and the writer's pause under each load.
+    # The size of a statistics line and of a pcap record, and the writer's pause under each load.
     for kind, size, pause_ms in (("reports", 140, 100), ("voice", 218, 10)):
         with together(bare_drain(), bare_drain(size, pause_ms), daemon()) as programs:
             for what, count, pace in (("", 10000, PACED), (", as fast as possible", 100000, ())):
                 if kind == "reports" and not pace:
-                    continue  # the receive queue is what this would measure
+                    continue  # this would measure the receive queue
                 turns = [[p.cost(kind, scaled(count), *pace) for p in programs] for _ in range(ROUNDS + 1)]
                 floor, queueing, own = map(statistics.median, zip(*turns[1:]))  # the first turn warms up
                 row(kind + what, round(floor), round(queueing), round(own), own / floor, own / queueing)
 
 
 def found(program):
-    """The numbers of the reports in the daemon's statistics file."""
+    """The numbers of the reports that the daemon's statistics file contains."""
     lines = (program.directory / "QoS_Stat.txt").read_text(encoding="ascii").splitlines()[1:]
     return {int(line.split()[-1]) for line in lines}
 
@@ -191,7 +191,7 @@ def check_losses():
         drops = program.drops()
         program.end()
         whole = sum(found(program).issuperset(range(first, first + burst)) for first in firsts)
-        row(f"{burst} back to back, five times", 5 * burst, f"{5 - whole} of 5 bursts not whole", drops)
+        row(f"{burst} back to back, five times", 5 * burst, f"{5 - whole} of 5 bursts incomplete", drops)
 
 
 def compare_rest():
@@ -199,7 +199,7 @@ def compare_rest():
     for what, arguments, settings in (
             ("files only", ("2", "0"), {}), ("with a server", ("7", "5"), {"elastic_url": "http://127.0.0.1:9/"})):
         with together(Program([BUILD / "bench" / "bare-pool", *arguments]), daemon(**settings)) as (bare, own):
-            time.sleep(1)  # the start is not idle
+            time.sleep(1)  # right after its start, the program is not idle
             before = bare.cpu_ns(), own.cpu_ns()
             seconds = 1 if ONCE else 20
             time.sleep(seconds)

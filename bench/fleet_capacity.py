@@ -2,8 +2,8 @@
 """Measures the capacity of a fleet's store on this machine, with the load generator (wrk) on the same machine.
 
 First, posts batches of 1, 10 and 65 lines as fast as they are answered, directly to a node and through the gateway,
-with one and with two nodes on loopback. Then runs the queries of the page over ten million reports. Last, measures the time
-from a datagram at a daemon to its row. docs/fleet.md explains the figures.
+with one and with two nodes on loopback. Then runs the page's queries on ten million reports. Finally, measures the
+time from a datagram that a daemon receives to its row in the store. docs/fleet.md explains the figures.
 
 TMPDIR selects the file system. Each batch is a file, so a file system that creates files slowly makes the store slow.
 """
@@ -35,7 +35,7 @@ INSERT INTO fleet.reports_shard SELECT now() AS received, now() - toUInt32(numbe
     toFloat32(rand(1) % 30 / 10) AS loss, rand(2) % 20 AS jitter, 30 + rand(3) % 40 AS rtt, toString(rand(4)) AS ssrc,
     toString(10000 + number % {units}) AS sn, concat('unit', toString(number % {units}), '@192.0.2.7') AS name
 FROM system.numbers LIMIT {reports}"""
-# Each request is from another unit, so that both shards get some.
+# Consecutive requests come from different units, so that both shards receive some.
 SCRIPT = """
 local count, file = 0, io.open("%s"); local body = file:read("*a"); file:close()
 local bodies = {}
@@ -46,7 +46,7 @@ function request() count = count + 1; return wrk.format("POST", nil, nil, bodies
 
 
 def processor_seconds(process):
-    """The CPU time of a process and its children."""
+    """The CPU time of a process and its children so far."""
     children = Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text().split()
     stats = [Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split() for pid in (str(process.pid), *children)]
     return sum(int(stat[11]) + int(stat[12]) for stat in stats) / os.sysconf("SC_CLK_TCK")
@@ -75,7 +75,7 @@ def batches_per_second(store, lines, through_gateway):
     late = time.monotonic() - begin
     reports = store.count("reports") - rows
     used = sum(map(processor_seconds, processes)) - used
-    rate = reports / lines / (SECONDS + late)      # counts what is stored, not what is answered
+    rate = reports / lines / (SECONDS + late)      # counts what was stored, not what was answered
     print(f"{len(store.nodes)} shards, {'gateway' if through_gateway else 'direct':7}, {lines:2} lines: "
           f"{rate:6.0f} batches/s, {1000 * used / reports * 1000:6.2f} ms of CPU time for 1,000 reports, "
           f"{refused} refused, stored {late:.1f} s after the last answer"
@@ -83,7 +83,7 @@ def batches_per_second(store, lines, through_gateway):
 
 
 def query_times(store, units):
-    """The time of each query over the reports of one hour, with a hundred calls of each unit."""
+    """The time that each query takes on the reports of one hour, with 100 calls per unit."""
     store.nodes[0].sql("TRUNCATE TABLE fleet.reports_shard")
     store.nodes[0].sql(FILL.format(units=units, reports=MILLIONS * 1000000))
     size = store.nodes[0].sql(
@@ -106,7 +106,7 @@ def query_times(store, units):
 
 
 def latency(store):
-    """The latency of a report that its unit posts at once, and of reports at different times between two posts."""
+    """The latency of a report that its unit posts immediately, and of reports that arrive between two posts."""
     begun, seen = {}, {}
 
     def look():
@@ -119,7 +119,7 @@ def latency(store):
         sender.sendto(f"QOS_EV_TYPE=QOS_NEAREND\nQOS_EV_RTCP_CNAME={name}".encode(), ("127.0.0.1", port))
 
     with running_units(store, 10) as units, socket.socket(type=socket.SOCK_DGRAM) as sender:
-        for number, port in enumerate(units):      # posted at once, because it is the unit's first
+        for number, port in enumerate(units):      # posted immediately, because it is the unit's first
             probe(f"probe-first-{number}", port)
         wait_for(look, 30, "the first reports")
         for number, port in enumerate(units):

@@ -1,8 +1,9 @@
-// The way of one report from its text to both lines queued, beside the C library's calls in it.
+// Measures parsing a report and queueing its line and its JSON object, and the C library's calls
+// that this needs.
 //
 // The buffers are emptied after every batch, outside the measured time, so that each call finds
-// room, as it does in life. The file logger's writer thread is stopped first: this thread takes its
-// place. The web client's workers go on; they post to /dev/null.
+// room, as in practice. The file logger's writer thread is stopped first, and this thread takes its
+// place. The web client's workers continue; they post to /dev/null.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -23,7 +24,7 @@
 
 namespace {
 
-// As many as arrive between two passes of the writers at 5,000 reports a second.
+// As many as arrive between two passes of the writers at 5,000 reports per second.
 constexpr int BATCH = 500;
 
 // What the voice software typically sends: 500 bytes, and a statistics line of 139.
@@ -70,8 +71,8 @@ void text_to_both_lines_queued(benchmark::State& state)
 }
 BENCHMARK(text_to_both_lines_queued);
 
-// The same numbers, as the fields of a report hold them. Not constant, or the compiler would
-// convert them once and for all.
+// The numbers of the same report. They are not constant, because the compiler would then convert
+// them at compile time.
 struct Texts {
     const char* volatile seconds = "1700000000";
     const char* volatile microseconds = "123456";
@@ -83,8 +84,8 @@ struct Texts {
     const char* volatile rtt = "40";
 };
 
-// What the two lines cost at the least, whoever calls: the time stamp, the conversions, and the two
-// texts that the C library allocates.
+// The least that the two lines cost: the time stamp, the conversions, and the two texts that the C
+// library allocates.
 void c_library_of_one_report(benchmark::State& state)
 {
     const Texts texts;
@@ -109,7 +110,7 @@ void c_library_of_one_report(benchmark::State& state)
 }
 BENCHMARK(c_library_of_one_report);
 
-// A configuration whose files lie in the given directory.
+// A configuration with all files in the given directory.
 std::string write_config(const std::filesystem::path& directory)
 {
     std::string name = directory / "bench.cfg";
@@ -131,7 +132,7 @@ int main(int argc, char** argv)
         std::perror("voxstat-bench");
         return EXIT_FAILURE;
     }
-    // The log goes to standard output, so the results take another way out.
+    // The log goes to standard output, so the results go elsewhere.
     std::ofstream results("/dev/fd/" + std::to_string(dup(STDOUT_FILENO)));
     if (std::freopen("/dev/null", "w", stdout) == nullptr)
         return EXIT_FAILURE;

@@ -1,5 +1,5 @@
-// report-instructions N: what callgrind counts, see bench/instructions. Takes N reports of 15 lines
-// from their texts to both lines queued.
+// report-instructions N: parses N reports of 15 lines and queues their lines and JSON objects.
+// bench/instructions runs it under callgrind.
 #include <pthread.h>
 #include <unistd.h>
 
@@ -36,7 +36,7 @@ constexpr const char* REPORT = "QOS_EV_TID=2.117\n"
 
 }  // namespace
 
-// callgrind counts inside this function only.
+// callgrind counts only inside this function.
 extern "C" [[gnu::noinline]] void counted(FileLogger& file_logger, WebClient& web_client,
                                           int reports)
 {
@@ -48,7 +48,7 @@ extern "C" [[gnu::noinline]] void counted(FileLogger& file_logger, WebClient& we
     }
 }
 
-// No other thread may use the heap meanwhile, or the count would not be the same each time.
+// No other thread may use the heap meanwhile; otherwise the count would vary.
 extern "C" int __wrap_pthread_create(pthread_t* /*thread*/, const pthread_attr_t* /*how*/,
                                      void* (* /*entry*/)(void*), void* /*argument*/)
 {
@@ -69,7 +69,7 @@ int main(int argc, char** argv)
         WebClient web_client(&config);
         for (; left > 0; left -= BATCH) {
             counted(file_logger, web_client, left < BATCH ? left : BATCH);
-            file_logger.fl_write_file(QOS_STAT, false, true);  // both make room
+            file_logger.fl_write_file(QOS_STAT, false, true);  // both empty their buffers
             web_client.wc_perform();
         }
     }

@@ -1,4 +1,4 @@
-// The bare programs run until SIGTERM.
+// Lets the bare programs run until SIGTERM.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,5 @@
-// The configuration file: whatever the bytes, the loaded map is what a reader of the format, line
-// by line and character by character, makes of them; with both separators and all getters.
+// The configuration file. For any input, the loaded keys and values must be those that an
+// independent parser in this file finds, with both separators and through all getters.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -67,7 +67,7 @@ std::map<std::string, std::string> read_by_hand(const std::string& text, char se
     return pairs;
 }
 
-// The file that the daemon would be given, without a disk: a loader takes a path, no bytes.
+// A file in memory with the input, because the loader takes a path.
 class MemoryFile {
 public:
     explicit MemoryFile(const std::string& contents) : _fd(memfd_create("fuzz", 0))
@@ -107,12 +107,12 @@ void check_separator(const std::string& text, const std::string& path, char sepa
         check_pair(config, key, value);
         expect(key.find_first_of(" \t=:#\n") == std::string::npos, "a key is one word");
         expect(value.find_first_of("#\n") == std::string::npos, "a value ends at a comment");
-        const std::string absent = key + '=';  // no key holds a separator
+        const std::string absent = key + '=';  // no key contains a separator
         expect(!config.keyExists(absent), "no key but those of the file");
         expect_equal("default", config.getStringValue(absent, "default"), "the default text");
         expect(config.getIntValue(absent, INT_MIN) == INT_MIN, "the default number");
     }
-    // Keys that the file only seems to give: every first word without a pair of its own.
+    // The first word of a line is a key only if the line also has a value.
     std::size_t start = 0;
     while (start < text.size()) {
         const std::size_t end = std::min(text.find('\n', start), text.size());
@@ -122,7 +122,7 @@ void check_separator(const std::string& text, const std::string& path, char sepa
     }
 }
 
-// The line helpers, which may be given a line as it stands in the file.
+// The helpers for lines accept a line exactly as the file contains it.
 void check_helpers(const ConfigFile& config, const std::string& text)
 {
     std::string line = text.substr(0, text.find('\n'));

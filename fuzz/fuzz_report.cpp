@@ -1,8 +1,8 @@
-// The QoS report: parsing, the statistics line and the JSON line.
+// The QoS report: parsing, the statistics line and the JSON object.
 //
-// The input is the report up to its first zero byte, as the receiver terminates it, and behind that
-// byte the serial number of the unit, one line as its file gives it. The wanted line is put
-// together here from the fields, column by column, without the print formats that the daemon uses.
+// The input is a report up to the first zero byte, followed by the serial number of the unit, as a
+// line of its file. The expected line is built here from the fields, column by column, without the
+// print formats that the daemon uses.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -23,7 +23,7 @@ constexpr std::size_t CLOCK_WIDTH = 12;
 constexpr long LAST_FOUR_DIGIT_YEAR = 253402300799;  // the end of 9999
 constexpr long SECONDS_PER_DAY = 86400;
 
-// The values by key, which stands here without its prefix; empty where the report gives none.
+// The values by key, without the key's prefix; empty if the report has none.
 using Fields = std::map<std::string, std::string>;
 
 constexpr std::array KNOWN_KEYS = {
@@ -76,7 +76,7 @@ Fields read_by_hand(const std::string& report, const std::string& serial)
         else
             (in_value ? value : key) += report[i];
     }
-    // A key that the limit has cut is no key.
+    // A key that was cut at the limit is not a key.
     const bool cut = report.size() > TEXT_LIMIT && report[TEXT_LIMIT] != '\n';
     if (!cut || in_value)
         end_of_line();
@@ -121,8 +121,8 @@ std::string fraction_text(long microseconds)
     return digits;
 }
 
-// The date reads back as the seconds that it stands for. Beyond what four digits of a year and six
-// of microseconds hold, only the width is fixed.
+// The date must convert back to the same seconds. If the year needs more than four digits, or the
+// microseconds more than six, only the width is checked.
 void check_time(const std::string& text, long seconds, long microseconds)
 {
     expect(text.size() == TIME_WIDTH, "the time has its width");
@@ -152,7 +152,7 @@ long number_of(Fields& fields, const std::string& key)
     return std::strtol(fields[key].c_str(), nullptr, 10);
 }
 
-// The columns that both layouts start with, behind the time.
+// The columns that follow the time in both layouts.
 std::string common_columns(Fields& fields, const char* near_type)
 {
     const std::string word = fields["TYPE"] == near_type ? "near_end" : "far_end";
@@ -161,7 +161,7 @@ std::string common_columns(Fields& fields, const char* near_type)
            number(fields["PORT"], 5);
 }
 
-// The columns that both layouts end with.
+// The last columns of both layouts.
 std::string last_columns(Fields& fields)
 {
     return " " + padded(fields["SSRC"], 10) + " " + column(fields["SERIAL_NUM"], 5) + " " +

@@ -1,5 +1,4 @@
-// The voice datagram: the walk over its records and the pcap record made of each, read back with
-// libpcap.
+// The voice datagram: splitting it into records, and the pcap record of each. libpcap reads them.
 #include <pcap/pcap.h>
 
 #include <array>
@@ -23,7 +22,7 @@ constexpr std::size_t LENGTH_LIMIT = 2024;
 constexpr std::size_t CUT_LENGTH = 2023;
 constexpr std::size_t ETHER_TYPE_IPV4 = 0x0800;
 constexpr std::size_t VERSION_AND_SERVICE = 0x4500;
-constexpr std::size_t DONT_FRAGMENT = 0x4000;  // behind an identification of 0
+constexpr std::size_t DONT_FRAGMENT = 0x4000;  // follows an identification of 0
 constexpr std::size_t TTL_AND_UDP = 0x4011;
 
 std::size_t big_endian(const char* bytes, int count)
@@ -37,8 +36,8 @@ std::size_t big_endian(const char* bytes, int count)
 struct Record {
     std::size_t seconds;
     std::size_t microseconds;
-    std::size_t payload;  // as the record counts it
-    std::string frame;    // what must stand in the file behind the record header
+    std::size_t payload;  // bytes, according to the record
+    std::string frame;    // what must follow the record header in the file
 };
 
 std::string bytes_of(std::size_t value, int count)
@@ -49,7 +48,7 @@ std::string bytes_of(std::size_t value, int count)
     return text;
 }
 
-// The record that must come out, from the wire format alone.
+// The expected record, built from the wire format alone.
 Record wanted_record(const char* record)
 {
     std::size_t length = big_endian(record, 4);
@@ -68,7 +67,7 @@ Record wanted_record(const char* record)
             .frame = frame};
 }
 
-// The file that the records make up, and what must be read from it.
+// A file of these records, and what libpcap must read from it.
 struct Dump {
     std::string bytes;
     std::vector<Record> records;

@@ -1,11 +1,11 @@
-// What a fuzz target demands of the code under test.
+// Checks that the fuzz targets share.
 #pragma once
 
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
-// Ends the run when something that must hold does not: the fuzzer keeps the input that did it.
+// Aborts if the condition does not hold, so that the fuzzer keeps the input.
 inline void expect(bool holds, const char* what)
 {
     if (holds)

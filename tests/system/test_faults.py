@@ -120,7 +120,7 @@ def faults_in(path):
         return Faults.from_buffer(mmap.mmap(file.fileno(), 0))
 
 
-# --- a life -------------------------------------------------------------------------------------
+# --- one run of the daemon ---------------------------------------------------------------------
 
 # In each phase, the daemon receives a summary, a voice record and a session report. The next phase starts after they
 # have been written and the report has been posted.

@@ -12,7 +12,7 @@
 static Faults& faults = Faults::self();
 
 // A buffer grows when it holds 10240 bytes. With lines of 208 characters that is between a line and
-// its line feed, with lines of 192 between a JSON line and the separator before it.
+// its line feed, with lines of 192 between a JSON object and the separator before it.
 TEST(Memory, QueuesTakeARecordWholeOrCountIt)
 {
     LogCapture log("log.default=1");
