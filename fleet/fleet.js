@@ -5,7 +5,7 @@
 const DAY_S = 86400;
 const SILENT_AFTER_S = 600;                     // two heartbeats missed
 const HEARTBEATS_S = 7 * DAY_S;                 // how far back the page looks for a unit's last heartbeat
-const POLL_MS = 3000, LATE_MS = 6000;           // a store that does not answer is noticed within 10 s
+const POLL_MS = 3000, LATE_MS = 5000;           // a store that does not answer is noticed within 10 s
 const TIMEOUT_MS = 40000;                       // a node that hangs delays answers, but they arrive
 const REFRESH_S = 60, RETRY_S = 10;
 const STEPS = 90;                               // points of a curve over the chosen time
