@@ -63,6 +63,8 @@ class Store:
             fault.wait(60)
         elif fault:
             return fault
+        if parameters.get("to") == "NaN":
+            return 400, b"Code: 457"
         before = int(parameters.get("to", self.now)) < self.now - DAY_S / 2 and f"{query}_before"
         return 200, json.dumps(self.answers.get(before) or self.answers[query]).encode()
 
@@ -86,6 +88,11 @@ class Page:
         """Presses Enter as soon as no drawing is pending."""
         wait_for(lambda: self.run("return isFinite(finished)"), 20, "for the round's end")
         self.use(selector, "\n")
+
+    def focuses(self, text):
+        """Waits until the element with this identifier or text has the focus, even if it is drawn anew meanwhile."""
+        script = "const {id, textContent} = document.activeElement; return [id, textContent]"
+        wait_for(lambda: text in self.run(script), 20, f"for the focus on {text}")
 
     def use(self, selector, keys=None):
         """Types into an element, or clicks it, even if it is drawn anew meanwhile."""
@@ -164,10 +171,12 @@ def test_what_is_wrong_comes_first(store, page):
     page.press("[data-table=calls] button[value=all]")
     assert len(page.rows("calls")) == 16
     page.press("[data-table=calls] th:nth-child(5) button")       # by jitter, and back
-    assert page.rows("calls")[0][0] == "3-77" and page.browser.switch_to.active_element.text == "Jitter max (ms)"
+    page.focuses("Jitter max (ms)")
+    assert page.rows("calls")[0][0] == "3-77"
     curves = page.run("const canvas = document.querySelector('#trend canvas');"
                       "return Chart.getChart(canvas).data.datasets.map(({data}) => data)")
     assert [min(store.now - point["x"] for point in curve) // 60 for curve in curves] == [0, 0, 1]     # yesterday's
+    page.run("finished = Infinity")      # no further round, which would replace the elements
     for control in page.browser.find_elements("css selector", "button, select, input, canvas, table"):
         assert control.accessible_name or not control.is_displayed(), control.get_attribute("outerHTML")
     size(page, 375)
@@ -180,7 +189,7 @@ def test_the_choice_stands_in_the_address(store, page):
     first = store.answers["worst_calls"]["data"][0]
     page.browser.get(f"{store.url}#period=chosen&from=1e300&scale=x&call=x")     # costs what it is needed for only
     page.shows("[data-query=trend] h2", "The whole fleet over time")
-    page.use("form a")
+    page.press("form a")
     wait_for(lambda: not page.find("#error").is_displayed(), 20, "for the valid address")
     page.browser.get(f"{store.url}#period=chosen&from={store.now - 3600}&to={store.now}&site=Bonn&unit=U2")
     page.shows("[data-query=trend] h2", "Unit U2 Bonn 1 over time")
@@ -188,21 +197,22 @@ def test_the_choice_stands_in_the_address(store, page):
     assert query == {"from": str(store.now - 3600), "to": str(store.now), "site": b"Bonn".hex(), "unit": b"U2".hex(),
                      "ms": "1"}
     assert page.texts("#unit option") == ["all", "LATE =1+1", "U2 Bonn 1"]
-    page.use("form a")
+    page.press("form a")
     page.shows("[data-query=trend] h2", "The whole fleet")
     page.press("[data-table=calls] tbody a")
     page.shows("#call h2", "Call 3-77 of unit U2")
-    wait_for(lambda: page.browser.switch_to.active_element.get_attribute("id") == "call")
+    page.focuses("call")
     assert page.run("return document.querySelectorAll('#call canvas').length") == 3
     assert ".".join(dict(store.asked)["call"][part] for part in ("sn", "gcid", "tid")) == first["id"]
     link = page.browser.current_url
     page.browser.get("about:blank")
     page.browser.get(link)
     page.shows("#call h2", "Call 3-77 of unit U2")
-    page.use("#close")
+    page.press("#close")
     wait_for(lambda: not page.find("#call").is_displayed())
-    assert page.browser.switch_to.active_element.text == "3-77"
+    page.focuses("3-77")
     page.browser.back()
+    wait_for(lambda: page.find("#call").is_displayed())
     page.shows("#call h2", "Call 3-77")
     page.use("#find", ODD[0] + "\n")
     page.shows("#found h2", ODD[0])
