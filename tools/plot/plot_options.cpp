@@ -138,8 +138,10 @@ std::optional<PlotOptions> PlotOptions::parse(int argc, char** argv)
             std::puts("voxstat-plot " VOXSTAT_VERSION);
             std::exit(0);
         }
-        if (option == '?')  // getopt_long has printed the reason
+        if (option == '?') {  // getopt_long has printed the reason
+            (void)std::fputs("voxstat-plot: invalid option; see --help\n", stderr);
             return std::nullopt;
+        }
         if (!store(options, option, optarg)) {
             (void)std::fprintf(stderr, "voxstat-plot: invalid value \"%s\" for --%s; see --help\n",
                                optarg, name_of(option));

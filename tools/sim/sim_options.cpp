@@ -131,8 +131,10 @@ std::optional<SimOptions> SimOptions::parse(int argc, char** argv)
             std::puts("voxstat-sim " VOXSTAT_VERSION);
             std::exit(0);
         }
-        if (letter == '?')  // getopt_long has printed the reason
+        if (letter == '?') {  // getopt_long has printed the reason
+            (void)std::fputs("voxstat-sim: invalid option; see --help\n", stderr);
             return std::nullopt;
+        }
         if (!store(options, letter, optarg)) {
             (void)std::fprintf(stderr, "voxstat-sim: invalid value \"%s\" for --%s; see --help\n",
                                optarg, LONG_OPTIONS[index].name);
