@@ -85,7 +85,7 @@ def trial(directory, once):
         print(f"\nPicture of the page: {PICTURE}\nThe page itself: {store.url}/ "
               f"(user viewer, password {store.passwords['viewer']})", flush=True)
         if not once:
-            print("Ctrl-C ends it.", flush=True)
+            print("Press Ctrl-C to stop.", flush=True)
             signal.pause()
 
 
