@@ -1,5 +1,5 @@
 // Entry point: command line, signals, and the order in which configuration, logger and main loop
-// start and end. MainLoop::stop_components() has the order in which the components stop.
+// start and stop. MainLoop::stop_components() has the order in which the components stop.
 // The exit status is 0 on every path, as voxstat(8) tells operators.
 #include <fcntl.h>
 #include <malloc.h>
@@ -40,7 +40,7 @@ void sig_handler(int /*signal_number*/)
         MainLoop::stop();
 }
 
-// The configuration file that the command line asks for; nothing when it asks for the usage text.
+// The configuration file named on the command line; nothing if the command line is invalid.
 std::optional<std::string> config_file_name(int argc, char** argv)
 {
     if (argc == 1)
@@ -50,15 +50,15 @@ std::optional<std::string> config_file_name(int argc, char** argv)
     return std::nullopt;
 }
 
-// A supervisor may hand down a mask that blocks them. No thread blocks them either: threads inherit
-// the mask of the one that creates them, so this comes before the first.
+// The parent process may have blocked these signals, and processes and threads inherit the mask of
+// their creator. So call this before the first thread is created.
 void unblock_stop_signals()
 {
     sigset_t signals;
     sigemptyset(&signals);
     for (const StopSignal& signal : STOP_SIGNALS)
         sigaddset(&signals, signal.number);
-    (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);  // fails for a wrong request only
+    (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);  // fails only for an invalid request
 }
 
 // Some supervisors start a process with its standard descriptors closed. A socket or a statistics
@@ -77,7 +77,7 @@ void install_stop_handlers()
             DBG->Log(DBG_ERROR, {"Failed to register ", signal.name, " signal handler..."});
 }
 
-// Null when the file cannot be opened, which is said on standard output.
+// Null when the file cannot be opened; prints the reason to standard output.
 std::unique_ptr<ConfigFile> load_config(const std::string& file_name)
 {
     try {
@@ -98,8 +98,8 @@ int main(int argc, char** argv)
     (void)mallopt(M_ARENA_MAX, 1);
     open_standard_descriptors();
     unblock_stop_signals();
-    // A peer that has gone, a closed pipe on standard output or a limit on the size of files must
-    // not end the daemon: the write fails, and that is dealt with.
+    // A closed connection, a closed pipe on standard output or a limit on the size of files must
+    // not terminate the daemon. The write fails instead, and its caller handles this.
     (void)std::signal(SIGPIPE, SIG_IGN);
     (void)std::signal(SIGXFSZ, SIG_IGN);
 

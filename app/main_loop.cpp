@@ -39,8 +39,8 @@ std::int32_t seconds_now()
     return static_cast<std::int32_t>(time(nullptr));
 }
 
-// Seconds from an earlier time to a later one; the detour over unsigned numbers keeps it right
-// when 32 bits of seconds wrap.
+// Seconds from an earlier time to a later one. Unsigned arithmetic keeps the result correct when
+// the 32-bit seconds wrap.
 std::int32_t seconds_between(std::int32_t earlier, std::int32_t later)
 {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(later) -
@@ -107,8 +107,8 @@ void MainLoop::read_serial_number()
 void MainLoop::start()
 {
     running = true;
-    // A stop that comes between the look at the flag and the wait is noticed when the wait ends.
-    // That is fixed: supervisors give the daemon more than those 60 seconds.
+    // A stop() between the check of the flag and the wait takes effect when the wait ends. This is
+    // fixed: supervisors allow the daemon more than these 60 seconds.
     while (running) {
         if (receiver->WaitForPackets(WAIT_MS) > 0) {
             drain_qos_socket();
@@ -166,7 +166,8 @@ void MainLoop::send_service_reports()
     }
 }
 
-// No report comes in any more before the files are flushed; the posts may take long and come last.
+// The receiver stops first, so that no reports arrive while the files are flushed. The posts may
+// take long, so the web client stops last.
 void MainLoop::stop_components()
 {
     receiver->nr_stop();

@@ -18,19 +18,19 @@ public:
     // Erases from the first '#' to the end of the line.
     void removeComment(std::string& line) const;
 
-    // True when the line is empty or contains only blanks. A tab does not count as a blank.
+    // True when the line is empty or contains only spaces. A tab does not count as a space.
     bool onlyWhitespace(const std::string& line) const;
 
-    // Checks a line of a file read with '='. Erases leading blanks and tabs from the line; then
-    // false when it starts with '=', contains none, or has only blanks after the first one. The
+    // Checks a line of a file read with '='. Erases leading spaces and tabs from the line; then
+    // false when it starts with '=', contains none, or has only spaces after the first one. The
     // loader does not call it, because extractContents() skips invalid lines.
     bool validLine(std::string& line) const;
 
-    // Sets key to the first word of the line, which a tab, a blank, '=' or ':' ends. It may be
+    // Sets key to the first word of the line, which a tab, a space, '=' or ':' ends. It may be
     // empty. The position of the separator is not used.
     void extractKey(std::string& key, const unsigned long& sepPos, const std::string& line) const;
 
-    // Sets value to what follows the separator at sepPos, without tabs and blanks around it. Empty
+    // Sets value to what follows the separator at sepPos, without tabs and spaces around it. Empty
     // when nothing follows.
     void extractValue(std::string& value, const unsigned long& sepPos,
                       const std::string& line) const;

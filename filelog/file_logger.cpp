@@ -84,12 +84,12 @@ void report_overflow(const char* what, std::uint32_t& lost)
 {
     if (lost == 0)
         return;
-    // No blank before "messages": alerts match this text.
+    // No space before "messages": alerts match this text.
     DBG->Log(DBG_WARN, {what, std::to_string(lost), "messages lost"});
     lost = 0;
 }
 
-// Takes what is due out of a buffer. What has no file to go to is dropped.
+// Takes the data that is due from a buffer. Without a file, drops all data.
 std::string take_block(const FileObject* file, std::string& buffer, time_t last_write,
                        time_t tail_timeout, bool force)
 {
@@ -164,7 +164,7 @@ bool FileLogger::fl_init_locks()
 
 void FileLogger::fl_start()
 {
-    writer_running = true;  // before the thread exists, so that an early fl_stop() still ends it
+    writer_running = true;  // before the thread exists, so that an early fl_stop() still stops it
     const int rc = pthread_create(&writer_thread, nullptr, fl_execute, this);
     if (rc == 0) {
         (void)pthread_setname_np(writer_thread, "QoS_FileLogger");  // for display only
@@ -236,13 +236,13 @@ void FileLogger::fl_run()
     guarded([this] { fl_cleanup_archives(); }, log_reason);
     while (writer_running) {
         guarded([this] { fl_pass(); }, log_reason);
-        usleep(sleep_us);  // read afresh: the voice writer changes it
+        usleep(sleep_us);  // read each time, because the voice writer changes it
     }
     fl_final_flush();
     DBG->Log(DBG_INFO, "Terminating FileLogger thread...");
 }
 
-// The dump's archives are left to its next rotation.
+// The next rotation of the dump cleans up its archives.
 void FileLogger::fl_cleanup_archives()
 {
     for (const std::size_t slot : {STAT_SLOT, EOS_SLOT})
@@ -257,7 +257,7 @@ void FileLogger::fl_pass()
     fl_write_rtp_dump(false, false);
 }
 
-// Each file by itself: one that fails must not cost the others their last block.
+// Each file separately: if one fails, the others must still get their last block.
 void FileLogger::fl_final_flush()
 {
     guarded([this] { fl_write_file(QOS_STAT, true, true); }, log_reason);
@@ -281,7 +281,7 @@ void FileLogger::fl_write_file(Qos_Stat_Type type, bool sync, bool force)
     if (block.empty())
         return;
     DBG->Log(DBG_DEBUG, {"FileLogger::fl_write_file - writing block: \n", block});
-    (void)file->fobj_write(block, sync);  // what it does not take is lost: nothing is retried
+    (void)file->fobj_write(block, sync);  // what it does not write is lost: nothing is retried
     last_write = time(nullptr);
 }
 

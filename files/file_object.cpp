@@ -84,7 +84,7 @@ void FileObject::fobj_open()
         fobj_write_header();
 }
 
-// A header that is cut short is no header: readers would take it for one.
+// Throws if only part of the header was written: readers would mistake it for a complete one.
 void FileObject::fobj_write_header()
 {
     const auto length = static_cast<unsigned>(_header_length);
@@ -97,7 +97,7 @@ void FileObject::fobj_write_header()
 void FileObject::fobj_close()
 {
     if (_fd != -1) {
-        (void)fsync(_fd);  // the blocks are written; what the disk refuses now cannot be mended
+        (void)fsync(_fd);  // the blocks are written; if this fails, nothing can be repaired
         (void)close(_fd);
         _fd = -1;
     }
@@ -109,7 +109,7 @@ std::string FileObject::fobj_take_block(std::string& buffer, time_t last_write, 
 {
     std::string block;
     if (everything) {
-        block.swap(buffer);  // needs no memory: the last block is not lost for want of it
+        block.swap(buffer);  // allocates nothing, so the last block is never lost
         return block;
     }
     const std::size_t length = buffer.size();
@@ -118,7 +118,7 @@ std::string FileObject::fobj_take_block(std::string& buffer, time_t last_write, 
                           (length < BLOCK_SIZE && time(nullptr) - last_write > tail_timeout) ||
                           time_2_rotate();
     const std::size_t taken = take_all ? length : whole_blocks;
-    block.assign(buffer, 0, taken);  // may lack memory: the buffer stays whole then
+    block.assign(buffer, 0, taken);  // may throw; the buffer is then unchanged
     buffer.erase(0, taken);
     return block;
 }
@@ -149,14 +149,14 @@ bool FileObject::fobj_rotate()
 {
     if (!time_2_rotate())
         return false;
-    fobj_close();  // first: it may take seconds, and the archive is named after the time behind it
+    fobj_close();  // first: it may take seconds, and the archive is named after its end
     timeval now{};
     gettimeofday(&now, nullptr);
-    // The number goes on from the last archive of the same second, even where the cleanup has
+    // The number continues from the last archive of the same second, even if the cleanup has
     // removed it, so that a later archive never gets an earlier name.
     unsigned number = now.tv_sec == _last_second ? _last_number : 0;
     std::string archive;
-    do  // access() failing for another reason than a free name shows again in the rename
+    do  // if access() fails for another reason, so does the rename
         archive = _directory + archive_name(_name, _extension, now.tv_sec, ++number);
     while (access(archive.c_str(), F_OK) == 0);
     if (rename(_path.c_str(), archive.c_str()) == 0) {
@@ -170,7 +170,7 @@ bool FileObject::fobj_rotate()
     return true;
 }
 
-// A full file that cannot be moved away must go, or it would grow without bound.
+// Deletes a full file that cannot be renamed, because it would grow without limit.
 void FileObject::fobj_remove_unarchived(const std::string& archive, int rename_error) const
 {
     std::string outcome = "; deleted file instead.";
@@ -193,14 +193,14 @@ void FileObject::fobj_cleanup()
     }
 }
 
-// Archives of one second go in the order of their names, which carry date, time and number: they
-// are inserted in that order, and equal elements keep it.
+// Archives of the same second are in the order of their names, which contain date, time and number:
+// they are inserted in this order, and equal elements keep it.
 std::multiset<F_Info, F_Sort> FileObject::fobj_find_archives() const
 {
     std::multiset<F_Info, F_Sort> archives;
     for (const std::string& path : fobj_list_archives()) {
         struct stat info {};
-        if (stat(path.c_str(), &info) == 0)  // one without a known age is left alone
+        if (stat(path.c_str(), &info) == 0)  // skips a file of unknown age
             archives.insert(F_Info(path, info.st_mtime));
     }
     return archives;
@@ -214,8 +214,8 @@ std::set<std::string> FileObject::fobj_list_archives() const
         DBG->Log(DBG_ERROR, {CLEANUP, "failed to open ", _directory, "; ", error_text(errno)});
         return paths;
     }
-    // d_type, not lstat(): where the file system gives no types, nothing is removed. Operators are
-    // told so, and clean up such directories themselves.
+    // d_type, not lstat(): on a file system that reports no types, nothing is removed. Operators
+    // are told to clean up such directories themselves.
     while (const dirent* entry = readdir(listing.get()))
         if (entry->d_type == DT_REG && is_archive_name(entry->d_name, _name, _extension))
             paths.insert(_directory + entry->d_name);

@@ -127,7 +127,7 @@ void check_helpers(const ConfigFile& config, const std::string& text)
 {
     std::string line = text.substr(0, text.find('\n'));
     const bool blank = config.onlyWhitespace(line);
-    expect(blank == (line.find_first_not_of(' ') == std::string::npos), "a line of blanks");
+    expect(blank == (line.find_first_not_of(' ') == std::string::npos), "a line of spaces");
     if (config.validLine(line))
         expect(!blank && !line.empty() && line[0] != '=' && !is_blank(line[0]) &&
                    line.find('=') != std::string::npos,

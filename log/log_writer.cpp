@@ -21,7 +21,7 @@ constexpr useconds_t SLEEP_US = 100000;
 // The kernel refuses names over 15 characters, so "QoS_SimpleLogger" is cut.
 constexpr const char* THREAD_NAME = "QoS_SimpleLogge";
 
-// The log itself is at stake in these steps, so the reason goes to standard output.
+// These steps set up or write the log itself, so the reason goes to standard output.
 void print_reason(const char* reason)
 {
     dbg_print_line({reason});
@@ -54,7 +54,7 @@ bool SimpleLogger::dbg_start_writer()
         dbg_print_line({"Unable to init mutex for SimpleLogger. Error: ", std::to_string(rc)});
         return false;
     }
-    _running = true;  // before the thread exists, so that an early dbg_stop() still ends it
+    _running = true;  // before the thread exists, so that an early dbg_stop() still stops it
     rc = pthread_create(&_thread, nullptr, dbg_execute, this);
     if (rc != 0) {
         _running = false;  // nothing to join
@@ -75,7 +75,7 @@ FileObject* SimpleLogger::dbg_create_file()
         return new FileObject(nullptr, 0, _directory, _file_name, _extension, limits::LOG_FILE_SIZE,
                               limits::LOG_ARCHIVES);
     } catch (const std::exception& error) {
-        // No blank before "for": alerts match this text.
+        // No space before "for": alerts match this text.
         dbg_print_line({"Unable to open log file ", _directory, _file_name, _extension,
                         "for writing (", error.what(), "). Using stdout instead."});
         return nullptr;

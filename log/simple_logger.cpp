@@ -69,7 +69,7 @@ void SimpleLogger::dbg_report_overflow()
 {
     if (_lost == 0)
         return;
-    const std::string note =  // no blank before "messages": alerts match this text
+    const std::string note =  // no space before "messages": alerts match this text
         dbg_format_line(DBG_WARN,
                         {"LOG FILE WRITE OVERFLOW: ", std::to_string(_lost), "messages lost"});
     if (append_bounded(_buffer, INT64_MAX, {note}) > 0)

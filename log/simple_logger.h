@@ -114,7 +114,7 @@ private:
 extern SimpleLogger* const DBG;
 
 // One line of the log: time stamp, tag, thread identifier of the caller, message. Empty when there
-// is no memory for it.
+// is no memory for it. Any thread.
 std::string dbg_format_line(DbgLevel level, LogPieces pieces) noexcept;
 
 // Writes the message and a newline to standard output and flushes it. Any thread.

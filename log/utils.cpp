@@ -7,7 +7,7 @@ namespace {
 constexpr std::size_t TEXT_LIMIT = std::tuple_size_v<Utils::Stamp> - 1;
 constexpr long long USEC_PER_MSEC = 1000;
 
-// Date or time by the pattern, then milliseconds and a blank. Returns the length of the text.
+// Date or time by the pattern, then milliseconds and a space. Returns the length of the text.
 std::size_t print_stamp(Utils::Stamp& buffer, const timeval& tv, const tm& fields,
                         const char* pattern)
 {

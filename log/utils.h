@@ -22,7 +22,7 @@ public:
     static std::string t_stamp();
     static std::string_view t_stamp(Stamp& buffer);
 
-    // "Nov-14 22:13:20.123 ", or "22:13:20.123 " when time_only. Ends with a blank.
+    // "Nov-14 22:13:20.123 ", or "22:13:20.123 " when time_only. Ends with a space.
     // Microseconds outside 0..999999 are not corrected, only divided by 1000.
     static std::string t_stamp(const timeval& tv, bool time_only);
 

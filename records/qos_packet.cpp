@@ -89,7 +89,7 @@ constexpr const char* FAR_END_WORD = "far_end";
 constexpr std::size_t TEXT_LIMIT = 1023;
 
 // The index of a key, or UNKNOWN_KEY. Senders repeat the order of their keys in every report, so
-// the search begins at the key that came behind the previous one the last time.
+// the search begins at the key that followed the previous one in the last report.
 std::size_t find_key(std::string_view key, std::size_t previous)
 {
     thread_local std::array<std::size_t, KEYS.size() + 1> followers{};
@@ -159,7 +159,7 @@ int QoSPacket::key_to_index(const char* key) const
     return static_cast<int>(find_key(key, UNKNOWN_KEY));
 }
 
-// The value has TEXT_LIMIT characters at most, so that the zero byte always has its place.
+// The value has at most TEXT_LIMIT characters, so there is always room for the zero byte.
 void QoSPacket::store(std::size_t index, std::string_view value)
 {
     static_assert(TEXT_LIMIT < FIELD_SIZE);
@@ -195,7 +195,7 @@ double QoSPacket::double_of(std::size_t index) const
 
 timeval QoSPacket::time_of(std::size_t seconds_index, std::size_t microseconds_index) const
 {
-    // 64 bits also where a long has 32.
+    // atoll() reads 64 bits even where a long has 32.
     return {.tv_sec = static_cast<time_t>(std::atoll(text_of(seconds_index))),
             .tv_usec =
                 static_cast<decltype(timeval::tv_usec)>(std::atoll(text_of(microseconds_index)))};
@@ -248,8 +248,7 @@ int QoSPacket::format_eos_line()
     Utils::t_stamp_tz(time_of(TIME_STAMP_SEC, TIME_STAMP_USEC), report_time);
     Utils::t_stamp(time_of(FIRST_PACKET_SEC, FIRST_PACKET_USEC), true, first_packet);
     Utils::t_stamp(time_of(LAST_PACKET_SEC, LAST_PACKET_USEC), true, last_packet);
-    // Summaries pair the type word the other way round than session reports; readers of the
-    // files rely on it.
+    // Summaries swap the type words of session reports; readers of the files rely on this.
     return asprintf(&_log_string,
                     "%30.30s %9.9s %11.11s %8.8s %15.15s %5d %5d %7d %4d %5.1f %6d %6d %6d %6d "
                     "%12.12s %12.12s %10s %5.5s %s",

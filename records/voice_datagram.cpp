@@ -15,7 +15,7 @@ const char* VoiceDatagram::next_record(int& length)
     std::uint32_t payload_length = 0;
     std::memcpy(&payload_length, record, sizeof payload_length);
     payload_length = ntohl(payload_length);
-    // Compared with what remains behind the header: adding to the length could overflow.
+    // Compared with what remains after the header, because adding to the length could overflow.
     if (payload_length > bytes_left() - VoicePacket::VOICE_HEADER_SIZE)
         return nullptr;
     const std::size_t record_length = VoicePacket::VOICE_HEADER_SIZE + payload_length;

@@ -2,8 +2,8 @@
 //
 // Records lie end to end with no padding and no count. Each starts with a 4-byte big-endian
 // payload length L and takes L + 24 bytes: a 24-byte header, which begins with the length, and L
-// bytes of payload. The lengths come from the network, so each is checked against the bytes that
-// received before anything is read.
+// bytes of payload. The lengths come from the network, so each is checked against the size of
+// the datagram before anything is read.
 //
 // Main thread only; looks at the caller's bytes, owns nothing.
 #pragma once

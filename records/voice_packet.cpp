@@ -28,7 +28,7 @@ void VoicePacket::init_pcap_packet(const char* record, int /*record_length*/)
     std::uint32_t payload_length = ntohl(_voice_hdr.payload_length);
     if (payload_length > MAX_PAYLOAD)
         payload_length = CUT_PAYLOAD;
-    // One byte behind the record stays free for the zero byte.
+    // One byte after the record stays free for the zero byte.
     const bool stored = HEADERS_SIZE + payload_length < BUFFER_SIZE;
 
     fill_headers(payload_length, stored);

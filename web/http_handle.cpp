@@ -8,7 +8,7 @@
 
 namespace {
 
-// A batch is at most a full buffer and one more line, which is far shorter than the other half.
+// Twice the limit of the buffer: a batch is at most a full buffer and one more line.
 constexpr std::size_t BODY_ROOM = 204800;
 
 constexpr std::string_view SETOPT = "curl_easy_setopt(";
@@ -43,8 +43,8 @@ HttpHanle::~HttpHanle()
     drop_idle_handle();
 }
 
-// The first that fails is reported and ends the construction. The first four set up what feeds the
-// log: their failure is printed instead.
+// Reports the first option that fails. The first four concern the output to the log, so their
+// failure is printed instead.
 bool HttpHanle::set_options()
 {
     const char* name = nullptr;
@@ -81,7 +81,7 @@ void HttpHanle::drop_idle_handle()
 
 void HttpHanle::set_state(HANDLE_STATE new_state)
 {
-    // Counted before it shows as idle: another worker may take it at once.
+    // Count first: as soon as the state is idle, another worker may take the handle.
     if (new_state == HANDLE_IDLE)
         idle_handles++;
     else
@@ -90,7 +90,7 @@ void HttpHanle::set_state(HANDLE_STATE new_state)
     LogStr(DBG_TRACE, {"Total idle curl handles: ", std::to_string(idle_handles)});
 }
 
-// Within the room of the body: no memory is needed, and libcurl's pointer stays right.
+// The reserved body is large enough, so this allocates nothing, and libcurl's pointer stays valid.
 void HttpHanle::take_lines(std::string& lines)
 {
     body.assign(json_frame::BATCH_START).append(lines).append(json_frame::BATCH_END);

@@ -16,8 +16,8 @@ TEST(Configuration, EveryLine)
     };
     static const Row rows[] = {
         {"plain", "key=value", '=', "key", "value"},
-        {"blanks and tabs around both", "  key\t=\tvalue  ", '=', "key", "value"},
-        {"blanks inside the value", "\tkey = a b  c \t", '=', "key", "a b  c"},
+        {"spaces and tabs around both", "  key\t=\tvalue  ", '=', "key", "value"},
+        {"spaces inside the value", "\tkey = a b  c \t", '=', "key", "a b  c"},
         {"separators inside the value", "a = b:c=d", '=', "a", "b:c=d"},
         {"'=' at the value's end", "a = b:=", '=', "a", "b:="},
         {"':' at the value's end", "a = b=:", '=', "a", "b=:"},
@@ -31,7 +31,7 @@ TEST(Configuration, EveryLine)
         {"serial number file without ':'", "serial = X", ':', "serial", "-"},
         {"only a tab", "\t", '=', "", "-"},
         {"separator first", "=value", '=', "", "-"},
-        {"only blanks for a value", "key=  \t", '=', "key", "-"},
+        {"only spaces for a value", "key=  \t", '=', "key", "-"},
         {"only a comment for a value", "key = # note", '=', "key", "-"},
     };
     LogCapture log;

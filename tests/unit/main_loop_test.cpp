@@ -14,7 +14,7 @@ static Faults& faults = Faults::self();
 static const std::string NEAR = "QOS_EV_TYPE=QOS_NEAREND\nQOS_EV_RTCP_CNAME=",
                          EOS = "QOS_EV_TYPE=QOS_EOS_NEAREND\nQOS_EV_RTCP_CNAME=";
 
-// The lines passed on, with one blank between columns.
+// The lines passed on, with one space between columns.
 static std::string handed_on()
 {
     std::string log = std::regex_replace(LogCapture::take(), std::regex("  +"), " ");

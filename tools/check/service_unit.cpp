@@ -134,7 +134,7 @@ std::vector<std::string> ServiceUnit::environment() const
 {
     std::vector<std::string> found = words("Environment");
     for (std::string& setting :
-         found)  // systemd quotes settings with blanks; proxy addresses have none
+         found)  // systemd quotes settings with spaces; proxy addresses have none
         setting.erase(std::remove(setting.begin(), setting.end(), '"'), setting.end());
     return found;
 }

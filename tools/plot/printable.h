@@ -12,5 +12,5 @@ std::string printable(std::string_view text);
 // The width of a printable text on a terminal.
 std::size_t columns_of(std::string_view text);
 
-// Adds blanks before the text to make it at least this wide.
+// Adds spaces before the text to make it at least this wide.
 std::string right_aligned(std::string_view text, std::size_t columns);

@@ -11,7 +11,7 @@ namespace {
 constexpr double DAY_S = 86400;
 constexpr std::string_view HEADER_START = "       Date ";
 
-// The columns with fixed positions; a blank follows each.
+// The columns with fixed positions; a space follows each.
 struct Column {
     std::size_t begin, end;
 };
