@@ -55,8 +55,8 @@ const reasonOf = ({name, message}) => name === "TimeoutError" ? "No answer in ti
 const parts = {};
 const placesOf = query => document.querySelectorAll(`[data-query=${query}]`);
 
-// Asks with each set of parameters and draws the answers, unless a new round has started: they would stand under its
-// selection. When the query fails, its part of the page stays and shows its age.
+// Asks with each set of parameters and draws the answers, unless a new round has started: the selection may have
+// changed. When the query fails, its part of the page stays as it is and shows its age.
 async function show(query, parameters, draw) {
     const part = parts[query] ??= {}, mine = rounds;
     let failure = "";
@@ -151,7 +151,7 @@ function showSilent(rows, {from, to}) {
 
 function showForeign(rows) {
     document.querySelector("[data-query=foreign]").hidden = !rows.length;
-    countIn("foreign", "Batches with another unit's number: ", rows.reduce((sum, row) => sum + row.batches, 0));
+    countIn("foreign", "Batches with another unit's serial number: ", rows.reduce((sum, row) => sum + row.batches, 0));
     showTable("foreign", [["user", "Sent by"], ["address", "From address"], ["unit", "As unit", null, toUnit], ...NAMES,
         ["batches", "Batches", number], ["since", "First", atTime()], ["until", "Last", atTime()]], rows.map(withUnit),
     "The store trusts the serial number in a line. Check the serial number and the URL of the sender.");
@@ -168,7 +168,7 @@ function showCalls(rows) {
     countIn("worst_calls", "Worst calls: ", bad, count => count < 100 ? `${count} bad` : "100 or more bad");
     showTable("calls", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME, ["loss_mean", "Loss (%)", percent],
         TRAFFIC[1], LAST], rows.map(withUnit), "Worst calls first, ranked by the highest loss, jitter or " +
-        "round-trip time of each call, divided by the value from which it is bad.");
+        "round-trip time of each call, relative to the threshold for “bad”.");
 }
 
 function showUnits(rows, total) {

@@ -33,6 +33,8 @@ SERIAL = re.compile(r"[A-Za-z0-9_-]{1,32}")     # also a user name, a file name 
 SN_LENGTH = 5       # characters of it in a line
 DATA = "/var/lib/clickhouse"
 
+DIRECT = urllib.request.build_opener(urllib.request.ProxyHandler({}))       # a proxy would see the key
+
 Node = collections.namedtuple("Node", "name address native http data", defaults=(9000, 8123, DATA))
 
 
@@ -80,7 +82,7 @@ def parse_node(text):
         try:
             found = ipaddress.ip_address(socket.getaddrinfo(address or name, None, type=socket.SOCK_STREAM)[0][4][0])
         except (OSError, UnicodeError) as error:
-            sys.exit(f"fleet.py: cannot resolve {address or name} ({error}); {name}=ADDRESS needs no name server")
+            sys.exit(f"fleet.py: cannot resolve {address or name} ({error}); specify {name}=ADDRESS")
     return Node(name, str(found).partition("%")[0])
 
 
@@ -93,7 +95,7 @@ def parse_nodes(texts, replicas):
     if not nodes:
         sys.exit("fleet.py: the directory has no fleet.json; specify the nodes")
     if len(nodes) % replicas:
-        sys.exit(f"fleet.py: {len(nodes)} nodes cannot be divided into shards of {replicas} nodes")
+        sys.exit(f"fleet.py: the number of nodes ({len(nodes)}) is not a multiple of --replicas ({replicas})")
     return nodes
 
 
@@ -109,10 +111,11 @@ def read_units(path):
         for row in filter(None, reader):
             where = f"fleet.py: {path}, line {reader.line_num}"
             if len(row) != 3 or not SERIAL.fullmatch(row[0]):
-                sys.exit(f"{where}: not a serial number of letters, digits, - and _, a name and a site")
-            if (other := seen.setdefault(row[0][:SN_LENGTH], row[0])) != row[0] or row in units:
+                sys.exit(f"{where}: not a serial number (letters, digits, - and _), a name and a site")
+            if other := seen.get(row[0][:SN_LENGTH]):
                 sys.exit(f"{where}: {row[0]} and {other} have the same first {SN_LENGTH} characters, "
                          "and the store keeps no more")
+            seen[row[0][:SN_LENGTH]] = row[0]
             units.append(row)
     return units
 
@@ -171,9 +174,10 @@ def write_passwords(gateway, serials):
 
 
 def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, rate=100, timeout=10, ms=1):
-    """Writes everything except the passwords to gateway/ and nodes/NAME/. keys: with which gateway and nodes log in to
-    each other; the last one is used, and earlier ones are still accepted. home: path of gateway/ on the gateway. ms:
-    milliseconds in the unit of jitter and round-trip time, for the metrics; viewers of the page select their own."""
+    """Writes everything except the passwords to gateway/ and nodes/NAME/. keys: with which the gateway and the nodes
+    log in to each other; the last one is used, and earlier ones are still accepted. home: path of gateway/ on the
+    gateway. ms: milliseconds in the unit of jitter and round-trip time, for the metrics; viewers of the page select
+    their own."""
     gateway = directory / "gateway"
     current = len(keys), keys[-1]
     sql = queries(nodes, replicas)
@@ -214,7 +218,7 @@ def node_sql(node, key, number, text, body=b""):
     """Runs a statement; raises OSError if the node fails."""
     url = f"http://{in_url(node.address)}:{node.http}/?" + urllib.parse.urlencode({"query": text})
     head = {"X-ClickHouse-User": f"gateway{number}", "X-ClickHouse-Key": key}
-    with urllib.request.urlopen(urllib.request.Request(url, body, head), timeout=30) as answer:
+    with DIRECT.open(urllib.request.Request(url, body, head), timeout=30) as answer:
         answer.read()
 
 
@@ -237,10 +241,10 @@ def load_on_all(nodes, keys, units):
         try:
             load_units(node, keys, units)
         except OSError as error:
-            reason = error.read().decode(errors="replace") if isinstance(error, urllib.error.HTTPError) else error
-            print(f"fleet.py: {node.name} did not accept the list of units: {reason}", file=sys.stderr)
+            answer = error.read().decode(errors="replace") if isinstance(error, urllib.error.HTTPError) else ""
+            print(f"fleet.py: {node.name} did not accept the list of units: {error} {answer}".rstrip(), file=sys.stderr)
             failed += 1
-    print(f"{len(units)} units are expected; {len(nodes) - failed} of {len(nodes)} nodes have the list.")
+    print(f"Expected units: {len(units)}. Nodes that have the list: {len(nodes) - failed} of {len(nodes)}.")
     return not failed
 
 
@@ -248,13 +252,13 @@ def parse_arguments():
     parser = argparse.ArgumentParser(description="Writes the configuration of a fleet's nodes and gateway.")
     parser.add_argument("--home", help="path of DIRECTORY/gateway on the gateway's machine, if different")
     parser.add_argument("--rate", type=int, help="maximum batches per second from one unit (100)")
-    parser.add_argument("--replicas", type=int, help="nodes of each shard (1)")
+    parser.add_argument("--replicas", type=int, help="number of nodes in each shard (1)")
     parser.add_argument("--ms", type=float,
                         help="for /metrics: milliseconds in one unit of jitter and round-trip time (1)")
     parser.add_argument("--units", action="store_true", help="also load units.csv into all nodes")
     parser.add_argument("--rotate", metavar="UNIT", help="also add a second password for this unit")
     parser.add_argument("--new-key", action="store_true",
-                        help="add a key with which gateway and nodes log in to each other; old keys stay valid")
+                        help="add a key with which the gateway and the nodes log in to each other; old keys stay valid")
     parser.add_argument("--only-new-key", action="store_true", help="remove all keys except the newest")
     parser.add_argument("directory", metavar="DIRECTORY", type=Path,
                         help="where the files are written; contains units.csv, if you list the expected units")

@@ -6,7 +6,7 @@ SELECT concat(
 FROM (
     SELECT arrayJoin([
         ('units_expected', 'Units listed in units.csv.', toFloat64(countIf(listed))),
-        ('units_heard', 'Units heard within ten minutes.', toFloat64(countIf(heard))),
+        ('units_heard', 'Units heard in the last ten minutes.', toFloat64(countIf(heard))),
         ('units_silent', 'Expected units that were not heard.', toFloat64(countIf(listed AND NOT heard))),
         ('units_unexpected', 'Units heard that are not listed in units.csv.', toFloat64(countIf(heard AND NOT listed)))
     ]) AS row, '' AS labels
@@ -21,14 +21,14 @@ FROM (
         ) GROUP BY sn
     )
     UNION ALL
-    SELECT ('foreign_batches', 'Batches within ten minutes that have another serial number than their user.',
+    SELECT ('foreign_batches', 'Batches with another unit''s serial number in the last ten minutes.',
         toFloat64(count())) AS row, '' AS labels
     FROM fleet.foreign WHERE received >= now() - 600
     UNION ALL
     SELECT arrayJoin([
         ('reports', 'Reports of the last five minutes.', toFloat64(sum(n))),
         ('calls', 'Calls with reports in the last five minutes.', toFloat64(count())),
-        ('bad_calls', 'Calls with a figure above a threshold in the last five minutes.', toFloat64(countIf(severity >= 1)))
+        ('bad_calls', 'Calls with a bad figure in the last five minutes.', toFloat64(countIf(severity >= 1)))
     ]) AS row, '' AS labels
     FROM (
         SELECT cityHash64(@CALL@) AS hash, count() AS n, @SEVERITY@ AS severity

@@ -186,6 +186,7 @@ REFUSED = [  # units.csv, nodes, message of fleet.py
     ("", ["n.invalid"], "cannot resolve n.invalid"), ("serial,site\n", ["::1"], "does not start"),
     ("serial,name,site\n1 2,,\n", ["::1"], "line 2: not a serial"),
     ("serial,name,site\n123456,,\n123457,,\n", ["::1"], "line 3: 123457 and 123456 have the same first 5 characters"),
+    ("serial,name,site\n1,a,\n1,b,\n", ["::1"], "line 3: 1 and 1 have the same"),
     ('serial,name,site\n1,"a\n', ["::1"], "fleet.py: unexpected end of data"), ("", [], "specify the nodes"),
     ("", ["--rotate=../40731", "::1"], "no unit ../40731"), ("", ["--replicas=0", "::1"], "a number greater than 0"),
 ]

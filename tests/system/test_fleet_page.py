@@ -153,7 +153,7 @@ def test_what_is_wrong_comes_first(store, page):
     page.browser.get(store.url)
     page.shows("[data-query=trend] h2", "The whole fleet over time")
     assert page.texts("main > section:not([hidden]) h2") == [
-        "Silent units: 2", "Batches with another unit's number: 2", "Worst calls: 4 bad", "Worst units", "Sites",
+        "Silent units: 2", "Batches with another unit's serial number: 2", "Worst calls: 4 bad", "Worst units", "Sites",
         "Traffic", "The whole fleet over time"]
     silent = page.rows("silent")
     assert [row[:4] for row in silent] == [
