@@ -84,6 +84,8 @@ WATCHED(CURLcode, curl_easy_setopt, (CURL* handle, CURLoption option, long value
         static_cast<CURLcode>(error), (handle, option, value), option, value)
 WRAP(CURLcode, curl_easy_perform, (CURL* handle), static_cast<CURLcode>(error), (handle))
 WRAP(sighandler_t, signal, (int number, sighandler_t handler), SIG_ERR, (number, handler))
+WRAP(uid_t, geteuid, (), static_cast<uid_t>(error), ())
+WRAP(gid_t, getegid, (), static_cast<gid_t>(error), ())
 WATCHED(int, usleep, (useconds_t pause), -1, (cut_pause(pause)), pause, 0)
 // clang-format on
 

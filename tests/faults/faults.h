@@ -15,11 +15,12 @@
 
 struct Faults {
     // clang-format off
-    static constexpr std::array<std::string_view, 25> FUNCTIONS = {
+    static constexpr std::array<std::string_view, 27> FUNCTIONS = {
         "open", "write", "fsync", "stat", "rename", "remove", "mkdir", "chown", "opendir",
         "access", "socket", "bind", "fcntl", "poll", "recvfrom", "pthread_create",
         "pthread_mutex_init", "asprintf", "curl_global_init", "curl_easy_init",
-        "curl_easy_setopt", "curl_easy_perform", "signal", "usleep", "allocation"};
+        "curl_easy_setopt", "curl_easy_perform", "signal", "usleep", "geteuid", "getegid",
+        "allocation"};
     // clang-format on
     static constexpr int SHORT_COUNT = -1;  // as an error of write(): writes half of the bytes
 
@@ -35,7 +36,8 @@ struct Faults {
     static Faults& self();
 
     // Makes the n-th next call of the function fail with the error: an errno, or the result of
-    // pthread_*, or the CURLcode of curl_easy_*. With onwards, all later calls fail too.
+    // pthread_*, the CURLcode of curl_easy_*, or the id that gete*id() returns. With onwards, all
+    // later calls fail too.
     void arm(std::string_view function, int n, int error, bool onwards = false);
     void disarm();  // for all functions
     // Number of calls since then.

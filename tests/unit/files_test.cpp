@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <sstream>
+#include <utility>
 
 #include "files/file_object.h"
 #include "log/guarded.h"
@@ -74,6 +75,14 @@ TEST(FileObject, ReportsEveryEventAndNamesArchivesApart)
         if (function == "chown")
             owned += reinterpret_cast<const char*>(path) + (' ' + std::to_string(owner));
     });
+    for (const int ids : {500500, 500001, 1500}) {  // user and group that create the directory
+        faults.arm("geteuid", 1, ids / 1000);
+        faults.arm("getegid", 1, ids % 1000);
+        const std::string path = dir / std::to_string(ids);
+        (void)FileObject(nullptr, 0, path, "F", ".txt", 20, 2);
+        EXPECT_EQ(ids == 500500 ? "" : path + "/ 500500", std::exchange(owned, ""));
+    }
+    LogCapture::take();
     {
         FileObject file("header\n", 7, dir / "new", "F", ".txt", 20, 2);
         EXPECT_EQ(0744, mode_of(dir / "new"));

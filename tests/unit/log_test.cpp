@@ -57,6 +57,12 @@ TEST(Logger, FiltersAndLaysOutLines)
     EXPECT_EQ(6U, count(lines, "Nov-14 22:13:20.250  "));
     EXPECT_EQ("[UNKNOWN] t\n[ERROR] t\n [WARN] t\n [INFO] t\n[TRACE] t\n[DEBUG] t\n",
               LogCapture::bare(lines));
+    EXPECT_EQ(0U, count(printed([] {  // only a file gets the note
+                            DBG->Log(DBG_ERROR, std::string(102401, 'm'));
+                            DBG->Log(DBG_ERROR, "lost");
+                            DBG->dbg_write_file(false, false);
+                        }),
+                        "OVERFLOW"));
 }
 
 // The log in a directory of the test, with a writer thread that exits immediately.
