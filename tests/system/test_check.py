@@ -188,6 +188,9 @@ def test_post_has_the_environment_of_the_service(write, unit, web, monkeypatch):
     unit(f"Environment=A=b http_proxy={proxy}")
     assert "note: the post succeeded; the server answers 200: {}" in check(config, "--post")[1][-2]
     assert web.requests[0][0] == "http://server.invalid/x"
+    assert "IPAddressDeny" not in str(check(config, "--post"))
+    unit(f"IPAddressDeny=0.0.0.0/0 ::/0\nIPAddressAllow=127.0.0.0/8\nEnvironment=http_proxy={proxy}")
+    assert "note: IPAddressDeny in the service's unit blocks the daemon, but not this post" in str(check(config, "--post"))
     monkeypatch.setenv("http_proxy", proxy)
     unit("Environment=")
     assert "code 6" in check(config, "--post")[1][-2]

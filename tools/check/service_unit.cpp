@@ -15,7 +15,7 @@ namespace {
 constexpr const char* COMMAND =
     "systemctl show voxstat.service -p User -p ReadWritePaths -p ReadOnlyPaths "
     "-p InaccessiblePaths -p ProtectSystem -p ProtectHome -p StateDirectory -p AmbientCapabilities "
-    "-p PrivateTmp -p MainPID -p Environment";
+    "-p PrivateTmp -p MainPID -p Environment -p IPAddressDeny -p IPAddressAllow";
 
 bool is_at_or_below(const std::string& path, std::string place)
 {
@@ -121,6 +121,11 @@ bool ServiceUnit::may_bind_low_ports() const
     const std::vector<std::string> capabilities = words("AmbientCapabilities");
     return std::find(capabilities.begin(), capabilities.end(), "cap_net_bind_service") !=
            capabilities.end();
+}
+
+bool ServiceUnit::restricts_addresses() const
+{
+    return !words("IPAddressDeny").empty();
 }
 
 std::optional<Process> ServiceUnit::main_process() const

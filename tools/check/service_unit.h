@@ -29,6 +29,9 @@ public:
     // Whether the service may open ports below 1024.
     bool may_bind_low_ports() const;
 
+    // Whether the service may only reach the addresses in IPAddressAllow.
+    bool restricts_addresses() const;
+
     bool is_installed() const { return !_properties.empty(); }
 
     // Its daemon, if it is running.

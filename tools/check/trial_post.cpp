@@ -187,6 +187,10 @@ void post_once(const Settings& settings, const std::string& serial_number, const
     }
     if (service.daemon || service.unit.is_installed())
         use_environment(service, line, findings);
+    if (service.unit.restricts_addresses())
+        findings.note(line,
+                      "IPAddressDeny in the service's unit blocks the daemon, but not this post: "
+                      "make sure that IPAddressAllow contains the server and the name servers");
     const std::string pair = service_line(min_loss_packet, serial_number) +
                              std::string(json_frame::SEPARATOR) +
                              service_line(max_loss_packet, serial_number);
