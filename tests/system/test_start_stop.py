@@ -53,9 +53,11 @@ def test_port_that_is_taken(start, tmp_path):
                             "[ERROR] Caught an exception: NetReceiver() fatal error..."]
 
 
-def test_further_signals_change_nothing(start, tmp_path, web):
+def test_threads_and_further_signals(start, tmp_path, web):
     (tmp_path / "sn").write_text("number: 5\n")
     daemon = start(tmp_path, elastic_url=web.url, log__default=2)
+    assert {path.read_text().strip() for path in Path(f"/proc/{daemon.process.pid}/task").glob("*/comm")} == {
+        "voxstat", "QoS_SimpleLogge", "QoS_FileLogger", *(f"QoS_Web_{number}" for number in range(5))}
     web.speaks.clear()
     for workers in (1, 2):      # the stop waits for the answers to both
         daemon.send(*[report()] * 99)   # more than the size of a batch

@@ -1,9 +1,7 @@
 // The main loop, pass by pass; datagrams arrive while it waits.
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <regex>
-#include <set>
 
 #include "app/main_loop.h"
 #include "log/simple_logger.h"
@@ -106,33 +104,4 @@ TEST(MainLoop, HandsOnWhatComes)
     loop.start();
     EXPECT_EQ("", handed_on());
     EXPECT_EQ(-1, min_loss_packet(nullptr));
-}
-
-TEST(MainLoop, ItsThreadsHaveTheirNames)
-{
-    const TempDir dir;
-    ConfigFile config = config_of("elastic_url=http://127.0.0.1:1/\nqos_stat_dir=" + dir.path);
-    std::mutex mutex;
-    std::set<std::string> names;
-    const std::set<std::string> expected = {"QoS_SimpleLogge", "QoS_FileLogger", "QoS_Web_0",
-                                            "QoS_Web_1",       "QoS_Web_2",      "QoS_Web_3",
-                                            "QoS_Web_4"};
-    Faults::set_watch([&](std::string_view function, long /*unused*/, long /*unused*/) {
-        std::array<char, 16> name{};
-        pthread_getname_np(pthread_self(), name.data(), name.size());
-        const std::lock_guard lock(mutex);
-        if (function == "usleep" && std::string_view(name.data()).starts_with("QoS_"))
-            names.insert(name.data());
-        if (function == "poll")
-            MainLoop::stop();
-    });
-    faults.any_port = true;
-    DBG->init(&config);
-    MainLoop loop(&config);
-    EXPECT_TRUE(eventually([&] {
-        const std::lock_guard lock(mutex);
-        return names == expected;
-    }));
-    loop.start();
-    DBG->dbg_stop();
 }
