@@ -1,5 +1,4 @@
 """The fleet's store: two nodes and the gateway on loopback, with real daemons."""
-import contextlib
 import csv
 import json
 import re
@@ -7,14 +6,13 @@ import shutil
 import subprocess
 import sys
 import time
-import urllib.request
 from pathlib import Path
 
 import pytest
 from conftest import BUILD, ROOT, batch, expected, line, report, wait_for
 
 sys.path.insert(0, str(ROOT / "fleet"))
-from loopback_fleet import Fleet, free_port, run, running_fleet  # noqa: E402, F401
+from loopback_fleet import running_fleet  # noqa: E402, F401
 
 pytestmark = pytest.mark.skipif(not all(Path("/usr/sbin", name).exists() for name in ("clickhouse-server", "nginx")),
                                 reason="no clickhouse-server or no nginx")
@@ -254,23 +252,6 @@ def test_metrics(fleet):
         (fleet.directory / "test.yml").write_text(expected("fleet_alerts_test.yml"))
         told = subprocess.run(["promtool", *words], input=given, capture_output=True, text=True)
         assert told.returncode == 0, told
-    (fleet.directory / "prometheus.yml").write_text(f"""
-rule_files: [alerts.yml]
-scrape_configs:
-  - job_name: voxstat-fleet
-    scrape_interval: 1s
-    basic_auth: {{username: monitor, password: {fleet.passwords["monitor"]}}}
-    static_configs: [{{targets: ["127.0.0.1:{fleet.http}"]}}]
-""")
-    port = free_port()
-    with run(["prometheus", "--config.file=prometheus.yml", f"--storage.tsdb.path={fleet.directory}/tsdb",
-              f"--web.listen-address=127.0.0.1:{port}"], fleet.directory) as prometheus:
-        def sample():
-            with contextlib.suppress(OSError), urllib.request.urlopen(
-                    f"http://127.0.0.1:{port}/api/v1/query?query=voxstat_fleet_units_silent") as answer:
-                return json.load(answer)["data"]["result"]
-        assert wait_for(sample, 30, "for a scrape")[0]["value"][1] == "1"
-        prometheus.terminate()
 
 
 def test_over_tls(fleet, start):
