@@ -41,6 +41,10 @@ def expected(name):
     return (ROOT / "tests/system/data" / name).read_text()
 
 
+def sysctl(name):
+    return int(Path("/proc/sys", name).read_text())
+
+
 # --- the formats --------------------------------------------------------------------------------
 
 HEADERS = {

@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import BUILD, expected, free_port, report, wait_for
+from conftest import BUILD, expected, free_port, report, sysctl, wait_for
 
 SELF = pwd.getpwuid(os.geteuid()).pw_name
 USER = "nobody" if SELF == "root" else SELF
@@ -17,10 +17,6 @@ GROUP = grp.getgrgid(pwd.getpwnam(USER).pw_gid).gr_name
 MOUNTS = subprocess.run(["unshare", "--mount", "true"], capture_output=True).returncode == 0
 NO_MOUNTS = "no right to mount"
 CASES = expected("findings.cfg").split("\n\n")[1:]
-
-
-def sysctl(name):
-    return int(Path("/proc/sys", name).read_text())
 
 
 def check(config, *options, user=USER, first=""):

@@ -12,7 +12,7 @@ import time
 
 import pytest
 from conftest import batch, wait_for
-from test_fleet import Fleet, call, fleet, post, pytestmark  # noqa: F401
+from test_fleet import call, fleet, post, pytestmark, running_fleet  # noqa: F401
 
 SPOOL = "node*/data/data/fleet/lines/*"
 
@@ -129,9 +129,7 @@ FAULTS = [  # shards, replicas, fault of the last node; maximum of refused posts
 @pytest.mark.parametrize("shards, replicas, fault, refused, failed, seconds", FAULTS)
 def test_no_acknowledged_line_is_lost(tmp_path, shards, replicas, fault, refused, failed, seconds):
     """A delivery that a kill interrupts may be stored and repeated; the engine can remove the duplicates."""
-    store = Fleet(tmp_path / "fleet", shards=shards, replicas=replicas)
-    try:
-        store.start()
+    with running_fleet(tmp_path / "fleet", shards=shards, replicas=replicas) as store:
         with Traffic(store) as traffic:
             fault(traffic, store.nodes[-1])
         lost, _ = traffic.settle(replicas)
@@ -141,8 +139,6 @@ def test_no_acknowledged_line_is_lost(tmp_path, shards, replicas, fault, refused
         assert max(taken for _, taken in traffic.queries) < seconds
         rows = sum(int(deduplicate(engine).split()[0]) for engine in store.nodes)
         assert len(traffic.accepted) * replicas <= rows <= (len(traffic.accepted) + 5 * refused) * replicas
-    finally:
-        store.stop()
 
 
 EIGHT = "serial,name,site\n" + "".join(f"U{number},,\n" for number in range(8))
@@ -167,9 +163,7 @@ def missing(store):
 @pytest.mark.long
 def test_a_replica_is_rebuilt(tmp_path):
     """As in docs/fleet.md: an empty node gets the spool files that wait for it, and the rest from the other replica."""
-    store = Fleet(tmp_path / "fleet", shards=1, replicas=2)
-    try:
-        store.start()
+    with running_fleet(tmp_path / "fleet", shards=1, replicas=2) as store:
         twin, lost = store.nodes
         with Traffic(store) as traffic:
             traffic.more()
@@ -191,30 +185,26 @@ def test_a_replica_is_rebuilt(tmp_path):
         assert gone <= 2 * 125
         assert deduplicate(twin) == deduplicate(lost)
         assert len(traffic.accepted) - gone / 2 <= int(deduplicate(lost).split()[0])
-    finally:
-        store.stop()
 
 
 @pytest.mark.long
 def test_a_full_disk(tmp_path):
     """The node refuses batches while it can still store them, and the gateway gives them to another."""
-    store = Fleet(tmp_path / "fleet", shards=1, replicas=2)
-    data = store.nodes[1].directory / "data"
+    data = tmp_path / "fleet/node1/data"
     data.mkdir(parents=True)
     if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=700m", "fleet", data], capture_output=True).returncode != 0:
         pytest.skip("no right to mount")
     try:
-        store.start()
-        with Traffic(store) as traffic:
-            with open(data / "fill", "wb") as file:
-                os.posix_fallocate(file.fileno(), 0, 300_000_000)
-            wait_for(lambda: refuses(store.nodes[1]), 30, "for the node to refuse")
-            traffic.more(500)
-            (data / "fill").unlink()
-            traffic.more(100)
-        assert traffic.settle(2)[0] == 0 and set(traffic.posts) == {200}
+        with running_fleet(tmp_path / "fleet", shards=1, replicas=2) as store:
+            with Traffic(store) as traffic:
+                with open(data / "fill", "wb") as file:
+                    os.posix_fallocate(file.fileno(), 0, 300_000_000)
+                wait_for(lambda: refuses(store.nodes[1]), 30, "for the node to refuse")
+                traffic.more(500)
+                (data / "fill").unlink()
+                traffic.more(100)
+            assert traffic.settle(2)[0] == 0 and set(traffic.posts) == {200}
     finally:
-        store.stop()
         subprocess.run(["umount", data], check=True)
 
 

@@ -11,7 +11,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import BUILD, PCAP_HEADER, ROOT, expected, free_port, pcap_record, report, voice_record, wait_for
+from conftest import BUILD, PCAP_HEADER, ROOT, expected, free_port, pcap_record, report, sysctl, voice_record, wait_for
 
 CHECK = BUILD / "tools/check/voxstat-check"
 SELF = pwd.getpwuid(os.geteuid()).pw_name
@@ -42,10 +42,6 @@ LOSSES = [      # a message as in voxstat(8), with 400 for each N; its level; th
 ONE_REPORT = " WebClient OVERFLOW\n"
 NOT_LOSSES = ["WARN ignoring unknown key: QoS WRITE OVERFLOW: 7", "DEBUG QoS WRITE OVERFLOW: 7",
               "TRACE HTTP/1.1 399 OK", "WARN HTTP/1.1 500", "INFO Failed to open /x"]
-
-
-def sysctl(name):
-    return int(Path("/proc/sys", name).read_text())
 
 
 def check(daemon, *options, within=()):
