@@ -27,8 +27,9 @@ def check(config, *options, user=USER, first=""):
                          capture_output=True, text=True, timeout=60, cwd=config.parent)
     assert run.stderr == ""
     text = re.sub(rf"^{config}: ?", "", run.stdout, flags=re.M).replace(str(config.parent), "DIR")
-    text = re.sub(rf"(user|chown|-o) {user}\b|(chgrp) {GROUP}\b", lambda found: f"{found[1] or found[2]} USER", re.sub(r"\d+ MiB", "N MiB", text))
-    text = re.sub("(URL: )[^;]*", r"\1WHY", text)
+    for found, shown in ((r"\d+ MiB", "N MiB"), (rf"(user|chown|-o) {user}\b", r"\1 USER"),
+                         (rf"chgrp {GROUP}\b", "chgrp USER"), ("(URL: )[^;]*", r"\1WHY")):
+        text = re.sub(found, shown, text)
     return run.returncode, text.splitlines()
 
 
@@ -75,7 +76,8 @@ def test_findings(write, case):
     assert status == (2 if "error: " in text else 1 if "warning: " in text else 0)
     assert (summary == "no problems found") == (status == 0)
     for finding in filter(COMMAND.search, findings if SELF == "root" else ()):
-        command = COMMAND.search(finding)[1].replace("chgrp USER", f"chgrp {GROUP}").replace("USER", USER).replace("DIR", str(config.parent))
+        command = COMMAND.search(finding)[1].replace("DIR", str(config.parent))
+        command = command.replace("chgrp USER", f"chgrp {GROUP}").replace("USER", USER)
         subprocess.run(command, shell=True, check=True)
         assert finding not in check(config)[1]
 
@@ -103,7 +105,8 @@ def test_what_keeps_the_daemon_from_starting(write):
 
 
 STRICT = "ProtectSystem=strict\nReadWritePaths=-/var/log/current "
-DENIED = "error: the service's unit does not let it {} DIR/stat/; run systemctl edit voxstat, add [Service] ReadWritePaths=DIR/stat/, and restart it"
+DENIED = ("error: the service's unit does not let it {} DIR/stat/; run systemctl edit voxstat, add [Service] "
+          "ReadWritePaths=DIR/stat/, and restart it")
 UNITS = [   # case, properties of the unit, commands to run first, lines of the configuration, findings
     ("not allowed", STRICT, "", ["qos_stat_dir = DIR/stat"], [DENIED.format("write to")]),
     ("allowed", STRICT + "DIR/stat", "", ["qos_stat_dir = DIR/stat"], []),
@@ -113,23 +116,24 @@ UNITS = [   # case, properties of the unit, commands to run first, lines of the 
     ("a link leads out", STRICT + "DIR/in", "mkdir in; ln -s ../stat in/link", ["qos_stat_dir = DIR/in/link"],
      [DENIED.format("write to").replace("/stat", "/in/link")]),
     ("missing too", STRICT, "rmdir stat", ["qos_stat_dir = DIR/stat"], [
-        "warning: DIR/stat/ does not exist; the daemon would create it with mode 0744, so no other user could enter it; "
-        "create it: install -d -o USER -m 750 DIR/stat/", DENIED.format("write to")]),
+        "warning: DIR/stat/ does not exist; the daemon would create it with mode 0744, so no other user could enter "
+        "it; create it: install -d -o USER -m 750 DIR/stat/", DENIED.format("write to")]),
     ("only ProtectHome protects /home", "ProtectSystem=strict\nProtectHome=no", "", ["qos_stat_dir = /home"], [
-        "error: /home/ cannot be written by the user USER: Permission denied; chown USER /home/ && chmod 750 /home/ if only "
-        "the daemon uses it, otherwise name another directory"]),
+        "error: /home/ cannot be written by the user USER: Permission denied; chown USER /home/ && chmod 750 /home/ if "
+        "only the daemon uses it, otherwise name another directory"]),
     ("relative", STRICT, "", ["qos_stat_dir = stat"], [
         "warning: qos_stat_dir = stat depends on the directory in which the daemon starts; write a path that starts "
         "with '/'"]),
     ("hidden", "InaccessiblePaths=-DIR/stat", "", ["qos_stat_dir = DIR/stat"], [DENIED.format("see")]),
-    ("hidden serial number", "InaccessiblePaths=DIR/own", "mkdir -m 777 own; cp sn own", ["sn_file_path = DIR/own/sn"], [
+    ("hidden serial number", "InaccessiblePaths=DIR/own", "mkdir -m 777 own; cp sn own",
+     ["sn_file_path = DIR/own/sn"], [
         "warning: DIR/own/sn cannot be read by the user USER: Permission denied, so reports without a serial number of "
         "their own get 0; the service's unit hides it; set sn_file_path to a file elsewhere, or run "
         "systemctl edit voxstat, add [Service] ProtectHome=read-only, and restart it"]),
     ("low port", "AmbientCapabilities=cap_net_bind_service", "", ["qos_port = 1"], []),
     ("private /tmp", "PrivateTmp=yes", "", ["qos_stat_dir = DIR/stat"], [
-        "warning: the packaged service has a private /tmp and /var/tmp, which are deleted when it stops; name a directory "
-        "elsewhere"]),
+        "warning: the packaged service has a private /tmp and /var/tmp, which are deleted when it stops; name a "
+        "directory elsewhere"]),
 ]
 
 
@@ -169,8 +173,8 @@ def test_view_of_the_daemon(start, unit):
     daemon.send(report())
     wait_for(lambda: daemon.read("QoS_Stat.txt"), what="for the file")
     other = start(serial="ABC12", qos_stat_dir=daemon.stat)
-    twice = (f": error: another daemon, process {daemon.process.pid}, also writes {stat}/QoS_Stat.txt; give each daemon "
-             "its own directory")
+    twice = (f": error: another daemon, process {daemon.process.pid}, also writes {stat}/QoS_Stat.txt; give each "
+             "daemon its own directory")
     assert twice in "\n".join(check(other.directory / "voxstat.cfg", user=SELF)[1])
     other.stop()
     unit("MainPID=0")

@@ -22,7 +22,7 @@ def test_manual_explains_every_message():
     texts = []
     for path in paths:
         code = re.sub(r"//.*|#include.*|R\"\(.*?\)\"|(?:sizeof|throw) \".*?\"", "", path.read_text())
-        for level, literal in re.findall(SAID, re.sub(r'"\s*\n\s*"', "", code)):     # a string may continue in the next line
+        for level, literal in re.findall(SAID, re.sub(r'"\s*\n\s*"', "", code)):     # a string may span lines
             text = re.sub(r"\bSIG[A-Z]+", "SIGNAL", re.sub("CURLOPT_[A-Z]+", "OPTION", literal[1:-1]))
             texts.append((level, text.replace(r"\n", " ").strip()))
     texts = [(level, text) for level, text in texts

@@ -334,4 +334,5 @@ def test_ten_allocations_in_a_row():
 
 @pytest.mark.long
 def test_all_calls_from_one_on():
-    sweep([kind for kind in KINDS if kind[0] != "signal"], onwards=True)    # without its handlers, it could not be stopped
+    # Without its signal handlers, the daemon could not be stopped.
+    sweep([kind for kind in KINDS if kind[0] != "signal"], onwards=True)

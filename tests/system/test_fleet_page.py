@@ -28,7 +28,7 @@ PERIOD_S, DAY_S, LATE_S = 900, 86400, 2520
 
 
 class Store:
-    """Serves the recorded answers. faults[query], or faults[""] for all, is a (status, text) or an event to wait for."""
+    """Serves the recorded answers. faults[query], or faults[""] for all, is (status, text) or an event to wait for."""
 
     def __init__(self):
         self.answers, self.faults, self.asked = json.loads(RECORDED.read_text()), {}, []

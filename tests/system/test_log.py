@@ -25,8 +25,9 @@ RUNS = {    # log.default, log.network and log.http, the levels they result in, 
 def test_whole_run(start, web, settings, levels, reporting, number):
     default, network, http = settings
     serial = "77" if reporting else None
-    daemon = start(serial=serial, elastic_url=web.url if reporting else None, log__default=default, log__network=network,
-                   log__http=http, launch=["env", "--block-signal=TERM,INT,QUIT"])      # as a parent process may set them
+    daemon = start(serial=serial, elastic_url=web.url if reporting else None, log__default=default,
+                   log__network=network, log__http=http,
+                   launch=["env", "--block-signal=TERM,INT,QUIT"])      # as a parent process may set them
     assert not list(daemon.stat.iterdir())      # a file is created when there is something to write
     daemon.send(FIRST)
     wait_for(lambda: daemon.text(NAME) == HEADERS[NAME] + line("QOS_EOS_NEAREND", RTCP_CNAME="x", SERIAL_NUM=serial))

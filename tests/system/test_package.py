@@ -18,7 +18,7 @@ def test_unit():
                           text=True).stdout
     assert float(re.search(r"exposure level for .*: ([\d.]+)", told)[1]) <= 1.3
     assert "\nExecStartPre=-/usr/sbin/voxstat-check " in UNIT.read_text()     # "-": never prevents a start
-    assert int(re.search(r"^TimeoutStopSec=(\d+)", UNIT.read_text(), re.M)[1]) > 60     # longer than the main loop waits
+    assert int(re.search(r"^TimeoutStopSec=(\d+)", UNIT.read_text(), re.M)[1]) > 60     # the main loop's wait
 
 
 def package(*options):

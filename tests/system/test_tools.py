@@ -21,7 +21,7 @@ def run(tool, *options, **keywords):
 
 @pytest.mark.parametrize("tool, options, said", [
     ("voxstat-sim", "--port=0", 'voxstat-sim: invalid value "0" for --port; see --help'),
-    ("voxstat-sim", "--load=eos --first=4294967295 --count=2", 
+    ("voxstat-sim", "--load=eos --first=4294967295 --count=2",
      "voxstat-sim: the last number is greater than 4294967295; see --help"),
     ("voxstat-sim", "--load=eos --calls=1", "voxstat-sim: --calls cannot be combined with --load; see --help"),
     ("voxstat-sim", "--bad=7", "voxstat-sim: --bad 7 is more than --calls 6; see --help"),
@@ -192,8 +192,8 @@ def test_list_estimates_quality(plot):
     """The worst call first, equally bad ones by name. The values are computed by hand from the formula."""
     with open(ROOT / "tests/system/data/speech_quality.csv", encoding="ascii") as table:
         quality = list(csv.DictReader(table))
-    text = "".join(call(row["call"], "QOS_NEAREND", 0, *(float(row[key]) for key in FIGURES)) + call(row["call"], seconds=5)
-                   for row in quality)
+    text = "".join(call(row["call"], "QOS_NEAREND", 0, *(float(row[key]) for key in FIGURES))
+                   + call(row["call"], seconds=5) for row in quality)
     worst = "deaf nearzero tail burst slow pastknee knee typical perfect".split()
     quality.sort(key=lambda row: worst.index(row["call"]))
     for options, kind in (([], ""), (["--no-plc"], "_no_plc")):
@@ -226,7 +226,8 @@ def test_choices_over_several_files(plot, options, calls):
 
 def test_list_shows_hostile_texts(plot):
     """The daemon cuts and aligns bytes, so half a character may remain; the table aligns the visible width."""
-    rows = {"Zoë 電": "Zoë 電", "\x1b[31m\x07": r"\x1b[31m\x07", "sechs äöü": r"sechs ä\xc3", "\u202eabc\u009b": r"\u202eabc\u009b"}
+    rows = {"Zoë 電": "Zoë 電", "\x1b[31m\x07": r"\x1b[31m\x07", "sechs äöü": r"sechs ä\xc3",
+            "\u202eabc\u009b": r"\u202eabc\u009b"}
     files = {f"a{number}": call(name.encode().decode("latin-1")) for number, name in enumerate(rows)}
     table = [row[:row.index("2.1")] for row in plot("--list", **files).stdout.splitlines()[1:-1]]
     assert sorted(map(str.strip, table)) == sorted(rows.values())
