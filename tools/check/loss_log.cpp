@@ -39,7 +39,7 @@ constexpr Message MESSAGES[] = {
     {"TRACE", "HTTP/", REFUSALS, "batches_refused", "batches that the server refused",
      "voxstat-check --post shows why; the statistics file contains the reports"},
     {"ERROR", "Failed to open ", LINES, "blocks_unopened",
-     "blocks of a file that could not be opened", "correct its directory or owner"},
+     "blocks of a file that could not be opened", "free space, or correct its directory or owner"},
     {"ERROR", "Failed to retrieve file size of ", LINES, nullptr, nullptr, nullptr},
     {"ERROR", "Failed to write header to the ", LINES, nullptr, nullptr, nullptr},
     {"DEBUG", " on writing to file ", LINES, "blocks_unwritten", "blocks that could not be written",
