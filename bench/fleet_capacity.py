@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Measures the capacity of a fleet's store on this machine, with the load generator (wrk) on the same machine.
 
-First, posts batches of 1, 10 and 65 lines as fast as they are answered, directly to a node and through the gateway,
-with one and with two nodes on loopback. Then runs the page's queries on ten million reports. Finally, measures the
-time from a datagram that a daemon receives to its row in the store. docs/fleet.md explains the figures.
+Posts batches of 1, 10 and 65 lines as fast as they are answered, directly to a node and through the gateway, to one
+node, two shards and two replicas on loopback. On the one node, also runs the page's queries on ten million reports,
+and measures the time from a datagram that a daemon receives to its row in the store. docs/fleet.md explains the
+figures.
 
 TMPDIR selects the file system. Each batch is a file, so a file system that creates files slowly makes the store slow.
 """
@@ -52,7 +53,12 @@ def processor_seconds(process):
     return sum(int(stat[11]) + int(stat[12]) for stat in stats) / os.sysconf("SC_CLK_TCK")
 
 
-def batches_per_second(store, lines, through_gateway):
+def rows(store):
+    """The number of reports in the store, with the copies on replicas."""
+    return sum(int(node.sql("SELECT count() FROM fleet.reports_shard")) for node in store.nodes)
+
+
+def batches_per_second(store, replicas, lines, through_gateway):
     stamp = time.strftime("%Y-%b-%d %H:%M:%S.123 +0000", time.gmtime())
     (store.directory / "body").write_text("[\n" + ",\n".join(LINE % (stamp, row) for row in range(lines)) + "\n]")
     (store.directory / "wrk.lua").write_text(SCRIPT % (
@@ -65,20 +71,21 @@ def batches_per_second(store, lines, through_gateway):
         script = store.directory / "wrk.lua"
         script.write_text(script.read_text().replace("Authorization", "X-None"))
     processes = [store.gateway, *(engine.process for engine in store.nodes)]
-    rows, used = store.count("reports"), sum(map(processor_seconds, processes))
+    before, used = rows(store), sum(map(processor_seconds, processes))
     output = subprocess.run(["wrk", "-t1", "-c64", f"-d{SECONDS}", "--timeout", "20",
                              "-s", store.directory / "wrk.lua", url], check=True, capture_output=True, text=True).stdout
     requests = int(re.search(r"(\d+) requests in", output)[1])
     refused = int((re.search(r"Non-2xx or 3xx responses: (\d+)", output) or [0, 0])[1])
     begin = time.monotonic()
-    wait_for(lambda: store.count("reports") >= rows + lines * (requests - refused), 120, "the rows")
+    wait_for(lambda: rows(store) >= before + replicas * lines * (requests - refused), 120, "the rows")
     late = time.monotonic() - begin
-    reports = store.count("reports") - rows
+    reports = (rows(store) - before) / replicas
     used = sum(map(processor_seconds, processes)) - used
     rate = reports / lines / (SECONDS + late)      # counts what was stored, not what was answered
-    print(f"{len(store.nodes)} shards, {'gateway' if through_gateway else 'direct':7}, {lines:2} lines: "
-          f"{rate:6.0f} batches/s, {1000 * used / reports * 1000:6.2f} ms of CPU time for 1,000 reports, "
-          f"{refused} refused, stored {late:.1f} s after the last answer"
+    print(f"{len(store.nodes) // replicas} shards, {replicas} replicas, "
+          f"{'gateway' if through_gateway else 'direct':7}, {lines:2} lines: {rate:6.0f} batches/s, "
+          f"{1000 * used / reports * 1000:6.2f} ms of CPU time for 1,000 reports, {refused} refused, "
+          f"stored {late:.1f} s after the last answer"
           + (f"; {rate * lines / UNIT_REPORTS_PER_SECOND:.0f} units" if lines == 65 else ""), flush=True)
 
 
@@ -135,13 +142,13 @@ def latency(store):
 
 def main():
     print(f"{os.cpu_count()} cores, load {os.getloadavg()[0]:.1f} before the start")
-    for shards in (1, 2):
+    for shards, replicas in (1, 1), (2, 1), (1, 2):
         with tempfile.TemporaryDirectory(prefix="voxstat.") as name:
-            with running_fleet(name, shards=shards, rate=1000000) as store:
+            with running_fleet(name, shards=shards, replicas=replicas, rate=1000000) as store:
                 for through_gateway in (False, True):
                     for lines in (1, 10, 65):
-                        batches_per_second(store, lines, through_gateway)
-                if shards == 1:
+                        batches_per_second(store, replicas, lines, through_gateway)
+                if len(store.nodes) == 1:
                     for units in (700, 10000):
                         query_times(store, units)
                     latency(store)
