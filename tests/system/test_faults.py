@@ -1,14 +1,14 @@
 """If a system call fails, the daemon reports it, loses little and continues.
 
-In each short life of the daemon one call fails: once, or every time from then on. Each call that can fail gets its
-turn, and so does each allocation. Four things hold in each life:
+In each short run of the daemon, one call fails: once, or every time from then on. There is a run for each call that can
+fail, and for each allocation. In each of them:
 
-- The daemon lives and stops as always, unless it cannot receive; then it says why and ends with status 0.
-- It loses no more than the table below allows, and nothing at all without the message that stands there.
-- What comes after the last failure is whole.
-- Files hold whole records only, older archives stay, and no descriptor is left open.
+- The daemon runs and stops as usual, unless it cannot receive; then it logs the reason and exits with status 0.
+- It loses no more than the table below allows, and nothing without logging the message in the table.
+- It loses nothing that arrives after the last failure.
+- Files contain only complete records, older archives are kept, and no descriptor is left open.
 
-The program is linked with the wrappers of tests/faults, whose switches lie in a file that both share.
+The program is linked with the wrappers of tests/faults, whose switches are in a file that it shares with the test.
 """
 import ctypes
 import errno
@@ -35,9 +35,9 @@ ALL, SHORT_COUNT = 99, -1       # as an error of write(), SHORT_COUNT writes hal
 class Failure(NamedTuple):
     function: str
     error: int
-    says: str | None            # an error, or a text with its level; * is any text. None: no message needed
-    once: tuple = (0, 0)        # how many records and posts may be lost if one call fails,
-    onwards: tuple = (0, 0)     # and if all calls from then on fail; a file's header counts as a record
+    says: str | None            # an error, or a text with its level; * is any text. None: no message is needed
+    once: tuple = (0, 0)        # how many records and posts may be lost if one call fails
+    onwards: tuple = (0, 0)     # the same if all later calls fail too; a file's header counts as a record
     ends: bool = False          # the daemon exits immediately
 
 
@@ -151,7 +151,7 @@ def content(path):
         return b""
 
 
-class Life:
+class FaultyRun:
     """The n-th call of the function fails. With onwards, all later ones fail too, and the log is printed."""
 
     def __init__(self, directory, function, error, n, onwards):
@@ -183,19 +183,19 @@ class Life:
         ends = self.has_ended()
         if not ends:
             for phase in range(1, PHASES + 1):
-                self.live_through(phase)
-            wait_for(self.holds_its_files_only, what="for files to be closed")
+                self.run_phase(phase)
+            wait_for(self.holds_only_its_files, what="for files to be closed")
             self.stop()
         self.daemon.wait()
-        assert ends == any(row.ends for row in self.excuses())
-        assert self.excuses() or not self.has_failed(), "nothing is said"
+        assert ends == any(row.ends for row in self.logged_rows())
+        assert self.logged_rows() or not self.has_failed(), "the failure is not logged"
         assert ends or self.loses_no_more()
-        self.judge_files()
-        self.judge_posts()
+        self.check_files()
+        self.check_posts()
         text = self.output()
-        assert self.cuts_log or "] [0x" not in STAMP.sub("", text), "the log has half a line"
+        assert self.cuts_log or "] [0x" not in STAMP.sub("", text), "the log has an incomplete line"
         ends = r"(Terminating (application|SimpleLogger thread)\.{3}|Failed to open /var/log/current/d\.log)\n+\Z"
-        assert PHASES not in self.afterwards or re.search(ends, text), "the log goes on no longer"
+        assert PHASES not in self.afterwards or re.search(ends, text), "the log does not continue"
 
     def has_ended(self):
         return self.daemon.process.poll() is not None
@@ -203,7 +203,7 @@ class Life:
     def has_failed(self):
         return self.calls.made >= self.n
 
-    def live_through(self, phase):
+    def run_phase(self, phase):
         if self.calls.made >= self.calls.end - 1:
             self.afterwards.append(phase)
         self.daemon.send(report(EVENTS["e"], RTCP_CNAME=f"e{phase}"))
@@ -229,14 +229,14 @@ class Life:
     def output(self):
         return self.daemon.output() + content(self.directory / "root/var/log/current/d.log").decode(errors="replace")
 
-    def excuses(self):
+    def logged_rows(self):
         """The rows of the table whose message is in the log, and the one that needs no message."""
         text = STAMP.sub(r"\1", self.output())
         text = text.replace(str(self.daemon.port), "QOS").replace(str(self.daemon.port + 1), "VOICE")
 
-        def is_said(message):
+        def is_logged(message):
             return re.search(r"^(\[ERROR\] )?" + re.escape(message).replace(r"\*", ".*") + "$", text, re.MULTILINE)
-        return [row for row in self.rows if row.says is None or is_said(row.says)]
+        return [row for row in self.rows if row.says is None or is_logged(row.says)]
 
     def loses_no_more(self, phases=PHASES, summaries=PHASES):
         """Whether the records and posts of this many phases have arrived, except for those that may be lost."""
@@ -246,7 +246,7 @@ class Life:
                    if (kind != "e" or phase <= summaries) and b"".join(texts).count(record(kind, phase)) != 1]
         records += [0 for kind, texts in files.items() for text in texts if not text.startswith(header_of(kind))]
         posts = [phase for phase in range(1, phases + 1) if posted.count(batch([SESSIONS[phase]])[2:-2]) != 1]
-        costs = [row.onwards if self.onwards else row.once for row in self.excuses() if self.has_failed()]
+        costs = [row.onwards if self.onwards else row.once for row in self.logged_rows() if self.has_failed()]
         return all(sum(allowed) >= ALL or (len(lost) <= sum(allowed) and not set(lost) & set(self.afterwards))
                    for lost, allowed in zip((records, posts), zip((0, 0), *costs)))
 
@@ -258,7 +258,7 @@ class Life:
         archives = [path for path in self.stat.glob(f"{stem}_2*.{extension}") if path.name not in (SURPLUS, *OLDER)]
         return [content(path) for path in (*archives, self.stat / FILES_OF[kind]) if path.exists()]
 
-    def judge_files(self):
+    def check_files(self):
         assert all(content(self.stat / name) == name.encode() for name in OLDER)
         for kind in FILES_OF:
             for rest in self.files(kind):
@@ -268,14 +268,14 @@ class Life:
                     rest = rest.strip(b"\n")    # a report without memory for its line leaves an empty line
                 assert not rest or self.calls.error == SHORT_COUNT
 
-    def judge_posts(self):
+    def check_posts(self):
         """They are complete, except for one whose body could not be set."""
         bodies = [(body, re.findall('"message": "(.*)"', body)) for _, _, body in self.web.requests]
         whole = [rows for body, rows in bodies if body == batch(rows)]
         assert {row + "\n" for rows in whole for row in rows if "Service_Packet" not in row} <= {*SESSIONS.values()}
-        assert len(whole) == len(bodies) or any("POSTFIELDS" in (row.says or "") for row in self.excuses())
+        assert len(whole) == len(bodies) or any("POSTFIELDS" in (row.says or "") for row in self.logged_rows())
 
-    def holds_its_files_only(self):
+    def holds_only_its_files(self):
         """Each file is open once, and no deleted file is; a directory is open only while it is read."""
         held = []
         for descriptor in Path(f"/proc/{self.daemon.process.pid}/fd").iterdir():
@@ -298,28 +298,28 @@ def header_of(kind):
 KINDS = list(dict.fromkeys((row.function, row.error) for row in FAILURES))
 
 
-def live(function, error, n, onwards):
+def faulty_run(function, error, n, onwards):
     """The number of calls of each function, and the expected messages of the run."""
     with tempfile.TemporaryDirectory(prefix="voxstat.") as name:
-        life = Life(Path(name), function, error, n, onwards)
+        run = FaultyRun(Path(name), function, error, n, onwards)
         try:
-            life.run()
+            run.run()
         except Exception as reason:
             call = f"{function} ({error}) #{n}{' and on' if onwards else ''}"
-            raise AssertionError(f"{call}:\n{life.output()}") from reason
+            raise AssertionError(f"{call}:\n{run.output()}") from reason
         finally:
-            life.daemon.kill()
-            life.web.close()
-        return {function: life.faults.of(function).made for function in FUNCTIONS}, life.excuses()
+            run.daemon.kill()
+            run.web.close()
+        return {function: run.faults.of(function).made for function in FUNCTIONS}, run.logged_rows()
 
 
 def sweep(kinds, onwards, step=1):
     """One run for each call of these kinds, or for every n-th; several in parallel. Returns the expected messages in
     the order of the runs."""
-    made, _ = live(*KINDS[0], NEVER, onwards)
-    lives = [(function, error, n, onwards) for function, error in kinds for n in range(1, made[function] + 1, step)]
+    made, _ = faulty_run(*KINDS[0], NEVER, onwards)
+    runs = [(function, error, n, onwards) for function, error in kinds for n in range(1, made[function] + 1, step)]
     with ThreadPoolExecutor(8) as pool:
-        return dict.fromkeys(excuse for _, excuses in pool.map(live, *zip(*lives)) for excuse in excuses)
+        return dict.fromkeys(row for _, rows in pool.map(faulty_run, *zip(*runs)) for row in rows)
 
 
 def test_each_call_once():
