@@ -65,7 +65,7 @@ def test_document_has_each_key(document):
     """Compared with the output of voxstat-check --help, which comes from the table of keys."""
     text = subprocess.run([BUILD / "tools/check/voxstat-check", "--help"], capture_output=True, text=True).stdout
     rows = re.findall(r"^  (\S+) +(\S+) +(?:(\d+ (?:to \d+|or more)) )?\([\w. ]+\)$", text, re.M)
-    assert len(rows) == 16
+    assert len(rows) >= 16
     for key, default, bounds in rows:
         value = "" if default == "unset" else default
         form = DOCUMENTS[document].format(key=re.escape(key), default=default, value=value,
