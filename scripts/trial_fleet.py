@@ -82,10 +82,10 @@ def trial(directory, once):
         worst = json.loads(store.query("worst_calls", **period, ms=1)[1])["data"][0]
         show(store, "call", **period, sn=worst["unit"], gcid=worst["call"], tid=worst["terminal"])
         take_picture(store, PICTURE)
-        print(f"\nPicture of the page: {PICTURE}\nThe page itself: {store.url}/ "
-              f"(user viewer, password {store.passwords['viewer']})", flush=True)
+        print(f"\nPicture of the page: {PICTURE}", flush=True)
         if not once:
-            print("Press Ctrl-C to stop.", flush=True)
+            print(f"The page itself: {store.url}/ (user viewer, password {store.passwords['viewer']})\n"
+                  "Press Ctrl-C to stop.", flush=True)
             signal.pause()
 
 
