@@ -21,10 +21,12 @@
 namespace {
 
 constexpr const char* DEFAULT_CONFIG = "voxstat.cfg";
+
 struct StopSignal {
     int number;
     const char* name;
 };
+// SIGHUP keeps its default action and terminates the daemon, as voxstat(8) tells operators.
 constexpr StopSignal STOP_SIGNALS[] = {
     {SIGTERM, "SIGTERM"}, {SIGINT, "SIGINT"}, {SIGQUIT, "SIGQUIT"}};
 

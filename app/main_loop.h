@@ -57,7 +57,7 @@ private:
     std::unique_ptr<NetReceiver> receiver;
     std::unique_ptr<FileLogger> file_logger;
     std::unique_ptr<WebClient> web_client;
-    std::string serial_number;  // empty when unknown
+    std::string serial_number;  // read once, at the start; empty when unknown
 
     // Allocated once for the whole run. A voice datagram needs no further allocation, and a report
     // only those of its two lines, unless a buffer has to grow or a message is logged.

@@ -1,7 +1,8 @@
 // The two UDP sockets on which the voice software delivers its data: QoS reports (text) on one
 // port, voice records on the next port up.
 //
-// Main thread only. Passes datagrams on unchanged and ignores the sender's address.
+// Main thread only. Passes datagrams on unchanged and ignores the sender's address. QoSPacket and
+// VoiceDatagram check the contents.
 // Logs through the group "NET", whose level is log.network.
 #pragma once
 

@@ -25,7 +25,7 @@ public:
     // The targets of its descriptors: paths, and texts like "socket:[4711]". Empty without
     // permission.
     std::vector<std::string> open_files() const;
-    // Whether it has this very file open, whatever its path is called in its own view.
+    // Whether it has this file open, even if it sees the file under another path.
     bool has_open(const std::string& path) const;
 
     // Its environment, as NAME=VALUE; empty without permission.

@@ -46,7 +46,7 @@ public:
     void take(const StatisticsLine& line, double rating);
     std::size_t reports() const { return _reports; }
 
-    // The calls, which it then has no more; equally bad ones in the order of their names.
+    // Returns the calls and forgets them. Equally bad ones are in the order of their names.
     std::vector<Call> worst_first(const Thresholds& thresholds);
 
 private:
