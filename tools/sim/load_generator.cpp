@@ -127,7 +127,7 @@ void LoadGenerator::send_report(std::uint32_t number)
 
     ReportText report;
     report.add("TYPE", eos ? "QOS_EOS_NEAREND" : "QOS_NEAREND");
-    report.add("SSRC", static_cast<long>(number));
+    report.add("SSRC", number);
     report.add("RTCP_CNAME", std::string_view(name, static_cast<std::size_t>(name_length)));
     report.add_time("TIME_STAMP", Clock::now());
     for (std::size_t i = 0; i < (eos ? std::size(FIELDS) : SESSION_FIELDS); i++)

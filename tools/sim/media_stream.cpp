@@ -156,7 +156,7 @@ void MediaStream::add_identity(ReportText& report) const
     report.add("GCID", _call->gcid);
     report.add("TID", _call->tid);
     report.add("FAR_END_IP", dotted(_call->far_end_address));
-    report.add("PORT", static_cast<long>(_call->far_end_port));
-    report.add("SSRC", static_cast<long>(_ssrc));
+    report.add("PORT", _call->far_end_port);
+    report.add("SSRC", _ssrc);
     report.add("RTCP_CNAME", "unit7@" + dotted(UNIT_ADDRESS));
 }
