@@ -16,7 +16,8 @@ namespace {
 constexpr time_t ONE_DAY = 86400;
 constexpr std::streamoff TAIL = 65536;  // bytes; longer than any line
 constexpr std::size_t MILLISECONDS = sizeof ".247 " - 1;
-constexpr std::streamoff DUMP_HEADER = 24;
+constexpr std::streamsize DUMP_HEADER = 24;
+constexpr std::uint32_t SNAPSHOT_LENGTH = 65535;
 constexpr std::uint32_t US_PER_SECOND = 1000000;
 
 // "2026-Nov-24 19:33:53.247 +0000 ..."
@@ -43,24 +44,22 @@ std::optional<time_t> last_in_text(const std::string& path, TimeOfLine time_of)
     return last;
 }
 
-// A dump cannot be searched from its end: only its record headers lead to the next record.
+// A dump cannot be searched from its end: only its record headers lead to the next record. It is
+// read through, because a seek discards what the stream has read ahead.
 std::optional<time_t> last_in_dump(const std::string& path)
 {
     struct {
         std::uint32_t seconds, microseconds, length, length_on_wire;
     } record{};
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
-    const std::streamoff size = file.tellg();
+    std::ifstream file(path, std::ios::binary);
+    file.ignore(DUMP_HEADER);
     std::optional<time_t> last;
-    for (std::streamoff place = DUMP_HEADER;
-         place + static_cast<std::streamoff>(sizeof record) <= size;
-         place += static_cast<std::streamoff>(sizeof record) + record.length) {
-        file.seekg(place);
-        file.read(reinterpret_cast<char*>(&record), sizeof record);
+    while (file.read(reinterpret_cast<char*>(&record), sizeof record)) {
         record.length = le32toh(record.length);
-        if (!file || le32toh(record.microseconds) >= US_PER_SECOND)
+        if (le32toh(record.microseconds) >= US_PER_SECOND || record.length > SNAPSHOT_LENGTH)
             break;  // a block before it was lost
         last = le32toh(record.seconds);
+        file.ignore(record.length);
     }
     return last;
 }
