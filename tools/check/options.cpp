@@ -14,7 +14,7 @@ namespace {
 constexpr const char* PACKAGED_FILE = "/etc/voxstat/voxstat.cfg";
 constexpr int USAGE_STATUS = 2, NAGIOS_USAGE_STATUS = 3;
 constexpr int USER = 'u', POST = 'p', LIVE = 'l', HELP = 'h', VERSION = 'V';
-constexpr long MAX_SINCE = 1000000;  // of its unit
+constexpr time_t MAX_SINCE = 1000000;  // of its unit
 constexpr int FORMAT = 'F', NAGIOS = 'n', SINCE = 's', STATE = 'S';
 
 const option LONG_OPTIONS[] = {{"file", required_argument, nullptr, 'f'},
@@ -89,13 +89,13 @@ Format to_format(const Options& options, const std::string& name)
 }
 
 // "90s", "30m", "24h" or "7d".
-long to_seconds(const Options& options, const std::string& text)
+time_t to_seconds(const Options& options, const std::string& text)
 {
-    static const std::map<char, long> units = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
+    static const std::map<char, time_t> units = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
     const auto unit = units.find(text.empty() ? '\0' : text.back());
-    long number = 0;
+    time_t number = 0;
     if (unit == units.end() ||
-        !to_number(std::string_view(text).substr(0, text.size() - 1), number, 1L, MAX_SINCE))
+        !to_number(std::string_view(text).substr(0, text.size() - 1), number, time_t{1}, MAX_SINCE))
         fail(options, "--since needs a period such as 30m, 24h or 7d, not \"" + text + '"');
     return number * unit->second;
 }

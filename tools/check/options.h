@@ -1,6 +1,7 @@
 // The command line of voxstat-check.
 #pragma once
 
+#include <ctime>
 #include <optional>
 #include <string>
 
@@ -12,7 +13,7 @@ struct Options {
     bool post = false;
     bool live = false;
     Format format = Format::TEXT;
-    std::optional<long> since;         // seconds; without it, losses since the start count
+    std::optional<time_t> since;       // seconds; without it, losses since the start count
     std::optional<std::string> state;  // file that records what the queues have dropped
 
     // Parses the command line. --help and --version print their text and exit with 0. A mistake is

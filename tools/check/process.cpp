@@ -78,7 +78,8 @@ time_t Process::started() const
     std::string word;
     for (int i = 0; i <= START_TIME; i++)
         words >> word;
-    const long ticks = std::atol(word.c_str());  // from the boot to the start of the process
+    // From the boot to the start of the process. Within 249 days they exceed 31 bits.
+    const std::int64_t ticks = std::atoll(word.c_str());
     return (milliseconds(CLOCK_REALTIME) - milliseconds(CLOCK_BOOTTIME) +
             ticks * MS_PER_SECOND / sysconf(_SC_CLK_TCK)) /
            MS_PER_SECOND;

@@ -81,7 +81,7 @@ std::string consequence(const keys::Key& key, int value)
 std::string misreading(const std::string& text, int value)
 {
     char* end = nullptr;
-    const long number = std::strtol(text.c_str(), &end, 10);
+    const long long number = std::strtoll(text.c_str(), &end, 10);
     if (end == text.c_str())
         return "is not a number and counts as 0";
     if (*end != '\0' || number != value)
