@@ -185,7 +185,7 @@ FILES = {      # contents of the files, and the times of their last lines
     "just rotated": ({"QoS_Stat.txt": "header\n", "QoS_Stat_2026-01-31_23-59-59.txt": stat_line(1),
                       "QoS_Stat_2026-02-01_23-59-59.txt": stat_line(2)}, {"QoS_Stat.txt": 1795550520}),
     "dump": ({DUMP: PCAP_HEADER + b"".join(DUMPED)}, {DUMP: 1700000060}),
-    "dump with a lost block": ({DUMP: PCAP_HEADER + DUMPED[0] + b"\xff" * 999 + DUMPED[1]}, {DUMP: 1700000000}),
+    "dump with a lost block": ({DUMP: PCAP_HEADER + DUMPED[0] + b"\xff" * 8 + bytes(991) + DUMPED[1]}, {DUMP: 1700000000}),
     "dump with a length that is none": ({DUMP: PCAP_HEADER + DUMPED[0] + bytes(8) + b"\xff" * 8}, {DUMP: 1700000000}),
     "nothing": ({DUMP: PCAP_HEADER, "QoS_Stat.txt": ""}, {}),
 }
