@@ -100,10 +100,11 @@ TEST(WebClient, SaysHowMuchItPostsWhateverFails)
                                   ") failed...\n"))
             << row.what;
         std::size_t at = 0;
-        for (const std::size_t size : row.posted)
+        for (const std::size_t size : row.posted) {
             at = said.find("Starting http transmission of " + std::to_string(size) + " bytes", at) +
                  1;
-        EXPECT_NE(0U, at) << row.what << said;
+            EXPECT_NE(0U, at) << row.what << said;
+        }
         EXPECT_EQ(
             1U, count(said, "; Bytes Sent=" + std::to_string(row.posted[0] + row.posted[1]) + "\n"))
             << row.what << said;

@@ -129,11 +129,12 @@ void LossLog::add_message(const std::string& level, const std::string& message)
             count += number;
         else if (row.counting == LINES || (row.counting == REFUSALS && is_refusal(rest)))
             count++;
-        else if (row.counting == POSTED_REPORTS &&
-                 level.empty())  // each is printed immediately ...
-            count++, _unsummed++;
-        else if (row.counting == POSTED_REPORTS)  // ... and later their total
+        else if (row.counting == POSTED_REPORTS && level.empty()) {  // printed for each ...
+            count++;
+            _unsummed++;
+        } else if (row.counting == POSTED_REPORTS) {  // ... and later their total
             count += number - std::exchange(_unsummed, 0);
+        }
         return;
     }
 }

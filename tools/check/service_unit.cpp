@@ -138,8 +138,8 @@ std::optional<Process> ServiceUnit::main_process() const
 std::vector<std::string> ServiceUnit::environment() const
 {
     std::vector<std::string> found = words("Environment");
-    for (std::string& setting :
-         found)  // systemd quotes settings with spaces; proxy addresses have none
+    // systemd quotes settings with spaces; proxy addresses have none.
+    for (std::string& setting : found)
         setting.erase(std::remove(setting.begin(), setting.end(), '"'), setting.end());
     return found;
 }

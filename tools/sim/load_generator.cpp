@@ -89,8 +89,8 @@ bool LoadGenerator::run()
 void LoadGenerator::send_all()
 {
     constexpr std::uint64_t NANOSECONDS = 1000000000;
-    constexpr std::uint64_t BURSTS_TO_LOOK_AFTER =
-        256;  // for a signal; without pauses, each look costs time
+    // For a signal. Without pauses, each look costs time.
+    constexpr std::uint64_t BURSTS_TO_LOOK_AFTER = 256;
     Progress progress;
     const Pacer pacer;
     std::uint32_t done = 0;
