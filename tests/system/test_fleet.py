@@ -1,4 +1,5 @@
 """The fleet's store: two nodes and the gateway on loopback, with real daemons."""
+import base64
 import csv
 import json
 import re
@@ -6,6 +7,7 @@ import shutil
 import subprocess
 import sys
 import time
+import urllib.request
 from pathlib import Path
 
 import pytest
@@ -238,6 +240,11 @@ def test_metrics(fleet):
     assert fleet.nodes[0].sql(figures) == (
         "0\t12\t0\n0\t0\t0\n0\t0\t0\n100\t0\t10000000\n")
     wait_for(lambda: fleet.request("/metrics", "monitor")[0] == 200, 30, "for the node's dictionary")
+    for path, user in (("/", "viewer"), ("/query/shards", "viewer"), ("/metrics", "monitor")):
+        login = base64.b64encode(f"{user}:{fleet.passwords[user]}".encode()).decode()
+        request = urllib.request.Request(fleet.url + path, headers={"Authorization": f"Basic {login}"})
+        with urllib.request.urlopen(request, timeout=60) as answer:
+            assert "ClickHouse" not in str(answer.headers), path      # one of its headers has the node's host name
     text = fleet.request("/metrics", "monitor")[1].decode()
     for sample in ("units_expected 3", "units_heard 3", "units_silent 1", "units_unexpected 1", "reports 4", "calls 3",
                    "bad_calls 1", "foreign_batches 3", 'site_loss_percent{site="K\\"ö\\\\ln\\nx"} 50',
