@@ -92,7 +92,8 @@ function showTable(id, columns, rows, caption) {
 function csvText(columns, rows) {
     const quoted = value => `"${String(value).replaceAll('"', '""')}"`;
     const cell = (value, form) => typeof value === "string" ? value.replace(/^[=+\-@\t\r]/, "'$&")
-        : form === delay ? scaled(value) : form?.time && value ? new Date(value * 1000).toISOString() : value;
+        : form === delay ? scaled(value)
+            : form?.time ? value && new Date(value * 1000).toISOString() || "" : value;
     return [columns.map(([, title]) => title),
         ...rows.map(row => columns.map(([key, , form]) => cell(row[key], form)))]
         .map(cells => `${cells.map(quoted).join()}\r\n`).join("");

@@ -226,6 +226,7 @@ def test_the_choice_stands_in_the_address(store, page):
     table = page.csv("silent")
     assert table[1][:5] == ["LATE", "silent for 42 min", "'=1+1", "Bonn",
                             time.strftime("%Y-%m-%dT%H:%M:%S.000Z", time.gmtime(store.now - LATE_S))]
+    assert table[2][4:] == ["", ""]     # a time that the store does not know
     assert len(page.csv("calls")) == 17     # all that the query gave, and the titles
 
 
