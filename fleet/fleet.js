@@ -131,10 +131,9 @@ function showExpected(rows) {
     fillSelect("site", "all", [...new Set(rows.map(row => row.site))].filter(Boolean).map(name => [name, name]));
     fillSelect("unit", "all", rows.filter(row => !site || row.site === site)
         .map(row => [row.unit, `${row.unit} ${row.unit_name}`]));
-    const lost = rows.filter(isMissing), section = element("missing");
-    section.hidden = !down.length;
-    section.querySelector("h2").textContent =
-        `No answer from ${down.flatMap(({nodes}) => nodes).join(", ")}. Missing units: ${number(lost.length)}`;
+    const lost = rows.filter(isMissing);
+    element("missing").hidden = !down.length;
+    countIn("expected", `No answer from ${down.flatMap(({nodes}) => nodes).join(", ")}. Missing units: `, lost.length);
     showTable("missing", [UNIT, ...NAMES], lost, "The page shows no data from these units until their shard answers.");
 }
 
