@@ -15,7 +15,7 @@ std::string quoted(std::string_view text)
         const bool is_valid = length != 0 && length <= text.size();
         if (first == '"' || first == '\\')
             result += '\\';
-        if (!is_valid || (first >= '\0' && first < ' '))
+        if (!is_valid || static_cast<unsigned char>(first) < ' ')
             result += '?';
         else
             result += text.substr(0, length);
