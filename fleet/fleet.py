@@ -251,7 +251,7 @@ def load_on_all(nodes, keys, units):
 def parse_arguments():
     parser = argparse.ArgumentParser(description="Writes the configuration of a fleet's nodes and gateway.")
     parser.add_argument("--home", help="path of DIRECTORY/gateway on the gateway's machine, if different")
-    parser.add_argument("--rate", type=int, help="maximum batches per second from one unit (100)")
+    parser.add_argument("--rate", type=int, help="maximum batches per second from one user and address (100)")
     parser.add_argument("--replicas", type=int, help="number of nodes in each shard (1)")
     parser.add_argument("--ms", type=float,
                         help="for /metrics: milliseconds in one unit of jitter and round-trip time (1)")
