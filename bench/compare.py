@@ -98,6 +98,12 @@ class Program:
         self.load(kind, count, *options)
         return (self.cpu_ns() - before) / (count - self.drops() + dropped)
 
+    def idle_us(self, seconds):
+        """Microseconds of CPU time per second without load."""
+        before = self.cpu_ns()
+        time.sleep(seconds)
+        return (self.cpu_ns() - before) / seconds / 1000
+
 
 def start_on_ports(make_command):
     """Starts the program on free ports."""
@@ -200,10 +206,8 @@ def compare_rest():
             ("files only", ("2", "0"), {}), ("with a server", ("7", "5"), {"elastic_url": "http://127.0.0.1:9/"})):
         with together(Program([BUILD / "bench" / "bare-pool", *arguments]), daemon(**settings)) as (bare, own):
             time.sleep(1)  # right after its start, the program is not idle
-            before = bare.cpu_ns(), own.cpu_ns()
-            seconds = 1 if ONCE else 20
-            time.sleep(seconds)
-            bare_us, own_us = ((p.cpu_ns() - b) / seconds / 1000 for p, b in zip((bare, own), before))
+            turns = [[p.idle_us(1 if ONCE else 2) for p in (bare, own)] for _ in range(ROUNDS)]
+            bare_us, own_us = map(statistics.median, zip(*turns))
             row(f"idle, CPU time per second, {what}, µs", round(bare_us), round(own_us), own_us / bare_us)
             own.load("reports", scaled(25000), *PACED)
             row(f"peak memory under load, {what}, kB", bare.peak_kb(), own.peak_kb(), own.peak_kb() / bare.peak_kb())
