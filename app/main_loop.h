@@ -20,9 +20,9 @@ class ConfigFile;
 
 class MainLoop {
 public:
-    // Builds receiver, file logger and web client and reads the unit's serial number. When a
-    // component cannot be built, logs the reason and exits with status 0. Throws std::bad_alloc.
-    // The configuration must outlive the object.
+    // Builds receiver, file logger and web client and reads the unit's serial number. When a socket
+    // cannot be opened, logs the reason and exits with status 0. Throws std::bad_alloc. The
+    // configuration must outlive the object.
     explicit MainLoop(ConfigFile* main_config);
 
     // Deletes receiver, file logger and web client, in this order.

@@ -43,7 +43,7 @@ public:
     FileLogger& operator=(const FileLogger&) = delete;
 
     // Queues the statistics line of a report, or one pcap record. Returns the bytes queued, 0
-    // when the buffer was full, memory was short or voice dumping is off, -1 for an unknown event.
+    // when the buffer was full, memory was exhausted or the dump is off, -1 for an unknown event.
     // The owner's thread; waits for a write of the same kind that is under way. Never throws.
     int FL_Write(QoSPacket* packet);
     int FL_Write(VoicePacket* packet);

@@ -47,7 +47,7 @@ public:
     // Drops the message silently when the index is not that of a registered group or the level
     // exceeds the group's. Prints it at once as bare text until init() has completed, and for good
     // if init() failed. Otherwise buffers it, or counts it as lost when the buffer is full or
-    // memory is short. After dbg_stop() it still buffers, but nothing is written.
+    // memory is exhausted. After dbg_stop() it still buffers, but nothing is written.
     void Log(int group_index, DbgLevel level, LogPieces pieces) noexcept;
     void Log(int group_index, DbgLevel level, std::string_view text) noexcept
     {

@@ -12,7 +12,7 @@
 
 class Utils {
 public:
-    // Room for any of the texts and the zero byte behind it.
+    // Room for any of the texts and the zero byte after it.
     using Stamp = std::array<char, 128>;
 
     // Local calendar time. A time outside the calendar's range gives that of the epoch.

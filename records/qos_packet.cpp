@@ -13,7 +13,7 @@
 namespace {
 
 // The order of the key table below. A new key takes
-// - a row here and there, and a higher FIELD_COUNT in the header;
+// - a row in both lists, and a higher FIELD_COUNT in the header;
 // - to be shown, a column in the layouts below and in the headers of filelog/file_logger.cpp; then
 //   also in tools/plot/statistics_line.cpp, fleet/schema.sql and fleet/gateway.conf, which take
 //   lines apart, in tests/system/conftest.py, fuzz/fuzz_report.cpp, bench/report_bench.cpp and

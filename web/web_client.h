@@ -39,9 +39,9 @@ public:
     WebClient(const WebClient&) = delete;
     WebClient& operator=(const WebClient&) = delete;
 
-    // Offers one report for the next batch. Returns the bytes added to the buffer, or 0 when it
-    // is off, the report is a session summary or has no line, the buffer is full or memory
-    // is short. Never throws. Main thread.
+    // Offers one report for the next batch. Returns the bytes added to the buffer, or 0 when
+    // reporting is off, the report is a session summary or has no line, the buffer is full or
+    // memory is exhausted. Never throws. Main thread.
     int WC_Write(QoSPacket* packet);
 
     // Stops the workers, after their current transfers. May be called again. Main thread.

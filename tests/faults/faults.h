@@ -1,6 +1,6 @@
 // Makes C-library calls fail on demand, and sets the clock, the ports and the directories, by
-// link-time wrappers (-Wl,--wrap=...). They see the calls that this link's own objects make, those
-// of the test framework included, but not the calls made inside shared libraries.
+// link-time wrappers (-Wl,--wrap=...). They see the calls that this link's own objects make,
+// including those of the test framework, but not the calls made inside shared libraries.
 //
 // The switches are plain memory in which zero means "off", so they work before any initialiser has
 // run. A test sets its own with Faults::self(); voxstat-faulty shares them with the test that
@@ -40,7 +40,7 @@ struct Faults {
     // later calls fail too.
     void arm(std::string_view function, int n, int error, bool onwards = false);
     void disarm();  // for all functions
-    // Number of calls since then.
+    // Number of calls since the last of these two.
     int calls(std::string_view function) const { return switches[id(function)].made; }
 
     // The same for this many consecutive allocations. Counts from the first wait for input: a lack

@@ -1,7 +1,7 @@
 """A model of the daemon's formats, and the daemon and a web server as fixtures.
 
 The model computes what a report or a voice record should look like in the files. It shares no code with the daemon.
-Everything runs on free ports and below a temporary directory that goes with the test.
+Everything runs on free ports and below a temporary directory that is deleted after the test.
 """
 import os
 import re

@@ -21,7 +21,7 @@ CASES = expected("findings.cfg").split("\n\n")[1:]
 
 def check(config, *options, user=USER, first=""):
     """The exit status, and the output without the path of the file. DIR is its directory, USER the user, WHY libcurl's
-    message about a URL. The commands in first run in the mount namespace of the check."""
+    message about a URL. first: commands that run before it, in its mount namespace."""
     inside = ["unshare", "--mount", "sh", "-c", f'{first}; exec "$@"', "sh"] if first else []
     run = subprocess.run([*inside, BUILD / "tools/check/voxstat-check", "-f", config, "--user", user, *options],
                          capture_output=True, text=True, timeout=60, cwd=config.parent)

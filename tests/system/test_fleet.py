@@ -57,7 +57,7 @@ LOST = [{"RTCP_CNAME": "carriage\rreturn"}, {"RTCP_CNAME": "at the end\r"},     
         {"LOST_LOST_SINCE_LAST_REPORT_PERCENT": "nan"}]
 
 
-@pytest.mark.parametrize("fleet", [{"timeout": 60}], indirect=True)    # a slow answer costs no batch
+@pytest.mark.parametrize("fleet", [{"timeout": 60}], indirect=True)    # a slow answer must not lose a batch
 def test_every_report_of_twenty_units(fleet, start):
     """Each row is stored once and is equal to the line in the unit's own file. A malformed report loses only its own
     row. A service report is stored as a heartbeat, not as a report."""

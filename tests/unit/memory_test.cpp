@@ -1,4 +1,4 @@
-// If memory is short, a queue loses one record and counts it.
+// If memory is exhausted, a queue loses one record and counts it.
 #include <gtest/gtest.h>
 #include <poll.h>
 
