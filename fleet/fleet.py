@@ -130,10 +130,17 @@ def in_arguments(sql):
     return PARAMETER.sub(r"$fleet_\1", urllib.parse.quote_plus(sql, safe="(),*=/:{}"))
 
 
+def set_arguments(form, sql):
+    """Puts the statement together from pieces, because nginx refuses a word of more than 4 KiB. $args comes last,
+    because it contains the parameters until then."""
+    pieces = re.findall(r".{1,3000}(?:\+|$)", in_arguments(sql))
+    lines = ['$sql ""', *(f'$sql "${{sql}}{piece}"' for piece in pieces), f'$args "default_format={form}&query=$sql"']
+    return "\n".join(f"            set {line};" for line in lines)
+
+
 def query_location(name, sql):
     """The statement is fixed here; nginx inserts the parameters."""
-    return (f"        location = /query/{name} {{\n"
-            f"            set $args \"default_format=JSON&query={in_arguments(sql)}\";\n"
+    return (f"        location = /query/{name} {{\n{set_arguments('JSON', sql)}\n"
             "            limit_except GET { deny all; }\n            proxy_pass http://fleet_queries/;\n        }")
 
 
@@ -191,7 +198,8 @@ def write_configuration(directory, nodes, listen, keys, replicas=1, home=None, r
         "INGEST": servers.replace("@FAIL@", "5"), "QUERY_NODES": servers.replace("@FAIL@", "30"),
         "LISTEN": "\n".join(f"    listen {address};" for address in listen),
         "PARAMETERS": "\n".join(parameter_map(name, kind) for name, kind in parameters),
-        "METRICS": in_arguments(queries(nodes, replicas, "metrics.sql")["metrics"].replace("{ms:Float64}", str(ms))),
+        "METRICS": set_arguments("TabSeparatedRaw", queries(nodes, replicas, "metrics.sql")["metrics"].replace(
+            "{ms:Float64}", str(ms))),
         "QUERIES": "\n".join(query_location(name, text) for name, text in sql.items()),
     }
 

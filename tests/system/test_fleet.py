@@ -217,6 +217,9 @@ def test_set_up(tmp_path):
     assert ">::</listen_host>" in engines["fd00::2"]
     set_up("--rotate=40731", units="serial,name,site\n40731,,\n")
     assert sorted(path.name for path in tmp_path.glob("kept/gateway/units/*")) == ["40731", "40731.2"]
+    set_up(*(f"clickhouse{number}.example.com=10.0.0.{number}" for number in range(1, 100)), directory="many")
+    words = (tmp_path / "many/gateway/gateway.conf").read_text().split()
+    assert max(map(len, words)) < 4096      # nginx refuses longer ones
     assert not any(path.stat().st_mode & 0o007 for path in tmp_path.glob("kept/gateway/**/*.*") if path.is_file())
 
 
