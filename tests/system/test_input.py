@@ -54,9 +54,10 @@ def test_programs(start, tmp_path, language, command):
     subprocess.run(command, shell=True, cwd=tmp_path, check=True)
     daemon.stop()
     _, written = daemon.text().splitlines(keepends=True)
-    expected = line(GCID="3-1016", TID="2.117", FAR_END_IP="203.0.113.5", PACKETS=250, RTCP_CNAME="example")
+    expected = line(GCID="3-1016", TID="2.117", FAR_END_IP="203.0.113.5", PACKETS=250, SSRC=24301,
+                    RTCP_CNAME="example")
     assert written[30:] == expected[30:] and not written.startswith("1970")
     rtp = bytes.fromhex("80000001 000000a0 00005eed") + 8 * b"\xff"
-    packet = pcap_record(voice_record(rtp, source=("203.0.113.5", 5004), target=("192.0.2.7", 16384)))
+    packet = pcap_record(voice_record(rtp, source=("192.0.2.7", 16384), target=("203.0.113.5", 5004)))
     assert daemon.dump()[24 + 4:] == packet[4:]     # after the seconds of its time
     assert len(daemon.log()) == 2       # neither is about the input
