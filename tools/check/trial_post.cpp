@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdlib>
 #include <vector>
 
@@ -122,9 +123,9 @@ void find_arrived(double seconds, const std::string& told, std::size_t line, Fin
     if (seconds < SLOW_SECONDS)
         findings.note(line, "the post succeeded; ", told);
     else
-        findings.warning(line, "the post succeeded, but the answer took ", seconds,
-                         " seconds; the daemon drops reports while five posts are waiting: ",
-                         "make the server faster");
+        findings.warning(line, "the post succeeded, but the answer took ", std::lround(seconds),
+                         " seconds; the daemon has at most five posts in progress, and drops ",
+                         "reports when too many are waiting: make the server faster");
 }
 
 // The service has the environment of its unit, not that of this shell.
