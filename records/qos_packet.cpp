@@ -16,11 +16,12 @@ namespace {
 // - a row in both lists, and a higher FIELD_COUNT in the header;
 // - to be shown, a column in the layouts below and in the headers of filelog/file_logger.cpp; then
 //   also in tools/plot/statistics_line.cpp, fleet/schema.sql and fleet/gateway.conf, which take
-//   lines apart, in tests/system/conftest.py, fuzz/fuzz_report.cpp, bench/report_bench.cpp and
-//   bench/fleet_capacity.py, which put them together, and in the tables of docs/operations.md and
-//   the example in README.md;
-// - a place in docs/input.md, packaging/voxstat-input.7 and fuzz/report.dict, and in
-//   tools/sim/media_stream.cpp to be sent by the simulator.
+//   lines apart, in tests/system/conftest.py, tests/system/test_fleet.py, fuzz/fuzz_report.cpp,
+//   bench/report_bench.cpp and bench/fleet_capacity.py, which put them together, in the expected
+//   lines and sizes of tests/unit, and in the tables of docs/operations.md and the example in
+//   README.md;
+// - a place in docs/input.md, packaging/voxstat-input.7 and fuzz/report.dict, and, to be sent by
+//   the simulator, in tools/sim/media_stream.cpp and tests/system/data/calls.txt.
 enum Field : std::size_t {
     TYPE,
     TIME_STAMP_SEC,

@@ -185,7 +185,7 @@ def test_what_is_wrong_comes_first(store, page):
     assert page.browser.get_log("browser") == []
 
 
-def test_the_choice_stands_in_the_address(store, page):
+def test_the_address_contains_the_choice(store, page):
     first = store.answers["worst_calls"]["data"][0]
     page.browser.get(f"{store.url}#period=chosen&from=1e300&scale=x&call=x")     # an invalid value affects nothing else
     page.shows("[data-query=trend] h2", "The whole fleet over time")

@@ -4,7 +4,7 @@ import re
 from conftest import batch, line, report, wait_for
 
 
-def test_first_line_goes_at_once(start, web):
+def test_first_line_is_posted_at_once(start, web):
     daemon = start(elastic_url=web.url + "?a=b", log__http=4)
     daemon.send(report("QOS_EOS_NEAREND"), report("QOS"), report(RTCP_CNAME="first"))
     daemon.logged("Total idle curl handles: 5")

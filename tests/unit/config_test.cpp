@@ -23,7 +23,7 @@ TEST(Configuration, EveryLine)
         {"':' at the value's end", "a = b=:", '=', "a", "b=:"},
         {"two words before the separator", "a b = c", '=', "a", "c"},
         {"the other separator ends the key", "a:b = c", '=', "a", "c"},
-        {"comment behind the value", "a = x#y", '=', "a", "x"},
+        {"comment after the value", "a = x#y", '=', "a", "x"},
         {"the last line wins", "#a=1\n    \n\na=1\na=2", '=', "a", "2"},
         {"carriage return", "a=5\r\n", '=', "a", "5\r"},
         {"empty key", "  =x", '=', "", "x"},

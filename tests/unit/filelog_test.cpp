@@ -260,7 +260,7 @@ TEST(FileLogger, FlushesEachFileWhateverHappensToTheOthers)
     }
 }
 
-TEST(FileLogger, DoesWithoutAFileThatItCannotMake)
+TEST(FileLogger, RunsWithoutAFileThatItCannotCreate)
 {
     LogCapture log("log.default=0");
     const TempDir dir;

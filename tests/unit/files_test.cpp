@@ -59,7 +59,7 @@ TEST(FileObject, RotatesAfterTheFirstWriteThatBeginsAtTheLimit)
     }
 }
 
-TEST(FileObject, ReportsEveryEventAndNamesArchivesApart)
+TEST(FileObject, ReportsEveryEventAndNeverReusesAnArchiveName)
 {
     stop_the_clock();
     umask(0);

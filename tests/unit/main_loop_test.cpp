@@ -22,7 +22,7 @@ static std::string handed_on()
 }
 
 // No other thread runs, so the log shows the order of events.
-TEST(MainLoop, HandsOnWhatComes)
+TEST(MainLoop, PassesOnWhatArrives)
 {
     LogCapture log;
     const TempDir dir;
