@@ -137,7 +137,7 @@ def latency(store):
     times = list(seen.values())
     first, later = sorted(times[:len(units)]), sorted(times[len(units):])
     print(f"from the datagram to the row: {first[0]:.1f} to {first[-1]:.1f} s when the unit posts at once, "
-          f"{later[0]:.1f} to {later[-1]:.1f} s with its wait for a batch", flush=True)
+          f"{later[0]:.1f} to {later[-1]:.1f} s when it waits for a batch", flush=True)
 
 
 def main():

@@ -108,7 +108,7 @@ void check_separator(const std::string& text, const std::string& path, char sepa
         expect(key.find_first_of(" \t=:#\n") == std::string::npos, "a key is one word");
         expect(value.find_first_of("#\n") == std::string::npos, "a value ends at a comment");
         const std::string absent = key + '=';  // no key contains a separator
-        expect(!config.keyExists(absent), "no key but those of the file");
+        expect(!config.keyExists(absent), "only the keys of the file exist");
         expect_equal("default", config.getStringValue(absent, "default"), "the default text");
         expect(config.getIntValue(absent, INT_MIN) == INT_MIN, "the default number");
     }

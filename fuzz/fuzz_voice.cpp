@@ -100,7 +100,7 @@ Dump walk(const char* data, std::size_t size)
     }
     expect(end + datagram.bytes_left() == size, "lengths and rest sum up to the datagram");
     expect(size - end < VOICE_HEADER || big_endian(data + end, 4) > size - end - VOICE_HEADER,
-           "the walk ends at no whole record");
+           "the walk ends where no whole record follows");
     return dump;
 }
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs a fleet on loopback: two engine nodes, the gateway, and twenty daemons with simulated calls.
 
-Prints the answers of the queries, takes a picture of the page, and runs until Ctrl-C (--once: exits then).
+Prints the answers of the queries, takes a picture of the page, and runs until Ctrl-C. With --once, exits after the picture.
 """
 import contextlib
 import json

@@ -29,9 +29,10 @@ class QoSPacket;
 
 class WebClient : public LoggerHelper {
 public:
-    // Reads elastic_url and log.http, builds the handles and starts the workers. An empty URL or
-    // a failure switches reporting off, with a message; it never throws for the configuration, but
-    // throws std::bad_alloc. Main thread.
+    // Reads elastic_url and log.http, builds the handles and starts the workers. An empty URL
+    // switches reporting off, with a message, and so does a failure to initialise libcurl or the
+    // lock. Any other failure is logged; the handles and workers that could be created do the work.
+    // Throws only std::bad_alloc. Main thread.
     explicit WebClient(ConfigFile* config);
 
     // Stops the workers, deletes the handles and logs what was sent.

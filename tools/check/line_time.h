@@ -13,5 +13,5 @@ struct OutputFile;
 std::optional<time_t> log_line_time(const std::string& line);
 
 // The time of the last line, or of the last readable record of a dump, in the file or, if it has
-// none, in its newest archive.
+// none, in the newest archive that has one.
 std::optional<time_t> last_line_time(const OutputFile& file);

@@ -78,7 +78,7 @@ time_t Process::started() const
     std::string word;
     for (int i = 0; i <= START_TIME; i++)
         words >> word;
-    // From the boot to the start of the process. Within 249 days they exceed 31 bits.
+    // From the boot to the start of the process. After 249 days they exceed 31 bits.
     const std::int64_t ticks = std::atoll(word.c_str());
     return (milliseconds(CLOCK_REALTIME) - milliseconds(CLOCK_BOOTTIME) +
             ticks * MS_PER_SECOND / sysconf(_SC_CLK_TCK)) /

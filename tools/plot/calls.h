@@ -62,7 +62,7 @@ private:
 // A figure of a report, with so many decimals unless it is huge.
 std::string figure(double value, int decimals = 0);
 
-// "bad calls: 2 of 6 (loss 1 %, jitter 30 ms or round trip 300 ms and above)". The unit starts
-// with a space.
+// "bad calls: 2 of 6 (thresholds: loss 1 %, jitter 30 ms, round trip 300 ms)". The unit starts with
+// a space.
 std::string bad_calls_text(const std::vector<Call>& calls, const Thresholds& thresholds,
                            const std::string& unit);

@@ -18,8 +18,8 @@ class StatisticsFile {
 public:
     using Tell = std::function<void(const UnreadLines&)>;
 
-    // Skips column headers anywhere in the file. The first header, or the first readable line if
-    // there is no header, determines the kind of the file. A last line without line feed counts as
+    // Skips column headers anywhere in the file. The first header, or the first readable line if no
+    // header precedes it, determines the kind of the file. A last line without line feed counts as
     // unread, because the daemon may still be writing it. The input must outlive the object.
     StatisticsFile(InputFile& input, Tell tell_unread);
 
