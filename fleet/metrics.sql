@@ -7,11 +7,14 @@ FROM (
     SELECT arrayJoin([
         ('units_expected', 'Units listed in units.csv.', toFloat64(countIf(listed))),
         ('units_heard', 'Units heard in the last ten minutes.', toFloat64(countIf(heard))),
-        ('units_silent', 'Expected units that were not heard.', toFloat64(countIf(listed AND NOT heard))),
+        ('units_silent', 'Expected units that were not heard although their shard answers.',
+            toFloat64(countIf(listed AND answers AND NOT heard))),
+        ('units_missing', 'Expected units whose shard does not answer.', toFloat64(countIf(listed AND NOT answers))),
         ('units_unexpected', 'Units heard that are not listed in units.csv.', toFloat64(countIf(heard AND NOT listed)))
     ]) AS row, '' AS labels
     FROM (
-        SELECT sn, max(from_list) AS listed, max(from_store) AS heard FROM (
+        SELECT sn, max(from_list) AS listed, max(from_store) AS heard, @SHARD@ AS shard, @ANSWERS@ AS answers
+        FROM (
             SELECT sn, 1 AS from_list, 0 AS from_store FROM fleet.units
             UNION ALL
             SELECT sn, 0 AS from_list, 1 AS from_store FROM fleet.heartbeats WHERE received >= now() - 600 GROUP BY sn

@@ -154,6 +154,9 @@ def test_a_shard_that_is_down_is_named(fleet):  # noqa: F811
     wait_for(lambda: missing(fleet) == [(0, 1, set()), (1, 0, there)], 10, "for the shard to be missed")
     assert 0 < len(there) < 8 and fleet.nodes[0].sql(
         "SELECT count() FROM fleet.reports", user="viewer1", password=fleet.keys[-1]) == f"{8 - len(there)}\n"
+    text = fleet.request("/metrics", "monitor")[1].decode()
+    for sample in ("expected 8", f"heard {8 - len(there)}", "silent 0", f"missing {len(there)}"):
+        assert f"\nvoxstat_fleet_units_{sample}\n" in text
 
 
 def missing(store):
