@@ -29,11 +29,12 @@ function drawChart(place, title, curves, range, {from, to}) {
                 x: {type: "linear", min: from, max: to, grid,
                     title: {display: true, text: `Time (${zone(to)})`, color: color("--dim")},
                     ticks: {...ticks, stepSize, includeBounds: false, callback: value => timeLabel(value, to - from)}},
-                y: {...range, grace: "5%", grid, ticks: {...ticks, maxTicksLimit: 6}}},
+                y: {...range, grid, ticks: {...ticks, maxTicksLimit: 6}}},
             plugins: {
                 title: {display: true, text: title, color: color("--text"), align: "start"},
                 legend: {display: curves.length > 1, align: "start",
-                    labels: {color: color("--dim"), boxHeight: 0, boxWidth: 24}},
+                    // the boundary of a flat box is drawn there and back; at this width, the dashes coincide
+                    labels: {color: color("--dim"), boxHeight: 0, boxWidth: 30}},
                 tooltip: {callbacks: {title: items => moment(items[0].parsed.x)}}}}});
 }
 

@@ -32,7 +32,7 @@ const age = seconds => seconds < 120 ? `${Math.max(0, Math.round(seconds))} s`
 
 function chosenTime() {
     const end = Math.ceil(now()) + 1, period = chosen("period");
-    return period === "chosen" ? {from: Number(chosen("from")), to: Number(chosen("to")) || end}
+    return period === "chosen" ? {from: Math.max(DAY_S, Number(chosen("from"))), to: Number(chosen("to")) || end}
         : {from: end - Number(period), to: end};
 }
 
@@ -82,14 +82,14 @@ function showState() {
         for (const place of placesOf(query)) {
             place.classList.toggle("stale", Boolean(failure || unreachable));
             place.style.setProperty("--age",
-                drawn ? `" (old: ${moment(drawn)}, ${age(now() - drawn)} ago)"` : '" (no data yet)"');
+                drawn ? `" (as of ${moment(drawn)}, ${age(now() - drawn)} ago)"` : '" (no data yet)"');
         }
     const drawn = Object.values(parts).map(part => part.drawn).filter(Boolean);
     if (drawn.length)
         element("age").textContent = `Data as of ${moment(Math.min(...drawn))}, ${age(now() - Math.min(...drawn))} old`;
     const reasons = new Set(unreachable ? [unreachable] : failed.map(([, {failure}]) => failure));
     const text = reasons.size ? [unreachable ? "The store does not answer. This page shows old data."
-        : `Old data in: ${failed.map(([query]) => query.replace("_", " ")).join(", ")}.`,
+        : "Some queries failed. The marked parts of this page show old data.",
     ...reasons, "The page retries automatically."].join("\n") : "";
     element("error").hidden = !text;
     if (element("error").textContent !== text)      // a screen reader would repeat it
@@ -102,16 +102,17 @@ const toUnit = ({unit}) => address({unit, call: ""});
 const toSite = ({site}) => site && address({site, unit: "", call: ""});
 const toCall = row => row.id && address({call: [row.id, row.since, row.until].join("_")});
 const withUnit = row => ({...row, ...expected[row.unit] ??
-    {unit_name: Object.keys(expected).length ? "(not expected)" : "", site: ""}});
+    {unit_name: Object.keys(expected).length ? "(unexpected)" : "", site: ""}});
 const atTime = since => Object.assign(value => value ? moment(value) : `none since ${moment(since)}`, {time: true});
 const UNIT = ["unit", "Unit", null, toUnit], NAMES = [["unit_name", "Name"], ["site", "Site", null, toSite]];
 const RTCP_NAME = ["rtcp_name", "RTCP name"], CALL = ["call", "Call", null, toCall], TID = ["terminal", "TID"];
-const highest = () => [["mos_min", "MOS min", opinion], ["loss_max", "Loss max (%)", percent],
-    ["jitter_max", `Jitter max (${delayUnit()})`, delay], ["rtt_max", `Round trip max (${delayUnit()})`, delay]];
-const means = () => [["mos_mean", "MOS", opinion], ["loss_mean", "Loss (%)", percent],
-    ["jitter_mean", `Jitter (${delayUnit()})`, delay], ["rtt_mean", `Round trip (${delayUnit()})`, delay]];
+const highest = () => [["mos_min", "Min MOS", opinion], ["loss_max", "Max loss (%)", percent],
+    ["jitter_max", `Max jitter (${delayUnit()})`, delay], ["rtt_max", `Max round trip (${delayUnit()})`, delay]];
+const means = () => [["mos_mean", "Mean MOS", opinion], ["loss_mean", "Mean loss (%)", percent],
+    ["jitter_mean", `Mean jitter (${delayUnit()})`, delay], ["rtt_mean", `Mean round trip (${delayUnit()})`, delay]];
 const TRAFFIC = [["calls", "Calls", number], ["reports", "Reports", number]];
 const LAST = ["until", "Last report", atTime()];
+const NO_REPORTS = "No reports match the selection.";
 
 function fillSelect(id, all, options) {
     const select = element(id), value = chosen(id);
@@ -133,19 +134,20 @@ function showExpected(rows) {
         .map(row => [row.unit, `${row.unit} ${row.unit_name}`]));
     const lost = rows.filter(isMissing);
     element("missing").hidden = !down.length;
-    countIn("expected", `No answer from ${down.flatMap(({nodes}) => nodes).join(", ")}. Missing units: `, lost.length);
-    showTable("missing", [UNIT, ...NAMES], lost, "The page shows no data from these units until their shard answers.");
+    countIn("expected", `Nodes down: ${down.flatMap(({nodes}) => nodes).join(", ")}. Missing units: `, lost.length,
+        value => rows.length ? number(value) : "unknown (no units.csv)");
+    showTable("missing", [UNIT, ...NAMES], lost, "The page shows no data from a unit whose shard is down.");
 }
 
 function showSilent(rows, {from, to}) {
     const known = rows.filter(row => !isMissing(row)).map(row => ({...row, state:
         [row.silent && (row.last_heard ? `silent for ${age(to - row.last_heard)}` : "silent"),
-            !row.expected && "not expected"].filter(Boolean).join(", ")}));
+            !row.expected && "unexpected"].filter(Boolean).join(", ")}));
     countIn("silent", "Silent units: ", known.filter(row => row.silent).length);
     showTable("silent", [UNIT, ["state", "State"], ...NAMES,
         ["last_heartbeat", "Last heartbeat", atTime(to - HEARTBEATS_S)], ["last_report", "Last report", atTime(from)]],
     known, `A unit is silent when nothing has arrived from it for more than ${SILENT_AFTER_S / 60} minutes. ` +
-        `Units that are not expected (not in units.csv): ${number(known.filter(row => !row.expected).length)}.`);
+        `Unexpected units (not in units.csv): ${number(known.filter(row => !row.expected).length)}.`);
 }
 
 function showForeign(rows) {
@@ -165,36 +167,37 @@ function countIn(query, title, count, form = value => value ? number(value) : "n
 function showCalls(rows) {
     const bad = rows.filter(({severity}) => severity >= 1).length;
     countIn("worst_calls", "Worst calls: ", bad, count => count < 100 ? `${count} bad` : "100 or more bad");
-    showTable("calls", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME, ["loss_mean", "Loss (%)", percent],
-        TRAFFIC[1], LAST], rows.map(withUnit), "Worst calls first, ranked by the highest loss, jitter or " +
-        "round-trip time of each call, relative to the threshold for “bad”.");
+    showTable("calls", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME, ["loss_mean", "Mean loss (%)", percent],
+        TRAFFIC[1], LAST], rows.map(withUnit), rows.length ? "Worst calls first, ranked by the highest loss, jitter or " +
+        "round-trip time of each call, relative to the threshold for “bad”." : NO_REPORTS);
 }
 
 function showUnits(rows, total) {
-    showTable("units", [UNIT, ...means(), ["loss_max", "Loss max (%)", percent], ...NAMES, RTCP_NAME, ...TRAFFIC,
-        LAST], rows.map(withUnit), `Lowest mean MOS first, ${share(rows.length, total)} units.`);
+    showTable("units", [UNIT, ...means(), ["loss_max", "Max loss (%)", percent], ...NAMES, ...TRAFFIC, LAST],
+        rows.map(withUnit), rows.length ? `Lowest mean MOS first. Units: ${share(rows.length, total)}.` : NO_REPORTS);
 }
 
 const showSites = rows => showTable("sites", [NAMES[1], ...means(), ["units", "Units", number], ...TRAFFIC], rows,
-    "Lowest mean MOS first. Units that are not expected have no site.");
+    rows.length ? "Lowest mean MOS first. Unexpected units have no site." : NO_REPORTS);
 
-function showFound(rows) {
+function showFound(rows, total) {
     const text = chosen("find"), has = value => value.toLowerCase().includes(text.toLowerCase());
     const units = Object.values(expected).filter(row => has(row.unit) || has(row.unit_name) || has(row.site));
     element("found").querySelector("h2").textContent =
-        `Search for “${text}”. Units: ${number(units.length)}, calls: ${number(rows.length)}`;
+        `Search for “${text}”. Units: ${number(units.length)}, calls: ${share(rows.length, total)}`;
     showTable("found", [CALL, UNIT, ...highest(), ...NAMES, TID, RTCP_NAME, TRAFFIC[1], LAST],
         [...units.map(unit => ({...unit, call: "", terminal: "", rtcp_name: ""})), ...rows.map(withUnit)],
-        "Calls of the selected time, site and unit, the latest first.");
+        "Units by serial number, name or site. Calls of the selected time, site and unit by GCID, serial number or " +
+        "RTCP name, latest first.");
 }
 
 function showTiles(id, tiles) {
     element(id).replaceChildren(...tiles.map(([title, value, before]) => create("div", {}, create("b", {}, value),
-        create("span", {}, title, create("br"), "one day before: ", before))));
+        create("span", {}, title, create("br"), "24 h earlier: ", before))));
 }
 
 function showTotals([today], _, [before]) {
-    const titles = {units: `units heard, ${number(today.expected)} expected`, calls: "calls", reports: "reports"};
+    const titles = {units: `Units heard (expected: ${number(today.expected)})`, calls: "Calls", reports: "Reports"};
     showTiles("totals", Object.keys(titles).map(key => [titles[key], number(today[key]), number(before[key])]));
 }
 
@@ -204,7 +207,7 @@ function showTrend(rows, before, time) {
         (unit ? `Unit ${unit} ${name}` : site ? `Site ${site}` : "The whole fleet") + " over time";
     const curves = (column, factor) => [["mean", "--one", [], points(rows, `${column}_mean`, factor)],
         ...(column === "mos" ? [] : [["95th percentile", "--two", [4, 4], points(rows, `${column}_p95`, factor)]]),
-        ["one day before", "--dim", [1, 3], points(before, `${column}_mean`, factor, DAY_S)]];
+        ["24 h earlier", "--dim", [1, 3], points(before, `${column}_mean`, factor, DAY_S)]];
     drawCharts(element("trend"), [...charts(curves), ...(msPerUnit()
         ? [["MOS (estimate)", curves("mos", 1), {min: 1, max: 4.5}]] : [])], time);
     const mean = (from, column) => from.reduce((sum, row) => sum + row[column] * row.reports, 0) /
@@ -227,8 +230,8 @@ function callQuery({to}, opened) {
         const all = key => [...new Set(reports.map(report => report[key] || "unknown"))].join(", ");
         section.querySelector("h2").textContent = `Call ${unhex(gcid) || "(none)"} of unit ${unhex(sn)}`;
         section.querySelector("p").textContent = [`${moment(begin)} to ${moment(end)}`,
-            `${share(reports.length, total)} reports`, `TID ${unhex(tid) || "unknown"}`, `far end ${all("far_end")}`,
-            `RTCP name ${all("name")}`].join(", ");
+            `Reports: ${share(reports.length, total)}`, `TID: ${unhex(tid) || "unknown"}`,
+            `Far end: ${all("far_end")}`, `RTCP name: ${all("name")}`].join(". ");
         drawCharts(section.querySelector(".charts"), charts(ends), {from: begin - margin, to: end + margin});
         if (opened)
             section.focus();

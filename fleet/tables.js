@@ -42,9 +42,9 @@ function figure(key, value, form) {
     return create("span", {className: word}, value === undefined ? "" : form(value), word && ` ${word}`);
 }
 
-const legend = () => ["Fair", "Bad"].map((word, place) => `${word}: loss of at least ${LIMITS.loss[place]} %, jitter ` +
-    `of at least ${LIMITS.jitter[place]} ms, round trip of at least ${LIMITS.rtt[place]} ms, or a MOS below ` +
-    `${LIMITS.mos[place]}. `).join("") + "Figures that are not marked are good. The MOS is an estimate.";
+const legend = () => ["Fair", "Bad"].map((word, place) => `${word}: loss ≥ ${LIMITS.loss[place]} %, jitter ≥ ` +
+    `${LIMITS.jitter[place]} ms, round trip ≥ ${LIMITS.rtt[place]} ms, or MOS < ${LIMITS.mos[place]}. `).join("") +
+    "Figures that are not marked are good. The MOS is an estimate.";
 
 // A column: [key, title, format (text if there is none), address that its text links to].
 const tables = {};      // for each: its order, and whether it shows all rows
@@ -78,7 +78,7 @@ function showTable(id, columns, rows, caption) {
     const csv = create("button", {value: "csv", onclick: () => save(`${id}.csv`, csvText(columns, sorted))},
         "Download CSV");
     const hadFocus = place.contains(focused) && (focused.value || focused.href);
-    place.replaceChildren(create("p", {className: "note"}, rows.length ? caption : "None."),
+    place.replaceChildren(create("p", {className: "note"}, caption),
         create("div", {className: "scroll"}, create("table", {ariaLabel: id},
         create("thead", {}, create("tr", {}, ...head)), create("tbody", {}, ...lines))),
     create("div", {className: "tools"}, more, csv));

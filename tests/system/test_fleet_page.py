@@ -150,6 +150,7 @@ def size(page, width):
 def test_what_is_wrong_comes_first(store, page):
     """The page uses the store's clock: the recorded answers are older than the browser's time."""
     size(page, 1300)
+    store.answers["trend"]["data"][0]["loss_p95"] = 100
     page.browser.get(store.url)
     page.shows("[data-query=trend] h2", "The whole fleet over time")
     assert page.texts("main > section:not([hidden]) h2") == [
@@ -158,7 +159,7 @@ def test_what_is_wrong_comes_first(store, page):
     silent = page.rows("silent")
     assert [row[:4] for row in silent] == [
         ["LATE", "silent for 42 min", "=1+1", "Bonn"], ["NEVER", "silent", "<i>", "Aachen"],
-        ["<i>", "not expected", "–", "–"]]
+        ["<i>", "unexpected", "–", "–"]]
     stamp = time.strftime("%Y-%m-%d %H:%M", time.gmtime(store.now - LATE_S + 19800))
     assert silent[0][4].startswith(stamp) and silent[0][4].endswith(" GMT+5:30")
     assert silent[0][5].startswith("none since ") and silent[1][4].startswith("none since ")
@@ -167,15 +168,16 @@ def test_what_is_wrong_comes_first(store, page):
     assert len(calls) == 10 and calls[0][:6] == ["3-77", "U2", "2.65 bad", "9 bad", "60 bad", "300 bad"]
     assert [row[3] for row in calls[1:5]] == ["3 bad", "2 bad", "1 bad", "0.6 fair"]
     assert {row[9] for row in calls} >= set(ODD) and page.browser.title == "Call quality of the fleet"
-    assert page.texts("#totals > div")[0].startswith("3\nunits heard, 4 expected")
+    assert page.texts("#totals > div")[0].startswith("3\nUnits heard (expected: 4)")
     page.press("[data-table=calls] button[value=all]")
     assert len(page.rows("calls")) == 16
     page.press("[data-table=calls] th:nth-child(5) button")       # by jitter, and back
-    page.focuses("Jitter max (ms)")
+    page.focuses("Max jitter (ms)")
     assert page.rows("calls")[0][0] == "3-77"
     curves = page.run("const canvas = document.querySelector('#trend canvas');"
                       "return Chart.getChart(canvas).data.datasets.map(({data}) => data)")
     assert [min(store.now - point["x"] for point in curve) // 60 for curve in curves] == [0, 0, 1]     # yesterday's
+    assert page.run("return Chart.getChart(document.querySelector('#trend canvas')).scales.y.max") == 100
     page.run("finished = Infinity")      # no further round, which would replace the elements
     for control in page.browser.find_elements("css selector", "button, select, input, canvas, table"):
         assert control.accessible_name or not control.is_displayed(), control.get_attribute("outerHTML")
@@ -249,7 +251,7 @@ def test_old_data_says_so(store, page):
     assert page.browser.execute_async_script(LATE) == ["newer", "no failure"]
     store.faults["silent"] = 500, b"Code: 47"
     page.use("#refresh")
-    page.shows("#error", "Old data in: silent.\nCode: 47")
+    page.shows("#error", "Some queries failed. The marked parts of this page show old data.\nCode: 47")
     assert len(page.texts(".stale")) == 1 and len(page.rows("silent")) == 3
     del store.faults["silent"]
     wait_for(lambda: not page.find("#error").is_displayed(), 30, "for a retry")
@@ -263,10 +265,14 @@ def test_old_data_says_so(store, page):
     assert page.find("[data-query=foreign]").is_displayed()
     store.answers["shards"]["data"][1].update(up=0, missing=["LATE"])
     store.answers["foreign"]["data"] = []
-    page.shows("#missing h2", "No answer from node1. Missing units: 1")
+    page.shows("#missing h2", "Nodes down: node1. Missing units: 1")
     assert page.rows("missing") == [["LATE", "=1+1", "Bonn"]]
     page.shows("[data-query=silent] h2", "Silent units: 1")
     wait_for(lambda: not page.find("[data-query=foreign]").is_displayed(), 20, "for the foreign batches to go")
+    store.answers["expected"]["data"] = store.answers["worst_calls"]["data"] = []
+    page.run("refresh()")
+    page.shows("#missing h2", "Missing units: unknown (no units.csv)")
+    page.shows("[data-table=calls]", "No reports match the selection.")
 
 
 def fill(fleet, now):  # noqa: F811
@@ -321,7 +327,7 @@ def test_served_by_the_gateway(fleet, page):  # noqa: F811
         page.shows("#found h2", f"Search for “{name}”. Units: 0, calls: 1")
     assert not page.find("#error").is_displayed() and page.browser.get_log("browser") == []
     fleet.nodes[1].kill()
-    page.shows("#missing h2", "No answer from node1. ", 20)
+    page.shows("#missing h2", "Nodes down: node1. ", 20)
     fleet.nodes[0].kill()
     page.shows("#error", "The store does not answer.", 20)
     assert page.texts(".stale[data-query=sites]")
